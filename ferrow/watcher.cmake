@@ -1,0 +1,1 @@
+# The service watcher library; its sources are listed as they are written.
