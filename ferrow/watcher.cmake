@@ -1,1 +1,14 @@
 # The service watcher library; its sources are listed as they are written.
+# Headers under source/ are private to the library.
+add_library(ferrow
+  source/service_watcher.cpp
+  source/service_watcher_impl.cpp
+  source/zlib.cpp)
+add_library(ferrow::ferrow ALIAS ferrow)
+target_include_directories(ferrow
+  PUBLIC
+    $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
+  PRIVATE
+    ${CMAKE_CURRENT_SOURCE_DIR}/source)
+target_link_libraries(ferrow PUBLIC ferrow_connection ferrow_messages ZLIB::ZLIB Boost::headers)

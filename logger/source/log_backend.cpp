@@ -147,7 +147,9 @@ LogHandler SetLogHandler(LogHandler handler) {
 
 void ForceLockHandlers() {
     // Waits for a handler replacement in progress, so that a record is never
-    // handed to a handler that is being swapped out.
+    // handed to a handler that is being swapped out. A handler's own records
+    // skip it: this thread already holds the handler lock.
+    if (t_inHandler) return;
     HandlerState& state = State();
     std::lock_guard<std::mutex> lock(state.mtx);
 }

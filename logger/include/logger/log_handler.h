@@ -25,7 +25,8 @@ struct LogRecord {
 };
 
 // Receives records; called from whatever thread finished the record, with
-// the back end's handler lock held, so calls never overlap. It must not log.
+// the back end's handler lock held, so calls never overlap. A record the
+// handler writes itself goes to the default writer (standard error).
 using LogHandler = std::function<void(const LogRecord&)>;
 
 // Replaces the handler; an empty handler restores the default, which writes

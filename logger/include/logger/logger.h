@@ -2,8 +2,8 @@
 
 // Log records: a level gate, named sources and a per-thread record builder.
 // Every finished record goes to the back end through ForceLockHandlers and
-// LogMessage; the back end (logger/source/logger.cpp, logger/log_sink.h) turns
-// records into lines and lets an application route them elsewhere.
+// LogMessage; the back end (logger/log_handler.h, source/log_backend.cpp)
+// turns records into lines and lets an application route them elsewhere.
 
 #include <atomic>
 #include <cstdint>

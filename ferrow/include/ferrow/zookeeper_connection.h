@@ -1,0 +1,181 @@
+#pragma once
+
+// The real Connection: one ZooKeeper session (libzookeeper_mt) whose watch
+// events, asynchronous results and session events are delivered on one
+// thread owned by the connection.
+//
+// Threads. Three kinds run inside a connection:
+//  - the C client's own I/O and completion threads, which never run user
+//    code: they only queue deliveries and signal waiting synchronous calls;
+//  - the delivery thread, which runs every WatchFunction, result callback and
+//    ConnectionObserver::OnSessionEvent of this connection, one at a time, in
+//    the order the C client produced them, never inside the request that
+//    registered them. A callback may call any operation of the connection,
+//    synchronous ones included, and may drop the last reference to it;
+//  - the session thread, which replaces an expired session.
+//
+// Session expiry. The observers receive the expired session event; the
+// connection then closes that session and opens a new one with the same
+// options, whose connected event follows. Watch and session events of the
+// old session are dropped once the new one exists; result callbacks are
+// always delivered, exactly once, for every request accepted with ZOK.
+// While no session is usable, requests fail at once with ZINVALIDSTATE.
+// While the client is reconnecting (connection lost, session alive) requests
+// are queued by the client and complete when it reconnects or gives up.
+//
+// Destruction closes the session and joins every thread; no callback runs
+// after the destructor returns, and deliveries still queued are dropped.
+// When the last reference goes away on the delivery thread itself, the
+// delivery thread finishes the running callback and then ends by itself.
+//
+// Exceptions thrown by callbacks are caught on the delivery thread, logged at
+// JXLOG_ERROR under the source "ferrow.connection", and delivery goes on. A
+// throwing observer ends the notification of that one event.
+//
+// The C client's own log lines (warnings and errors only) are routed into the
+// logger at JXLOG_WARNING under the source "ferrow.connection.client"; the
+// client never writes to stderr.
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <thread>
+
+#include "ferrow/connection_v2.h"
+
+namespace jx {
+namespace ferrow {
+
+struct ConnectionOptions {
+    // host:port[,host:port...][/chroot]
+    String connect;
+    // Requested session timeout. Synchronous operations wait at most this
+    // long for their result, whatever timeout the server negotiates.
+    std::chrono::milliseconds sessionTimeout{10000};
+    // "user:password", added as digest credentials to every new session;
+    // empty for none.
+    String digestAuth;
+};
+
+namespace details {
+class DeliveryQueue;
+struct SyncCall;
+}  // namespace details
+
+class ZooKeeperConnection : public Connection {
+public:
+    // Starts connecting and returns at once; see WaitConnected. Throws
+    // ZooError(ZBADARGUMENTS) for a malformed connect string and
+    // ZooError(ZSYSTEMERROR) when the client cannot be started.
+    static std::shared_ptr<ZooKeeperConnection> Open(ConnectionOptions options);
+
+    ~ZooKeeperConnection() override;
+    ZooKeeperConnection(const ZooKeeperConnection&) = delete;  // owns a session
+    ZooKeeperConnection& operator=(const ZooKeeperConnection&) = delete;
+
+    // Blocks until the current session is connected or `deadline` has passed;
+    // returns whether it is connected. Needs no delivery, so it may be called
+    // on any thread.
+    bool WaitConnected(std::chrono::milliseconds deadline) const;
+
+    // The current session's id and password (the client's clientid_t); 0 and
+    // empty while no session exists. The id is 0 until first connected.
+    std::int64_t SessionId() const;
+    String SessionPassword() const;
+
+    // Watch bookkeeping records alive: one per watch the client may still
+    // deliver, freed when its node event is delivered, its read fails or its
+    // session is closed. For diagnostics and tests.
+    size_t PendingWatchCount() const;
+
+    // Connection. ZOO_EXPIRED_SESSION_STATE while no session exists.
+    int State() const override;
+    int Get(String path, String& out, Stat* stat) const override;
+    std::pair<int, WatchHandle> AsyncGetChildren(String path, WatchFunction watch,
+                                                 ChildrenResult result) const override;
+    std::pair<int, WatchHandle> AsyncGet(String path, WatchFunction watch,
+                                         DataResult result) const override;
+    int Create(String path, const String& data, const ACL_vector& acl, int flags) const override;
+    int Set(String path, const String& data, int version, Stat* stat) const override;
+    int Delete(String path, int version) const override;
+    int Exists(String path, Stat* stat) const override;
+    int GetChildren(String path, std::vector<String>& children) const override;
+
+private:
+    struct Session;
+    struct WatchRecord;
+    struct AsyncRequest;
+
+    explicit ZooKeeperConnection(ConnectionOptions options);
+
+    // Creates a session of a new generation and makes it current. Returns
+    // ZOK, or ZBADARGUMENTS / ZSYSTEMERROR when the client cannot be started.
+    // Never runs concurrently with itself (Open, then the session thread).
+    int OpenSession();
+    // Closes `session` (with no lock of this object held: the client calls
+    // pending completions with ZCLOSING on this thread) and frees its watches.
+    void CloseSession(std::unique_ptr<Session> session);
+    // Takes the current session away so that no request can reach it.
+    std::unique_ptr<Session> TakeSession();
+
+    // The session thread: replaces an expired session when asked.
+    void RunSessionThread();
+    // Asks the session thread to replace the session of `generation`.
+    void RequestRenewal(std::uint64_t generation);
+    // On the delivery thread: notifies the observers, then asks for a new
+    // session when the event reports expiry.
+    void DeliverSessionEvent(std::uint64_t generation, int type, int state, const String& path);
+
+    // Issues a synchronous request: `issue(zh, ctx)` runs under a shared lock
+    // of m_sessionMtx and returns the client's code; then the call waits for
+    // the completion at most m_options.sessionTimeout.
+    template <typename Issue>
+    int RunSync(const std::shared_ptr<details::SyncCall>& call, Issue&& issue) const;
+
+    // Registers a watch record, issues `issue(zh, record, request)` and undoes
+    // both when the client refuses the request.
+    template <typename Issue>
+    std::pair<int, WatchHandle> RunAsync(String path, WatchFunction watch,
+                                         std::unique_ptr<AsyncRequest> request,
+                                         Issue&& issue) const;
+
+    // The C client's callbacks.
+    static void OnClientSessionEvent(zhandle_t* zh, int type, int state, const char* path, void* ctx);
+    static void OnClientWatchEvent(zhandle_t* zh, int type, int state, const char* path, void* ctx);
+    static void OnClientData(int rc, const char* value, int len, const Stat* stat, const void* data);
+    static void OnClientChildren(int rc, const String_vector* strings, const void* data);
+
+    const ConnectionOptions m_options;
+    std::weak_ptr<ZooKeeperConnection> m_self;  // set by Open
+
+    // Shared with the delivery thread, which outlives this object when the
+    // last reference is dropped on it.
+    std::shared_ptr<details::DeliveryQueue> m_queue;
+    std::thread m_deliveryThread;
+
+    // Guards m_session: shared while a request is issued, exclusive while the
+    // session is replaced. Never held while waiting for a result.
+    mutable std::shared_mutex m_sessionMtx;
+    std::unique_ptr<Session> m_session;
+    std::uint64_t m_lastGeneration = 0;  // touched only by OpenSession
+
+    std::atomic<size_t> m_pendingWatches{0};
+
+    // Wakes WaitConnected on every session event. Leaf lock apart from the
+    // shared lock State() takes inside it.
+    mutable std::mutex m_stateMtx;
+    mutable std::condition_variable m_stateCv;
+
+    std::mutex m_renewMtx;  // guards the two fields below
+    std::condition_variable m_renewCv;
+    std::uint64_t m_renewGeneration = 0;  // 0: nothing to renew
+    bool m_stopping = false;
+    std::thread m_sessionThread;
+};
+
+}  // namespace ferrow
+}  // namespace jx

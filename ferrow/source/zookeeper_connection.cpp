@@ -1,0 +1,520 @@
+#include "ferrow/zookeeper_connection.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <unordered_map>
+#include <utility>
+
+#include "delivery_queue.h"
+#include "ferrow/error.h"
+#include "logger/logger.h"
+
+namespace jx {
+namespace ferrow {
+
+namespace details {
+
+// The state of one synchronous request, shared by the waiting caller and the
+// C client's completion (which owns a heap-held shared_ptr to it), so that a
+// completion arriving after the caller gave up touches no freed memory. The
+// completion fills the fields under m_mtx before setting m_done.
+struct SyncCall {
+    explicit SyncCall(size_t capacity = 0) : m_capacity(capacity) {}
+
+    std::mutex m_mtx;
+    std::condition_variable m_cv;
+    bool m_done = false;
+    int m_rc = ZOK;
+    const size_t m_capacity;  // Get only: the largest node accepted
+    String m_data;
+    Stat m_stat{};
+    std::vector<String> m_children;
+};
+
+}  // namespace details
+
+namespace {
+
+using details::SyncCall;
+
+const logging::ConstSourcePtr g_log = logging::MakeSource("ferrow.connection");
+const logging::ConstSourcePtr g_clientLog = logging::MakeSource("ferrow.connection.client");
+
+void LogClientLine(const char* message) { JXLOG(logging::JXLOG_WARNING, g_clientLog) << message; }
+
+// The client's log level and stream are process-wide. Lines of a handle go to
+// LogClientLine; the few written without one go nowhere instead of stderr.
+void ConfigureClientLogging() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        zoo_set_debug_level(ZOO_LOG_LEVEL_WARN);
+        if (FILE* sink = std::fopen("/dev/null", "w")) zoo_set_log_stream(sink);
+    });
+}
+
+// Takes ownership of the context handed to a synchronous request's completion.
+std::unique_ptr<std::shared_ptr<SyncCall>> AdoptSync(const void* data) {
+    return std::unique_ptr<std::shared_ptr<SyncCall>>(
+        static_cast<std::shared_ptr<SyncCall>*>(const_cast<void*>(data)));
+}
+
+// Completes a synchronous request: `fill` runs under the call's lock, then
+// the waiter (if still waiting) is woken.
+template <typename Fill>
+void FinishSync(const void* data, int rc, Fill&& fill) {
+    std::unique_ptr<std::shared_ptr<SyncCall>> holder = AdoptSync(data);
+    SyncCall& call = **holder;
+    {
+        std::lock_guard<std::mutex> lock(call.m_mtx);
+        call.m_rc = rc;
+        if (rc == ZOK) fill(call);
+        call.m_done = true;
+    }
+    call.m_cv.notify_all();
+}
+
+void SyncVoidDone(int rc, const void* data) {
+    FinishSync(data, rc, [](SyncCall&) {});
+}
+
+void SyncStringDone(int rc, const char*, const void* data) {
+    FinishSync(data, rc, [](SyncCall&) {});
+}
+
+void SyncStatDone(int rc, const Stat* stat, const void* data) {
+    FinishSync(data, rc, [stat](SyncCall& call) {
+        if (stat) call.m_stat = *stat;
+    });
+}
+
+void SyncDataDone(int rc, const char* value, int len, const Stat* stat, const void* data) {
+    const size_t size = len > 0 ? static_cast<size_t>(len) : 0;
+    const size_t capacity = (*static_cast<const std::shared_ptr<SyncCall>*>(data))->m_capacity;
+    FinishSync(data, (rc == ZOK && size > capacity) ? ZBADARGUMENTS : rc, [&](SyncCall& call) {
+        call.m_data.assign(value != nullptr ? value : "", size);
+        if (stat) call.m_stat = *stat;
+    });
+}
+
+void SyncStringsDone(int rc, const String_vector* strings, const void* data) {
+    FinishSync(data, rc, [strings](SyncCall& call) {
+        if (strings == nullptr) return;
+        for (int i = 0; i < strings->count; ++i) call.m_children.emplace_back(strings->data[i]);
+    });
+}
+
+std::vector<String> ToNames(const String_vector* strings) {
+    std::vector<String> names;
+    if (strings == nullptr) return names;
+    names.reserve(static_cast<size_t>(strings->count));
+    for (int i = 0; i < strings->count; ++i) names.emplace_back(strings->data[i]);
+    return names;
+}
+
+}  // namespace
+
+// One watch the client may still deliver. Owned by its session's registry;
+// the client holds its address as the watcher context.
+struct ZooKeeperConnection::WatchRecord {
+    WatchRecord(Session& session, std::shared_ptr<WatchContext> ctx) : m_session(session), m_ctx(std::move(ctx)) {}
+
+    Session& m_session;
+    // Moved out before the record is freed on a client thread, so that the
+    // context (and the user's function in it) is released on the delivery
+    // thread: it may hold the last reference to the connection.
+    std::shared_ptr<WatchContext> m_ctx;
+};
+
+// One client handle and the watch records registered through it. Outlives
+// the handle: it is destroyed only after zookeeper_close returned.
+struct ZooKeeperConnection::Session {
+    Session(ZooKeeperConnection& conn, std::uint64_t generation) : m_conn(conn), m_generation(generation) {}
+
+    WatchRecord* AddWatch(std::shared_ptr<WatchContext> ctx) {
+        auto record = std::make_unique<WatchRecord>(*this, std::move(ctx));
+        WatchRecord* raw = record.get();
+        {
+            std::lock_guard<std::mutex> lock(m_watchMtx);
+            m_watches.emplace(raw, std::move(record));
+        }
+        ++m_conn.m_pendingWatches;
+        return raw;
+    }
+
+    // Removes `record` from the registry and returns it (null if absent).
+    std::unique_ptr<WatchRecord> TakeWatch(WatchRecord* record) {
+        std::unique_ptr<WatchRecord> taken;
+        {
+            std::lock_guard<std::mutex> lock(m_watchMtx);
+            auto it = m_watches.find(record);
+            if (it == m_watches.end()) return taken;
+            taken = std::move(it->second);
+            m_watches.erase(it);
+        }
+        --m_conn.m_pendingWatches;
+        return taken;
+    }
+
+    ZooKeeperConnection& m_conn;
+    const std::uint64_t m_generation;
+    zhandle_t* m_zh = nullptr;
+    std::mutex m_watchMtx;
+    std::unordered_map<WatchRecord*, std::unique_ptr<WatchRecord>> m_watches;  // guarded by m_watchMtx
+};
+
+// The completion context of an asynchronous read; exactly one of the two
+// results is set. m_record is null for a read that sets no watch.
+struct ZooKeeperConnection::AsyncRequest {
+    Session* m_session = nullptr;
+    WatchRecord* m_record = nullptr;
+    DataResult m_onData;
+    ChildrenResult m_onChildren;
+};
+
+std::shared_ptr<ZooKeeperConnection> ZooKeeperConnection::Open(ConnectionOptions options) {
+    ConfigureClientLogging();
+    std::shared_ptr<ZooKeeperConnection> conn(new ZooKeeperConnection(std::move(options)));
+    conn->m_self = conn;
+    conn->m_deliveryThread = std::thread(&details::DeliveryQueue::Run, conn->m_queue);
+    conn->m_sessionThread = std::thread(&ZooKeeperConnection::RunSessionThread, conn.get());
+    const int rc = conn->OpenSession();
+    if (rc != ZOK) throw ZooError(rc);
+    return conn;
+}
+
+ZooKeeperConnection::ZooKeeperConnection(ConnectionOptions options)
+    : m_options(std::move(options)), m_queue(std::make_shared<details::DeliveryQueue>()) {}
+
+ZooKeeperConnection::~ZooKeeperConnection() {
+    {
+        std::lock_guard<std::mutex> lock(m_renewMtx);
+        m_stopping = true;
+    }
+    m_renewCv.notify_all();
+    if (m_sessionThread.joinable()) m_sessionThread.join();
+
+    // Stop first: completions the close produces are dropped, and a callback
+    // blocked in a synchronous call is released by the close (ZCLOSING).
+    m_queue->Stop();
+    if (std::unique_ptr<Session> session = TakeSession()) CloseSession(std::move(session));
+
+    if (!m_deliveryThread.joinable()) return;
+    if (m_deliveryThread.get_id() == std::this_thread::get_id()) {
+        // The last reference went away inside a callback: the thread returns
+        // to its loop, sees the stop and ends, owning the queue alone.
+        m_deliveryThread.detach();
+    } else {
+        m_deliveryThread.join();
+    }
+}
+
+int ZooKeeperConnection::OpenSession() {
+    auto session = std::make_unique<Session>(*this, ++m_lastGeneration);
+    m_queue->SetGeneration(session->m_generation);
+    errno = 0;
+    session->m_zh = zookeeper_init2(m_options.connect.c_str(), &OnClientSessionEvent,
+                                    static_cast<int>(m_options.sessionTimeout.count()), nullptr,
+                                    session.get(), 0, &LogClientLine);
+    if (session->m_zh == nullptr) {
+        const int error = errno;
+        JXLOG(logging::JXLOG_ERROR, g_log) << "Cannot start a session with " << m_options.connect
+                                           << ": errno " << error;
+        return error == EINVAL ? ZBADARGUMENTS : ZSYSTEMERROR;
+    }
+    if (!m_options.digestAuth.empty()) {
+        const int rc = zoo_add_auth(session->m_zh, "digest", m_options.digestAuth.data(),
+                                    static_cast<int>(m_options.digestAuth.size()), nullptr, nullptr);
+        if (rc != ZOK) JXLOG(logging::JXLOG_ERROR, g_log) << "Cannot add digest credentials: " << zerror(rc);
+    }
+    {
+        std::unique_lock<std::shared_mutex> lock(m_sessionMtx);
+        m_session = std::move(session);
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_stateMtx);
+    }
+    m_stateCv.notify_all();
+    return ZOK;
+}
+
+std::unique_ptr<ZooKeeperConnection::Session> ZooKeeperConnection::TakeSession() {
+    std::unique_lock<std::shared_mutex> lock(m_sessionMtx);
+    m_queue->SetGeneration(0);
+    return std::move(m_session);
+}
+
+void ZooKeeperConnection::CloseSession(std::unique_ptr<Session> session) {
+    zookeeper_close(session->m_zh);
+    // The client has stopped: what is left in the registry will never be
+    // delivered. Released on the delivery thread, as a no-op delivery, for
+    // the contexts may hold the last reference to this connection; destroyed
+    // here instead when the queue is stopped (this object is being destroyed).
+    auto left = std::make_shared<std::unordered_map<WatchRecord*, std::unique_ptr<WatchRecord>>>();
+    {
+        std::lock_guard<std::mutex> lock(session->m_watchMtx);
+        left->swap(session->m_watches);
+    }
+    m_pendingWatches -= left->size();
+    if (!left->empty()) m_queue->Push(0, true, [left] {});
+}
+
+void ZooKeeperConnection::RunSessionThread() {
+    std::unique_lock<std::mutex> lock(m_renewMtx);
+    for (;;) {
+        m_renewCv.wait(lock, [this] { return m_stopping || m_renewGeneration != 0; });
+        if (m_stopping) return;
+        const std::uint64_t expired = std::exchange(m_renewGeneration, 0);
+        lock.unlock();
+
+        std::unique_ptr<Session> old;
+        {
+            std::unique_lock<std::shared_mutex> sessionLock(m_sessionMtx);
+            if (m_session && m_session->m_generation == expired) {
+                m_queue->SetGeneration(0);
+                old = std::move(m_session);
+            }
+        }
+        if (old) {
+            CloseSession(std::move(old));
+            JXLOG(logging::JXLOG_INFO, g_log) << "Session expired, opening a new one";
+            while (OpenSession() != ZOK) {
+                lock.lock();
+                if (m_renewCv.wait_for(lock, std::chrono::seconds(1), [this] { return m_stopping; })) return;
+                lock.unlock();
+            }
+        }
+        lock.lock();
+    }
+}
+
+void ZooKeeperConnection::RequestRenewal(std::uint64_t generation) {
+    {
+        std::lock_guard<std::mutex> lock(m_renewMtx);
+        m_renewGeneration = generation;
+    }
+    m_renewCv.notify_all();
+}
+
+void ZooKeeperConnection::DeliverSessionEvent(std::uint64_t generation, int type, int state,
+                                              const String& path) {
+    details::RunGuarded([&] { NotifyObservers(&ConnectionObserver::OnSessionEvent, type, state, path); });
+    if (state == ZOO_EXPIRED_SESSION_STATE) RequestRenewal(generation);
+}
+
+void ZooKeeperConnection::OnClientSessionEvent(zhandle_t*, int type, int state, const char* path, void* ctx) {
+    Session& session = *static_cast<Session*>(ctx);
+    ZooKeeperConnection& conn = session.m_conn;
+    {
+        std::lock_guard<std::mutex> lock(conn.m_stateMtx);
+    }
+    conn.m_stateCv.notify_all();
+    if (type != ZOO_SESSION_EVENT) return;
+    const std::uint64_t generation = session.m_generation;
+    // A weak reference: a queued event must not keep the connection alive.
+    // Held strongly while the observers run, so that one of them dropping
+    // the last reference destroys the connection only after the notification.
+    std::weak_ptr<ZooKeeperConnection> weak = conn.m_self;
+    conn.m_queue->Push(generation, false, [weak, generation, type, state, text = String(path ? path : "")] {
+        if (std::shared_ptr<ZooKeeperConnection> self = weak.lock()) {
+            self->DeliverSessionEvent(generation, type, state, text);
+        }
+    });
+}
+
+void ZooKeeperConnection::OnClientWatchEvent(zhandle_t*, int type, int state, const char* path, void* ctx) {
+    // The client copies every session event to every registered watcher; the
+    // session watcher reports those once.
+    if (type == ZOO_SESSION_EVENT) return;
+    auto* record = static_cast<WatchRecord*>(ctx);
+    Session& session = record->m_session;
+    std::shared_ptr<WatchContext> watch = std::move(record->m_ctx);
+    session.TakeWatch(record);
+    session.m_conn.m_queue->Push(session.m_generation, false,
+                                 [watch, type, state, text = String(path ? path : "")] {
+                                     InvokeWatch(*watch, type, state, text);
+                                 });
+}
+
+void ZooKeeperConnection::OnClientData(int rc, const char* value, int len, const Stat* stat, const void* data) {
+    std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
+    Session& session = *request->m_session;
+    // The client registers the watch only when the read succeeds.
+    std::shared_ptr<WatchContext> unused;
+    if (rc != ZOK && request->m_record != nullptr) {
+        unused = std::move(request->m_record->m_ctx);
+        session.TakeWatch(request->m_record);
+    }
+    String bytes = (rc == ZOK && value != nullptr && len > 0) ? String(value, static_cast<size_t>(len)) : String();
+    const bool hasStat = rc == ZOK && stat != nullptr;
+    const Stat copy = hasStat ? *stat : Stat{};
+    session.m_conn.m_queue->Push(
+        session.m_generation, true,
+        [result = std::move(request->m_onData), unused = std::move(unused), rc, bytes = std::move(bytes), hasStat, copy]() mutable {
+            result(rc, std::move(bytes), hasStat ? &copy : nullptr);
+        });
+}
+
+void ZooKeeperConnection::OnClientChildren(int rc, const String_vector* strings, const void* data) {
+    std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
+    Session& session = *request->m_session;
+    std::shared_ptr<WatchContext> unused;
+    if (rc != ZOK && request->m_record != nullptr) {
+        unused = std::move(request->m_record->m_ctx);
+        session.TakeWatch(request->m_record);
+    }
+    session.m_conn.m_queue->Push(
+        session.m_generation, true,
+        [result = std::move(request->m_onChildren), unused = std::move(unused), rc, names = ToNames(strings)]() mutable {
+            result(rc, std::move(names));
+        });
+}
+
+bool ZooKeeperConnection::WaitConnected(std::chrono::milliseconds deadline) const {
+    std::unique_lock<std::mutex> lock(m_stateMtx);
+    return m_stateCv.wait_for(lock, deadline, [this] { return State() == ZOO_CONNECTED_STATE; });
+}
+
+int ZooKeeperConnection::State() const {
+    std::shared_lock<std::shared_mutex> lock(m_sessionMtx);
+    return m_session ? zoo_state(m_session->m_zh) : ZOO_EXPIRED_SESSION_STATE;
+}
+
+std::int64_t ZooKeeperConnection::SessionId() const {
+    std::shared_lock<std::shared_mutex> lock(m_sessionMtx);
+    return m_session ? zoo_client_id(m_session->m_zh)->client_id : 0;
+}
+
+String ZooKeeperConnection::SessionPassword() const {
+    std::shared_lock<std::shared_mutex> lock(m_sessionMtx);
+    if (!m_session) return String();
+    const clientid_t* id = zoo_client_id(m_session->m_zh);
+    return String(id->passwd, sizeof(id->passwd));
+}
+
+size_t ZooKeeperConnection::PendingWatchCount() const { return m_pendingWatches.load(); }
+
+template <typename Issue>
+int ZooKeeperConnection::RunSync(const std::shared_ptr<SyncCall>& call, Issue&& issue) const {
+    auto context = std::make_unique<std::shared_ptr<SyncCall>>(call);
+    {
+        std::shared_lock<std::shared_mutex> lock(m_sessionMtx);
+        if (!m_session) return ZINVALIDSTATE;
+        const int rc = issue(m_session->m_zh, context.get());
+        if (rc != ZOK) return rc;  // the completion will never run
+    }
+    context.release();  // owned by the completion now
+    std::unique_lock<std::mutex> lock(call->m_mtx);
+    if (!call->m_cv.wait_for(lock, m_options.sessionTimeout, [&] { return call->m_done; })) {
+        return ZOPERATIONTIMEOUT;
+    }
+    return call->m_rc;
+}
+
+template <typename Issue>
+std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String path, WatchFunction watch,
+                                                                      std::unique_ptr<AsyncRequest> request,
+                                                                      Issue&& issue) const {
+    // An empty watch function sets no watch at all.
+    std::shared_ptr<WatchContext> ctx;
+    if (watch) ctx = std::make_shared<WatchContext>(*this, std::move(watch));
+    // Declared before the lock: a refused request's callbacks are destroyed
+    // after it is released.
+    std::unique_ptr<WatchRecord> refusedRecord;
+    std::shared_lock<std::shared_mutex> lock(m_sessionMtx);
+    if (!m_session) return {ZINVALIDSTATE, WatchHandle()};
+    Session& session = *m_session;
+    request->m_session = &session;
+    if (ctx) request->m_record = session.AddWatch(ctx);
+    WatchRecord* record = request->m_record;
+    AsyncRequest* raw = request.release();
+    const int rc = issue(session.m_zh, path.c_str(), record, raw);
+    if (rc != ZOK) {
+        // Neither the watcher nor the completion will ever be called.
+        request.reset(raw);
+        if (record) refusedRecord = session.TakeWatch(record);
+        return {rc, WatchHandle()};
+    }
+    return {ZOK, ctx ? MakeWatchHandle(std::move(ctx)) : WatchHandle()};
+}
+
+std::pair<int, Connection::WatchHandle> ZooKeeperConnection::AsyncGet(String path, WatchFunction watch,
+                                                                      DataResult result) const {
+    auto request = std::make_unique<AsyncRequest>();
+    request->m_onData = std::move(result);
+    return RunAsync(std::move(path), std::move(watch), std::move(request),
+                    [](zhandle_t* zh, const char* node, WatchRecord* record, AsyncRequest* context) {
+                        if (record == nullptr) return zoo_aget(zh, node, 0, &OnClientData, context);
+                        return zoo_awget(zh, node, &OnClientWatchEvent, record, &OnClientData, context);
+                    });
+}
+
+std::pair<int, Connection::WatchHandle> ZooKeeperConnection::AsyncGetChildren(String path, WatchFunction watch,
+                                                                              ChildrenResult result) const {
+    auto request = std::make_unique<AsyncRequest>();
+    request->m_onChildren = std::move(result);
+    return RunAsync(std::move(path), std::move(watch), std::move(request),
+                    [](zhandle_t* zh, const char* node, WatchRecord* record, AsyncRequest* context) {
+                        if (record == nullptr) return zoo_aget_children(zh, node, 0, &OnClientChildren, context);
+                        return zoo_awget_children(zh, node, &OnClientWatchEvent, record, &OnClientChildren,
+                                                  context);
+                    });
+}
+
+int ZooKeeperConnection::Get(String path, String& out, Stat* stat) const {
+    auto call = std::make_shared<SyncCall>(out.size());
+    const int rc = RunSync(call, [&](zhandle_t* zh, const void* ctx) {
+        return zoo_aget(zh, path.c_str(), 0, &SyncDataDone, ctx);
+    });
+    out.clear();
+    if (rc != ZOK) return rc;
+    out.swap(call->m_data);
+    if (stat) *stat = call->m_stat;
+    return ZOK;
+}
+
+int ZooKeeperConnection::Create(String path, const String& data, const ACL_vector& acl, int flags) const {
+    auto call = std::make_shared<SyncCall>();
+    return RunSync(call, [&](zhandle_t* zh, const void* ctx) {
+        return zoo_acreate(zh, path.c_str(), data.data(), static_cast<int>(data.size()), &acl, flags,
+                           &SyncStringDone, ctx);
+    });
+}
+
+int ZooKeeperConnection::Set(String path, const String& data, int version, Stat* stat) const {
+    auto call = std::make_shared<SyncCall>();
+    const int rc = RunSync(call, [&](zhandle_t* zh, const void* ctx) {
+        return zoo_aset(zh, path.c_str(), data.data(), static_cast<int>(data.size()), version, &SyncStatDone,
+                        ctx);
+    });
+    if (rc == ZOK && stat) *stat = call->m_stat;
+    return rc;
+}
+
+int ZooKeeperConnection::Delete(String path, int version) const {
+    auto call = std::make_shared<SyncCall>();
+    return RunSync(call, [&](zhandle_t* zh, const void* ctx) {
+        return zoo_adelete(zh, path.c_str(), version, &SyncVoidDone, ctx);
+    });
+}
+
+int ZooKeeperConnection::Exists(String path, Stat* stat) const {
+    auto call = std::make_shared<SyncCall>();
+    const int rc = RunSync(call, [&](zhandle_t* zh, const void* ctx) {
+        return zoo_aexists(zh, path.c_str(), 0, &SyncStatDone, ctx);
+    });
+    if (rc == ZOK && stat) *stat = call->m_stat;
+    return rc;
+}
+
+int ZooKeeperConnection::GetChildren(String path, std::vector<String>& children) const {
+    auto call = std::make_shared<SyncCall>();
+    const int rc = RunSync(call, [&](zhandle_t* zh, const void* ctx) {
+        return zoo_aget_children(zh, path.c_str(), 0, &SyncStringsDone, ctx);
+    });
+    children.clear();
+    if (rc == ZOK) children.swap(call->m_children);
+    return rc;
+}
+
+}  // namespace ferrow
+}  // namespace jx
