@@ -3,7 +3,9 @@
 add_library(ferrow
   source/service_watcher.cpp
   source/service_watcher_impl.cpp
-  source/zlib.cpp)
+  source/zlib.cpp
+  source/instance_data.cpp
+  source/service_registration.cpp)
 add_library(ferrow::ferrow ALIAS ferrow)
 target_include_directories(ferrow
   PUBLIC

@@ -41,11 +41,11 @@ constexpr int kFailedReads = 50000;
 // Strings appended from any thread, awaited with a deadline.
 class Recorder {
 public:
+    // Notifies under the lock: a waiter may destroy the recorder as soon as
+    // it sees the item.
     void Add(std::string item) {
-        {
-            std::lock_guard<std::mutex> lock(m_mtx);
-            m_items.push_back(std::move(item));
-        }
+        std::lock_guard<std::mutex> lock(m_mtx);
+        m_items.push_back(std::move(item));
         m_cv.notify_all();
     }
 
@@ -55,9 +55,9 @@ public:
 
     // Waits until `holds` is true of the items recorded so far.
     template <typename Predicate>
-    bool WaitUntil(Predicate holds) {
+    bool WaitUntil(Predicate holds, seconds deadline = kDeadline) {
         std::unique_lock<std::mutex> lock(m_mtx);
-        return m_cv.wait_for(lock, kDeadline, [&] { return holds(m_items); });
+        return m_cv.wait_for(lock, deadline, [&] { return holds(m_items); });
     }
 
     std::vector<std::string> Items() const {
@@ -108,22 +108,31 @@ void Flush(const Connection& conn) {
 }
 
 // Ends the session of `conn` on the server: a second client attaches to the
-// same session and closes it.
-void ExpireSession(const ZkServer& server, const ZooKeeperConnection& conn) {
+// same session and closes it. The two clients may take the session from each
+// other before the close goes out, so this repeats until `expired` is seen.
+void ExpireSession(const ZkServer& server, const ZooKeeperConnection& conn, Recorder& events) {
     clientid_t id{};
     id.client_id = conn.SessionId();
     const String password = conn.SessionPassword();
     ASSERT_EQ(sizeof(id.passwd), password.size());
     std::memcpy(id.passwd, password.data(), sizeof(id.passwd));
-    zhandle_t* zh = zookeeper_init(server.ConnectString().c_str(), [](zhandle_t*, int, int, const char*, void*) {},
-                                   10000, &id, nullptr, 0);
-    ASSERT_NE(nullptr, zh);
-    const auto until = std::chrono::steady_clock::now() + kDeadline;
-    while (zoo_state(zh) != ZOO_CONNECTED_STATE && std::chrono::steady_clock::now() < until) {
-        std::this_thread::sleep_for(milliseconds(10));
+    auto expired = [](const std::vector<std::string>& items) {
+        return std::find(items.begin(), items.end(), "session/expired") != items.end();
+    };
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        zhandle_t* zh = zookeeper_init(server.ConnectString().c_str(),
+                                       [](zhandle_t*, int, int, const char*, void*) {}, 10000, &id, nullptr, 0);
+        ASSERT_NE(nullptr, zh);
+        // Connected: the close ends the session. Expired: it has ended.
+        const auto until = std::chrono::steady_clock::now() + kDeadline;
+        while (zoo_state(zh) != ZOO_CONNECTED_STATE && zoo_state(zh) != ZOO_EXPIRED_SESSION_STATE &&
+               std::chrono::steady_clock::now() < until) {
+            std::this_thread::sleep_for(milliseconds(1));
+        }
+        zookeeper_close(zh);
+        if (events.WaitUntil(expired, seconds(5))) return;
     }
-    EXPECT_EQ(ZOO_CONNECTED_STATE, zoo_state(zh));
-    zookeeper_close(zh);
+    FAIL() << "the session never expired";
 }
 
 class ConnectionTest : public ::testing::Test {
@@ -294,7 +303,7 @@ TEST_F(ConnectionTest, ExpiredSessionIsReportedThenReplacedAndOldWatchesStaySile
     const std::int64_t oldId = conn->SessionId();
     // The second client takes the session over for a while: the connection
     // may see it lost and regained before it expires.
-    ExpireSession(*s_server, *conn);
+    ExpireSession(*s_server, *conn, sessions->events);
     ASSERT_TRUE(sync->calls.WaitForCount(1));
     const std::vector<std::string> events = sessions->events.Items();
     ASSERT_GE(events.size(), 2u);
@@ -442,19 +451,19 @@ TEST_F(ConnectionTest, LastReferenceDroppedInsideACallbackOnTheDeliveryThread) {
     auto conn = Connect(*s_server);
     std::promise<void> released;
     auto releasedFuture = released.get_future().share();
-    std::promise<std::int64_t> done;
+    auto done = std::make_shared<std::promise<std::int64_t>>();
     auto armed = conn->AsyncGet("/missing", Connection::WatchFunction(),
-                                [keep = conn, releasedFuture, &done](int, String, const Stat*) mutable {
+                                [keep = conn, releasedFuture, done](int, String, const Stat*) mutable {
                                     releasedFuture.wait();
                                     EXPECT_EQ(1, keep.use_count());
                                     const std::int64_t id = keep->SessionId();
                                     keep.reset();  // destroys the connection here
-                                    done.set_value(id);
+                                    done->set_value(id);
                                 });
     ASSERT_EQ(ZOK, armed.first);
     conn.reset();
     released.set_value();
-    auto future = done.get_future();
+    auto future = done->get_future();
     ASSERT_EQ(std::future_status::ready, future.wait_for(kDeadline));
     EXPECT_NE(0, future.get());
 }
@@ -491,7 +500,7 @@ TEST_F(ConnectionTest, DeliveryIsInOrderOnItsOwnThreadAndNeverInsideTheRequest) 
     const std::thread::id issuer = std::this_thread::get_id();
     auto record = [&](std::string what) {
         onIssuer += std::this_thread::get_id() == issuer ? 1 : 0;
-        std::lock_guard<std::mutex> lock(issuerMtx);
+        { std::lock_guard<std::mutex> lock(issuerMtx); }
         order.Add(std::move(what));
     };
     std::vector<Connection::WatchHandle> handles;
@@ -557,16 +566,16 @@ TEST_F(ConnectionTest, RearmedAndFailedWatchesLeaveNoBookkeepingBehind) {
     EXPECT_EQ(baseline, conn->PendingWatchCount());
 
     std::atomic<int> failed{0};
-    std::promise<void> allFailed;
+    auto allFailed = std::make_shared<std::promise<void>>();
     for (int i = 0; i < kFailedReads; ++i) {
         auto armed = conn->AsyncGet(path + "/missing", [](int, int, String) {},
-                                    [&](int rc, String, const Stat*) {
+                                    [&failed, allFailed](int rc, String, const Stat*) {
                                         EXPECT_EQ(ZNONODE, rc);
-                                        if (++failed == kFailedReads) allFailed.set_value();
+                                        if (++failed == kFailedReads) allFailed->set_value();
                                     });
         ASSERT_EQ(ZOK, armed.first);
     }
-    ASSERT_EQ(std::future_status::ready, allFailed.get_future().wait_for(kDeadline));
+    ASSERT_EQ(std::future_status::ready, allFailed->get_future().wait_for(kDeadline));
     EXPECT_EQ(baseline, conn->PendingWatchCount());
 }
 

@@ -200,6 +200,14 @@ void ZkServer::Resume() {
     if (Running()) ::kill(-m_pid, SIGCONT);
 }
 
+std::string ZkServer::Mode() const {
+    const std::string answer = FourLetterWord(m_clientPort, "srvr");
+    const size_t at = answer.find("Mode: ");
+    if (at == std::string::npos) return std::string();
+    const size_t begin = at + std::strlen("Mode: ");
+    return answer.substr(begin, answer.find('\n', begin) - begin);
+}
+
 std::string ZkServer::ConnectString(const std::string& chroot) const {
     return MakeConnectString({m_clientPort}, chroot);
 }

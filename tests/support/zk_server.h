@@ -54,6 +54,9 @@ public:
     void Resume();
 
     bool Running() const { return m_pid > 0; }
+    // The server's role as "srvr" reports it ("leader", "follower",
+    // "standalone"); empty when it does not answer or serves no clients.
+    std::string Mode() const;
     int ClientPort() const { return m_clientPort; }
     std::string ConnectString(const std::string& chroot = "") const;
     const std::string& Directory() const { return m_dir; }

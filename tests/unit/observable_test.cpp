@@ -58,7 +58,7 @@ std::string ThreadIdText(std::thread::id id) {
 
 const std::string kUnregisterPrefix = "UnregisterRaw m_inCallbackThreadId=";
 
-// The notifier id that the debug records of UnregisterRaw reported, in order.
+// The notifier ids that the debug records of UnregisterRaw reported, in order.
 std::vector<std::string> ReportedNotifiers(const LogCapture& capture) {
     std::vector<std::string> ids;
     for (const LogCapture::Record& r : capture.Records()) {

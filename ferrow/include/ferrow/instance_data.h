@@ -1,0 +1,34 @@
+#pragma once
+
+// The bytes of an instance node: a ZNodeData envelope around a serialized
+// ServiceInstanceData, raw or zlib-compressed. Publishers write nodes with
+// EncodeInstanceData; anything that reads nodes by itself decodes them with
+// DecodeInstanceData, exactly as the service watcher does.
+
+#include <cstddef>
+
+#include "ferrow/service_watcher_observer.h"
+#include "utility/string.h"
+
+namespace jx {
+namespace ferrow {
+
+// A serialized record larger than this is compressed even when the caller
+// did not ask for it: small records gain nothing from zlib, larger ones
+// (long metadata) shrink well and keep node traffic down.
+constexpr std::size_t kCompressionThreshold = 512;
+
+// Returns the node bytes for `record`: compressed with zlib, with data_size
+// set to the serialized size, when `compress` is true or the serialized record
+// is larger than kCompressionThreshold; raw otherwise. Throws
+// zlib::ZLibError only when zlib itself fails.
+String EncodeInstanceData(const ServiceInstanceData& record, bool compress);
+
+// Returns the record stored in the node bytes `nodeBytes`. Bytes that do not
+// parse yield the record as far as it parsed, as the watcher reports them.
+// Throws std::runtime_error "Invalid compression option" for an unknown
+// compression and zlib::ZLibError for a corrupt compressed record.
+ServiceInstanceData DecodeInstanceData(const String& nodeBytes);
+
+}  // namespace ferrow
+}  // namespace jx

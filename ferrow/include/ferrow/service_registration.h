@@ -1,0 +1,72 @@
+#pragma once
+
+// Publishes one running instance of a service: the ephemeral node
+// /srv2/<service>/<id> holding the instance's record, kept there for as long
+// as this object lives.
+
+#include <memory>
+
+#include "ferrow/connection_v2.h"
+#include "ferrow/service_watcher_observer.h"
+#include "utility/string.h"
+
+namespace jx {
+namespace ferrow {
+
+class ServiceRegistrationImpl;
+
+// Thread-safe: Update, Id, Path and Record may be called from any thread at
+// the same time. Writes of the node (publishing, Update, re-publishing after
+// an expiry, the final delete) are serialised by one internal mutex held
+// across the synchronous request, so the node always ends with the record of
+// the last write. The connection never needs that mutex to complete a
+// request, so holding it cannot deadlock.
+//
+// Session expiry: ZooKeeper deletes ephemeral nodes with their session. The
+// registration observes the connection's session events (it is registered
+// weakly, on the connection's delivery thread) and, on the first connected
+// event after an expiry, creates the node again with the current record.
+// A re-creation that fails is logged under "ferrow.registration" and tried
+// again on the next connected event.
+class ServiceRegistration {
+public:
+    // Publishes `record` under a new random (version 4) id. The connection
+    // must be connected. `compress` forces zlib compression; records larger
+    // than kCompressionThreshold (instance_data.h) are compressed anyway.
+    // Creates /srv2/<service> when missing. Throws ZooError with the client's
+    // code on failure (ZNODEEXISTS when the id is taken); nothing is
+    // published then.
+    ServiceRegistration(std::shared_ptr<Connection> conn, const String& service,
+                        const ServiceInstanceData& record, bool compress = false);
+    // As above, under the caller's id.
+    ServiceRegistration(std::shared_ptr<Connection> conn, const String& service, const ServiceId& id,
+                        const ServiceInstanceData& record, bool compress = false);
+
+    // Stops observing the session (waiting for a session event being handled
+    // on the delivery thread, so it must not run inside this registration's
+    // own connection callback) and deletes the node. Failures of the delete
+    // are logged, never thrown; the node then goes with the session.
+    ~ServiceRegistration();
+
+    // Owns the node: a copy would delete it twice.
+    ServiceRegistration(const ServiceRegistration&) = delete;
+    ServiceRegistration& operator=(const ServiceRegistration&) = delete;
+
+    const ServiceId& Id() const;
+    // "/srv2/<service>/<id>".
+    const String& Path() const;
+    // The record last given to the constructor or to Update.
+    ServiceInstanceData Record() const;
+
+    // Replaces the record and writes it to the node in place. The new record
+    // is kept even when the write fails, so a later re-creation publishes it.
+    // Throws ZooError on failure (ZNONODE while an expired session's node has
+    // not been created again yet).
+    void Update(const ServiceInstanceData& record);
+
+private:
+    std::shared_ptr<ServiceRegistrationImpl> m_impl;
+};
+
+}  // namespace ferrow
+}  // namespace jx

@@ -1,0 +1,151 @@
+#include "ferrow/service_registration.h"
+
+#include <mutex>
+#include <utility>
+
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
+
+#include "ferrow/error.h"
+#include "ferrow/instance_data.h"
+#include "logger/logger.h"
+
+namespace jx {
+namespace ferrow {
+
+namespace {
+
+const logging::ConstSourcePtr g_log = logging::MakeSource("ferrow.registration");
+
+}  // namespace
+
+// Always owned by a std::shared_ptr, which the connection's registry holds
+// weakly. OnSessionEvent runs on the connection's delivery thread; everything
+// else on the owner's threads. m_mtx guards m_record and m_published and is
+// held across every write of the node.
+class ServiceRegistrationImpl : public ConnectionObserver,
+                                public std::enable_shared_from_this<ServiceRegistrationImpl> {
+public:
+    ServiceRegistrationImpl(std::shared_ptr<Connection> conn, const String& service, const ServiceId& id,
+                            const ServiceInstanceData& record, bool compress)
+        : m_conn(std::move(conn)),
+          m_servicePath("/srv2/" + service),
+          m_id(id),
+          m_path(m_servicePath + "/" + boost::uuids::to_string(id)),
+          m_compress(compress),
+          m_record(record) {}
+
+    // Registers for session events, then creates the node, so that no expiry
+    // after the creation goes unseen. Throws ZooError, registered no more.
+    void Start() {
+        m_conn->RegisterWeak(weak_from_this());
+        try {
+            std::lock_guard<std::mutex> lock(m_mtx);
+            Publish();
+        } catch (...) {
+            m_conn->UnregisterRaw(this);
+            throw;
+        }
+        JXLOG(logging::JXLOG_INFO, g_log) << "Instance published: " << m_path;
+    }
+
+    // Stops observing the session, so nothing re-creates the node, then
+    // deletes it.
+    void Stop() {
+        m_conn->UnregisterRaw(this);
+        std::lock_guard<std::mutex> lock(m_mtx);
+        if (!m_published) return;
+        const int rc = m_conn->Delete(m_path, -1);
+        if (rc == ZOK || rc == ZNONODE) {
+            JXLOG(logging::JXLOG_INFO, g_log) << "Instance withdrawn: " << m_path;
+        } else {
+            JXLOG(logging::JXLOG_WARNING, g_log) << "Instance node not deleted, it goes with the session: "
+                                                 << m_path << ": " << zerror(rc);
+        }
+    }
+
+    void Update(const ServiceInstanceData& record) {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        m_record = record;
+        const int rc = m_conn->Set(m_path, EncodeInstanceData(m_record, m_compress), -1, nullptr);
+        if (rc != ZOK) throw ZooError(rc);
+    }
+
+    ServiceInstanceData Record() const {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        return m_record;
+    }
+
+    void OnSessionEvent(int type, int state, String) override {
+        if (type != ZOO_SESSION_EVENT) return;
+        std::lock_guard<std::mutex> lock(m_mtx);
+        if (state == ZOO_EXPIRED_SESSION_STATE) {
+            // The server has deleted the node with the session.
+            m_published = false;
+            return;
+        }
+        if (state != ZOO_CONNECTED_STATE || m_published) return;
+        try {
+            Publish();
+            JXLOG(logging::JXLOG_INFO, g_log) << "Instance published again after session expiry: " << m_path;
+        } catch (const ZooError& e) {
+            if (e.Code() == ZNODEEXISTS) {
+                // Our own create whose reply was lost, or another publisher
+                // using the same id: either way the node is there.
+                m_published = true;
+                JXLOG(logging::JXLOG_WARNING, g_log) << "Instance node already exists: " << m_path;
+            } else {
+                JXLOG(logging::JXLOG_ERROR, g_log) << "Instance not published again, retried on the next "
+                                                      "connection: "
+                                                   << m_path << ": " << e.what();
+            }
+        }
+    }
+
+    const ServiceId& Id() const { return m_id; }
+    const String& Path() const { return m_path; }
+
+private:
+    // Requires m_mtx held. Creates the service node when missing, then the
+    // ephemeral instance node with m_record. Throws ZooError.
+    void Publish() {
+        EnsurePath(*m_conn, m_servicePath, false, ZOO_OPEN_ACL_UNSAFE);
+        const int rc = m_conn->Create(m_path, EncodeInstanceData(m_record, m_compress), ZOO_OPEN_ACL_UNSAFE,
+                                      ZOO_EPHEMERAL);
+        if (rc != ZOK) throw ZooError(rc);
+        m_published = true;
+    }
+
+    const std::shared_ptr<Connection> m_conn;
+    const String m_servicePath;
+    const ServiceId m_id;
+    const String m_path;
+    const bool m_compress;
+
+    mutable std::mutex m_mtx;
+    ServiceInstanceData m_record;  // guarded by m_mtx
+    bool m_published = false;      // guarded by m_mtx; the node exists for the current session
+};
+
+ServiceRegistration::ServiceRegistration(std::shared_ptr<Connection> conn, const String& service,
+                                         const ServiceInstanceData& record, bool compress)
+    : ServiceRegistration(std::move(conn), service, boost::uuids::random_generator()(), record, compress) {}
+
+ServiceRegistration::ServiceRegistration(std::shared_ptr<Connection> conn, const String& service,
+                                         const ServiceId& id, const ServiceInstanceData& record, bool compress)
+    : m_impl(std::make_shared<ServiceRegistrationImpl>(std::move(conn), service, id, record, compress)) {
+    m_impl->Start();
+}
+
+ServiceRegistration::~ServiceRegistration() { m_impl->Stop(); }
+
+const ServiceId& ServiceRegistration::Id() const { return m_impl->Id(); }
+
+const String& ServiceRegistration::Path() const { return m_impl->Path(); }
+
+ServiceInstanceData ServiceRegistration::Record() const { return m_impl->Record(); }
+
+void ServiceRegistration::Update(const ServiceInstanceData& record) { m_impl->Update(record); }
+
+}  // namespace ferrow
+}  // namespace jx

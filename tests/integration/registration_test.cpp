@@ -1,0 +1,164 @@
+// ServiceRegistration against a real ZooKeeper server: the ephemeral node,
+// its encoding, in-place updates and re-publication after session expiry.
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <thread>
+
+#include <boost/uuid/uuid_io.hpp>
+
+#include <gtest/gtest.h>
+
+#include "ferrow/error.h"
+#include "ferrow/instance_data.h"
+#include "ferrow/service_registration.h"
+#include "ferrow/zookeeper_connection.h"
+#include "messaging/ferrow/service.pb.h"
+#include "tests/support/expire_session.h"
+#include "tests/support/instance_writer.h"
+#include "tests/support/zk_server.h"
+
+namespace jx {
+namespace ferrow {
+namespace {
+
+using messaging::ferrow::ZNodeData;
+using testing::MakeRecord;
+using testing::SameRecord;
+
+class RegistrationTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        s_server = new testing::ZkServer();
+        s_server->Start();
+    }
+    static void TearDownTestSuite() {
+        delete s_server;
+        s_server = nullptr;
+    }
+
+    static std::shared_ptr<ZooKeeperConnection> Connect() {
+        ConnectionOptions options;
+        options.connect = s_server->ConnectString();
+        auto conn = ZooKeeperConnection::Open(options);
+        EXPECT_TRUE(conn->WaitConnected(std::chrono::seconds(30)));
+        return conn;
+    }
+
+    // The node's bytes, or nothing when it does not exist.
+    static std::optional<String> ReadNode(const Connection& conn, const String& path, Stat* stat = nullptr) {
+        String bytes(1024 * 1024, '\0');
+        const int rc = conn.Get(path, bytes, stat);
+        if (rc == ZNONODE) return std::nullopt;
+        EXPECT_EQ(rc, ZOK) << zerror(rc);
+        return bytes;
+    }
+
+    static ZNodeData::Compression CompressionOf(const String& bytes) {
+        ZNodeData envelope;
+        envelope.ParseFromString(bytes);
+        return envelope.data_compression();
+    }
+
+    static testing::ZkServer* s_server;
+};
+
+testing::ZkServer* RegistrationTest::s_server = nullptr;
+
+TEST_F(RegistrationTest, PublishesAnEphemeralNodeOfTheSessionAndDeletesItWhenDestroyed) {
+    const auto conn = Connect();
+    const auto record = MakeRecord(1);
+    String path;
+    {
+        ServiceRegistration registration(conn, "reg-lifetime", record);
+        path = registration.Path();
+        EXPECT_EQ(path, "/srv2/reg-lifetime/" + boost::uuids::to_string(registration.Id()));
+        EXPECT_EQ(registration.Id().version(), boost::uuids::uuid::version_random_number_based);
+
+        Stat stat{};
+        const auto bytes = ReadNode(*conn, path, &stat);
+        ASSERT_TRUE(bytes);
+        EXPECT_EQ(stat.ephemeralOwner, conn->SessionId());
+        EXPECT_TRUE(SameRecord(DecodeInstanceData(*bytes), record));
+    }
+    EXPECT_FALSE(ReadNode(*conn, path));
+}
+
+TEST_F(RegistrationTest, CompressesWhenAskedOrWhenTheRecordIsLarge) {
+    const auto conn = Connect();
+    const auto small = MakeRecord(2);
+    const auto large = MakeRecord(3, 4 * kCompressionThreshold);
+    ServiceRegistration plain(conn, "reg-compression", small);
+    ServiceRegistration forced(conn, "reg-compression", small, true);
+    ServiceRegistration big(conn, "reg-compression", large);
+
+    const auto plainBytes = ReadNode(*conn, plain.Path());
+    const auto forcedBytes = ReadNode(*conn, forced.Path());
+    const auto bigBytes = ReadNode(*conn, big.Path());
+    ASSERT_TRUE(plainBytes && forcedBytes && bigBytes);
+    EXPECT_EQ(CompressionOf(*plainBytes), ZNodeData::COMP_NONE);
+    EXPECT_EQ(CompressionOf(*forcedBytes), ZNodeData::COMP_ZLIB);
+    EXPECT_EQ(CompressionOf(*bigBytes), ZNodeData::COMP_ZLIB);
+    EXPECT_LT(bigBytes->size(), large.ByteSizeLong());
+    EXPECT_TRUE(SameRecord(DecodeInstanceData(*plainBytes), small));
+    EXPECT_TRUE(SameRecord(DecodeInstanceData(*forcedBytes), small));
+    EXPECT_TRUE(SameRecord(DecodeInstanceData(*bigBytes), large));
+}
+
+TEST_F(RegistrationTest, UpdateRewritesTheRecordInPlace) {
+    const auto conn = Connect();
+    ServiceRegistration registration(conn, "reg-update", MakeRecord(4));
+    const auto changed = MakeRecord(5);
+    registration.Update(changed);
+
+    const auto bytes = ReadNode(*conn, registration.Path());
+    ASSERT_TRUE(bytes);
+    EXPECT_TRUE(SameRecord(DecodeInstanceData(*bytes), changed));
+    EXPECT_TRUE(SameRecord(registration.Record(), changed));
+}
+
+TEST_F(RegistrationTest, ATakenIdIsRefusedWithNodeExistsAndTheFirstStays) {
+    const auto conn = Connect();
+    ServiceRegistration first(conn, "reg-duplicate", MakeRecord(6));
+    try {
+        ServiceRegistration second(conn, "reg-duplicate", first.Id(), MakeRecord(7));
+        FAIL() << "a second registration under the same id was accepted";
+    } catch (const ZooError& e) {
+        EXPECT_EQ(e.Code(), ZNODEEXISTS);
+    }
+    const auto bytes = ReadNode(*conn, first.Path());
+    ASSERT_TRUE(bytes);
+    EXPECT_TRUE(SameRecord(DecodeInstanceData(*bytes), MakeRecord(6)));
+}
+
+TEST_F(RegistrationTest, ReappearsWithItsLatestRecordAfterTheSessionExpired) {
+    const auto conn = Connect();
+    ServiceRegistration registration(conn, "reg-expiry", MakeRecord(8));
+    const auto latest = MakeRecord(9);
+    registration.Update(latest);
+    const auto oldSession = conn->SessionId();
+
+    testing::ExpireSession(s_server->ConnectString(), *conn);
+
+    // Re-created means: owned by a new session of the same connection. Reads
+    // may fail while the session is being replaced.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    String bytes;
+    for (;;) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the node was not published again";
+        const auto session = conn->SessionId();
+        Stat stat{};
+        bytes.assign(1024 * 1024, '\0');
+        if (session != 0 && session != oldSession && conn->Get(registration.Path(), bytes, &stat) == ZOK &&
+            stat.ephemeralOwner == session) {
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_TRUE(SameRecord(DecodeInstanceData(bytes), latest));
+}
+
+}  // namespace
+}  // namespace ferrow
+}  // namespace jx

@@ -1,0 +1,261 @@
+// The `ferrow` tool run as a child process against a real ZooKeeper server.
+
+#include <signal.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <boost/uuid/uuid_io.hpp>
+#include <google/protobuf/struct.pb.h>
+#include <google/protobuf/util/json_util.h>
+#include <gtest/gtest.h>
+
+#include "ferrow/instance_data.h"
+#include "ferrow/service_registration.h"
+#include "ferrow/zookeeper_connection.h"
+#include "messaging/ferrow/service.pb.h"
+#include "tests/support/instance_writer.h"
+#include "tests/support/subprocess.h"
+#include "tests/support/zk_server.h"
+
+namespace jx {
+namespace ferrow {
+namespace {
+
+using google::protobuf::Struct;
+using testing::MakeRecord;
+using testing::RunResult;
+using testing::SameRecord;
+using testing::Subprocess;
+
+constexpr std::chrono::seconds kTimeout(60);
+
+Struct ParseJsonObject(const std::string& json) {
+    Struct object;
+    const auto status = google::protobuf::util::JsonStringToMessage(json, &object);
+    EXPECT_TRUE(status.ok()) << status.ToString() << " in " << json;
+    return object;
+}
+
+ServiceInstanceData RecordOf(const Struct& entry) {
+    std::string json;
+    EXPECT_TRUE(google::protobuf::util::MessageToJsonString(entry.fields().at("instance").struct_value(), &json).ok());
+    ServiceInstanceData record;
+    const auto status = google::protobuf::util::JsonStringToMessage(json, &record);
+    EXPECT_TRUE(status.ok()) << status.ToString() << " in " << json;
+    return record;
+}
+
+std::string StringField(const Struct& object, const std::string& name) {
+    const auto it = object.fields().find(name);
+    return it == object.fields().end() ? "<absent>" : it->second.string_value();
+}
+
+class ToolTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        s_server = new testing::ZkServer();
+        s_server->Start();
+    }
+    static void TearDownTestSuite() {
+        delete s_server;
+        s_server = nullptr;
+    }
+
+    // The tool's command line with the test server's address.
+    static std::vector<std::string> Tool(std::vector<std::string> args) {
+        args.insert(args.begin(), {FERROW_CLI_PATH, "--zk", s_server->ConnectString()});
+        return args;
+    }
+
+    static RunResult RunTool(const std::vector<std::string>& args) {
+        return testing::Run(Tool(args), kTimeout);
+    }
+
+    static std::shared_ptr<ZooKeeperConnection> Connect() {
+        ConnectionOptions options;
+        options.connect = s_server->ConnectString();
+        auto conn = ZooKeeperConnection::Open(options);
+        EXPECT_TRUE(conn->WaitConnected(std::chrono::seconds(30)));
+        return conn;
+    }
+
+    static std::optional<String> ReadNode(const Connection& conn, const String& path) {
+        String bytes(1024 * 1024, '\0');
+        if (conn.Get(path, bytes, nullptr) != ZOK) return std::nullopt;
+        return bytes;
+    }
+
+    static testing::ZkServer* s_server;
+};
+
+testing::ZkServer* ToolTest::s_server = nullptr;
+
+TEST_F(ToolTest, WatchJsonReportsARegisteredInstanceAddedAndRemovedWhenRegisterStops) {
+    Subprocess watch(Tool({"watch", "tool-watch", "--json"}));
+    Subprocess reg(Tool({"register", "tool-watch", "--host", "10.0.0.1", "--port", "8080", "--zone", "eu-1",
+                         "--meta", "env=prod"}));
+    const auto id = reg.ReadLine(kTimeout);
+    ASSERT_TRUE(id) << reg.Stderr();
+
+    const auto added = watch.ReadLine(kTimeout);
+    ASSERT_TRUE(added) << watch.Stderr();
+    const Struct event = ParseJsonObject(*added);
+    EXPECT_EQ(StringField(event, "event"), "added");
+    EXPECT_EQ(StringField(event, "service"), "tool-watch");
+    EXPECT_EQ(StringField(event, "id"), *id);
+    const auto record = RecordOf(event);
+    EXPECT_EQ(record.host(), "10.0.0.1");
+    EXPECT_EQ(record.port(), 8080u);
+    EXPECT_EQ(record.zone(), "eu-1");
+    EXPECT_EQ(record.metadata().at("env"), "prod");
+    EXPECT_GT(record.registered_at_ms(), 0u);
+
+    reg.Signal(SIGTERM);
+    EXPECT_EQ(reg.Wait(kTimeout), 0) << reg.Stderr();
+    const auto removed = watch.ReadLine(kTimeout);
+    ASSERT_TRUE(removed) << watch.Stderr();
+    const Struct gone = ParseJsonObject(*removed);
+    EXPECT_EQ(StringField(gone, "event"), "removed");
+    EXPECT_EQ(StringField(gone, "id"), *id);
+    EXPECT_EQ(gone.fields().count("instance"), 0u);
+
+    watch.Signal(SIGINT);
+    EXPECT_EQ(watch.Wait(kTimeout), 0) << watch.Stderr();
+    EXPECT_EQ(watch.Stdout(), "");
+}
+
+TEST_F(ToolTest, ListAndGetReadCompressedAndPlainRecordsBackEqual) {
+    const auto conn = Connect();
+    const auto plainRecord = MakeRecord(1);
+    const auto compressedRecord = MakeRecord(2);
+    ServiceRegistration plain(conn, "tool-list", plainRecord);
+    ServiceRegistration compressed(conn, "tool-list", compressedRecord, true);
+
+    const auto list = RunTool({"list", "tool-list", "--json"});
+    ASSERT_EQ(list.code, 0) << list.err;
+    Struct wrapper;
+    ASSERT_TRUE(google::protobuf::util::JsonStringToMessage("{\"list\":" + list.out + "}", &wrapper).ok())
+        << list.out;
+    const auto& entries = wrapper.fields().at("list").list_value().values();
+    ASSERT_EQ(entries.size(), 2);
+
+    for (const auto* registration : {&plain, &compressed}) {
+        const auto id = boost::uuids::to_string(registration->Id());
+        const auto get = RunTool({"get", "tool-list", id, "--json"});
+        ASSERT_EQ(get.code, 0) << get.err;
+        const Struct fromGet = ParseJsonObject(get.out);
+        EXPECT_EQ(StringField(fromGet, "id"), id);
+        EXPECT_TRUE(SameRecord(RecordOf(fromGet), registration->Record()));
+
+        bool listed = false;
+        for (const auto& entry : entries) {
+            if (StringField(entry.struct_value(), "id") != id) continue;
+            listed = true;
+            EXPECT_TRUE(SameRecord(RecordOf(entry.struct_value()), registration->Record()));
+        }
+        EXPECT_TRUE(listed) << id << " missing from " << list.out;
+    }
+}
+
+TEST_F(ToolTest, RegisterCompressStoresACompressedNodeAndDeletesItOnSigterm) {
+    const auto conn = Connect();
+    Subprocess reg(Tool({"register", "tool-compress", "--host", "h1", "--port", "9", "--compress"}));
+    const auto id = reg.ReadLine(kTimeout);
+    ASSERT_TRUE(id) << reg.Stderr();
+    const String path = "/srv2/tool-compress/" + *id;
+
+    const auto bytes = ReadNode(*conn, path);
+    ASSERT_TRUE(bytes);
+    messaging::ferrow::ZNodeData envelope;
+    envelope.ParseFromString(*bytes);
+    EXPECT_EQ(envelope.data_compression(), messaging::ferrow::ZNodeData::COMP_ZLIB);
+    const auto record = DecodeInstanceData(*bytes);
+    EXPECT_EQ(record.host(), "h1");
+    EXPECT_EQ(record.port(), 9u);
+
+    reg.Signal(SIGTERM);
+    EXPECT_EQ(reg.Wait(kTimeout), 0) << reg.Stderr();
+    EXPECT_FALSE(ReadNode(*conn, path));
+}
+
+TEST_F(ToolTest, UpdateChangesOnlyTheGivenFields) {
+    const auto conn = Connect();
+    auto original = MakeRecord(3);
+    (*original.mutable_metadata())["drop"] = "me";
+    ServiceRegistration registration(conn, "tool-update", original);
+
+    const auto update = RunTool({"update", "tool-update", boost::uuids::to_string(registration.Id()), "--weight",
+                                 "77", "--meta", "added=yes", "--remove-meta", "drop"});
+    ASSERT_EQ(update.code, 0) << update.err;
+
+    auto expected = original;
+    expected.set_weight(77);
+    (*expected.mutable_metadata())["added"] = "yes";
+    expected.mutable_metadata()->erase("drop");
+    const auto bytes = ReadNode(*conn, registration.Path());
+    ASSERT_TRUE(bytes);
+    EXPECT_TRUE(SameRecord(DecodeInstanceData(*bytes), expected));
+}
+
+TEST_F(ToolTest, AnUnreachableServerFailsAfterTheSessionTimeoutWithOneLine) {
+    const std::string connect = "127.0.0.1:" + std::to_string(testing::FreeLoopbackPort());
+    const auto result =
+        testing::Run({FERROW_CLI_PATH, "--zk", connect, "--session-timeout", "1000", "list", "any"}, kTimeout);
+    EXPECT_EQ(result.code, 1);
+    EXPECT_EQ(result.err, "ferrow: cannot connect to ZooKeeper at " + connect + " within 1000 ms\n");
+    EXPECT_EQ(result.out, "");
+}
+
+TEST_F(ToolTest, FERROW_ZKIsTheDefaultConnectString) {
+    const std::string connect = "127.0.0.1:" + std::to_string(testing::FreeLoopbackPort());
+    const auto result = testing::Run({FERROW_CLI_PATH, "--session-timeout", "500", "list", "any"}, kTimeout,
+                                     {"FERROW_ZK=" + connect});
+    EXPECT_EQ(result.code, 1);
+    EXPECT_EQ(result.err, "ferrow: cannot connect to ZooKeeper at " + connect + " within 500 ms\n");
+}
+
+TEST_F(ToolTest, AnInvalidUuidIsAUsageError) {
+    const auto result = RunTool({"get", "tool-errors", "not-a-uuid"});
+    EXPECT_EQ(result.code, 2);
+    EXPECT_NE(result.err.find("'not-a-uuid' is not a UUID"), std::string::npos) << result.err;
+    EXPECT_EQ(result.out, "");
+}
+
+TEST_F(ToolTest, AMissingServiceFailsWithAMessage) {
+    const auto result = RunTool({"list", "tool-no-such-service"});
+    EXPECT_EQ(result.code, 1);
+    EXPECT_EQ(result.err, "ferrow: service 'tool-no-such-service' does not exist\n");
+    EXPECT_EQ(result.out, "");
+}
+
+TEST_F(ToolTest, AMissingInstanceFailsWithAMessage) {
+    const auto id = "0b5a2e8c-1d7f-4c3a-9e2b-5f6a7b8c9d0e";
+    const auto result = RunTool({"get", "tool-errors", id});
+    EXPECT_EQ(result.code, 1);
+    EXPECT_EQ(result.err, std::string("ferrow: instance ") + id + " of service 'tool-errors' does not exist\n");
+}
+
+TEST_F(ToolTest, MalformedMetadataIsAUsageError) {
+    const auto result = RunTool({"register", "tool-errors", "--host", "h", "--port", "1", "--meta", "novalue"});
+    EXPECT_EQ(result.code, 2);
+    EXPECT_NE(result.err.find("'novalue' is not KEY=VALUE"), std::string::npos) << result.err;
+    EXPECT_EQ(result.out, "");
+}
+
+TEST_F(ToolTest, RegisteringATakenIdFailsWithAMessage) {
+    const auto conn = Connect();
+    ServiceRegistration taken(conn, "tool-errors", MakeRecord(4));
+    const auto id = boost::uuids::to_string(taken.Id());
+    const auto result = RunTool({"register", "tool-errors", "--host", "h", "--port", "1", "--id", id});
+    EXPECT_EQ(result.code, 1);
+    EXPECT_EQ(result.err, "ferrow: instance " + id + " of service 'tool-errors' is already registered\n");
+    EXPECT_EQ(result.out, "");
+}
+
+}  // namespace
+}  // namespace ferrow
+}  // namespace jx

@@ -1,0 +1,250 @@
+#include "commands.h"
+
+#include <algorithm>
+#include <iostream>
+#include <map>
+#include <memory>
+
+#include <boost/algorithm/string/predicate.hpp>
+#include <boost/lexical_cast.hpp>
+#include <boost/uuid/uuid_io.hpp>
+
+#include "ferrow/error.h"
+#include "ferrow/instance_data.h"
+#include "ferrow/service_registration.h"
+#include "ferrow/service_watcher.h"
+#include "ferrow/zookeeper_connection.h"
+#include "output.h"
+
+namespace jx {
+namespace ferrow {
+namespace cli {
+
+namespace {
+
+// Instance nodes are read into a buffer of this size; the connection refuses
+// larger nodes rather than cutting them.
+constexpr String::size_type kNodeReadCapacity = 1024 * 1024;
+
+// Attempts of a read-modify-write before giving up on a record that keeps
+// changing under us.
+constexpr int kUpdateAttempts = 5;
+
+// Writes one line to standard output and flushes it, so that a reader of a
+// pipe sees every line as soon as it is printed.
+void PrintLine(const String& line) { std::cout << line << std::endl; }
+
+String ServicePath(const String& service) { return "/srv2/" + service; }
+
+String InstancePath(const String& service, const ServiceId& id) {
+    return ServicePath(service) + "/" + boost::uuids::to_string(id);
+}
+
+String NoInstance(const String& service, const ServiceId& id) {
+    return "instance " + boost::uuids::to_string(id) + " of service '" + service + "' does not exist";
+}
+
+// Opens a session and waits until it is connected, at most the session
+// timeout. A stop signal meanwhile throws Interrupted.
+std::shared_ptr<ZooKeeperConnection> Connect(const CommonOptions& common, const StopSignals& signals) {
+    ConnectionOptions options;
+    options.connect = common.connect;
+    options.sessionTimeout = common.sessionTimeout;
+    options.digestAuth = common.digestAuth;
+    std::shared_ptr<ZooKeeperConnection> conn;
+    try {
+        conn = ZooKeeperConnection::Open(options);
+    } catch (const ZooError& e) {
+        if (e.Code() == ZBADARGUMENTS) throw CommandError("invalid connect string '" + common.connect + "'");
+        throw;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + common.sessionTimeout;
+    while (!conn->WaitConnected(std::chrono::milliseconds(50))) {
+        if (const auto signal = signals.WaitFor(std::chrono::milliseconds(0))) throw Interrupted{*signal};
+        if (std::chrono::steady_clock::now() >= deadline) {
+            throw CommandError("cannot connect to ZooKeeper at " + common.connect + " within " +
+                               std::to_string(common.sessionTimeout.count()) + " ms");
+        }
+    }
+    return conn;
+}
+
+// Reads and decodes one instance node. Returns false when it does not exist;
+// throws ZooError for any other failure.
+bool ReadInstance(const Connection& conn, const String& path, ServiceInstanceData& record, Stat* stat) {
+    String bytes(kNodeReadCapacity, '\0');
+    const int rc = conn.Get(path, bytes, stat);
+    if (rc == ZNONODE) return false;
+    if (rc != ZOK) throw ZooError(rc);
+    record = DecodeInstanceData(bytes);
+    return true;
+}
+
+// Prints every event as one line; runs on the connection's delivery thread,
+// one event at a time, so lines never interleave.
+class EventPrinter : public ServiceWatcherObserver {
+public:
+    EventPrinter(String service, bool json) : m_service(std::move(service)), m_json(json) {}
+
+    void OnInstanceAdded(ServiceWatcher&, const ServiceId& id, const ServiceInstanceData& record) override {
+        Print("added", id, &record);
+    }
+    void OnInstanceModified(ServiceWatcher&, const ServiceId& id, const ServiceInstanceData& record) override {
+        Print("modified", id, &record);
+    }
+    void OnInstanceRemoved(ServiceWatcher&, const ServiceId& id) override { Print("removed", id, nullptr); }
+
+private:
+    void Print(const char* event, const ServiceId& id, const ServiceInstanceData* record) const {
+        PrintLine(m_json ? EventJson(event, m_service, id, record) : EventText(event, id, record));
+    }
+
+    const String m_service;
+    const bool m_json;
+};
+
+}  // namespace
+
+bool RecordFields::Empty() const {
+    return !host && !port && !protocol && !version && !zone && !weight && metadata.empty() &&
+           removedMetadata.empty();
+}
+
+void RecordFields::ApplyTo(ServiceInstanceData& record) const {
+    if (host) record.set_host(*host);
+    if (port) record.set_port(*port);
+    if (protocol) record.set_protocol(*protocol);
+    if (version) record.set_version(*version);
+    if (zone) record.set_zone(*zone);
+    if (weight) record.set_weight(*weight);
+    for (const auto& key : removedMetadata) record.mutable_metadata()->erase(key);
+    for (const auto& [key, value] : metadata) (*record.mutable_metadata())[key] = value;
+}
+
+std::optional<ServiceId> ParseServiceId(const String& text) {
+    try {
+        const auto id = boost::lexical_cast<ServiceId>(text);
+        // The stream extraction also accepts forms such as "{...}"; only the
+        // canonical text names a node.
+        if (boost::algorithm::iequals(boost::uuids::to_string(id), text)) return id;
+    } catch (const boost::bad_lexical_cast&) {
+    }
+    return std::nullopt;
+}
+
+String ServiceNameProblem(const String& name) {
+    if (name.empty()) return "a service name cannot be empty";
+    if (name == "." || name == "..") return "'" + name + "' cannot name a service";
+    for (const char c : name) {
+        if (c == '/') return "a service name cannot contain '/'";
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+            return "a service name cannot contain control characters";
+        }
+    }
+    return "";
+}
+
+std::optional<std::pair<String, String>> ParseMetadata(const String& text) {
+    const auto eq = text.find('=');
+    if (eq == String::npos || eq == 0) return std::nullopt;
+    return std::make_pair(text.substr(0, eq), text.substr(eq + 1));
+}
+
+int Watch(const CommonOptions& common, const StopSignals& signals, const String& service, bool json) {
+    const auto conn = Connect(common, signals);
+    ServiceWatcher watcher(conn, service, [service](int rc) {
+        std::cerr << "ferrow: ZooKeeper error while watching '" << service << "': " << zerror(rc) << std::endl;
+    });
+    watcher.RegisterShared(std::make_shared<EventPrinter>(service, json));
+    watcher.Start();
+    signals.Wait();
+    return 0;
+}
+
+int List(const CommonOptions& common, const StopSignals& signals, const String& service, bool json) {
+    const auto conn = Connect(common, signals);
+    std::vector<String> children;
+    const int rc = conn->GetChildren(ServicePath(service), children);
+    if (rc == ZNONODE) throw CommandError("service '" + service + "' does not exist");
+    if (rc != ZOK) throw ZooError(rc);
+
+    std::map<ServiceId, ServiceInstanceData> instances;
+    for (const auto& child : children) {
+        const auto id = ParseServiceId(child);
+        if (!id) continue;  // not an instance node
+        ServiceInstanceData record;
+        // An instance that left since the listing is not listed.
+        if (ReadInstance(*conn, InstancePath(service, *id), record, nullptr)) instances.emplace(*id, record);
+    }
+
+    if (json) {
+        String array = "[";
+        for (const auto& [id, record] : instances) {
+            if (array.size() > 1) array += ",";
+            array += InstanceJson(id, record);
+        }
+        PrintLine(array + "]");
+    } else {
+        for (const auto& [id, record] : instances) PrintLine(InstanceText(id, record));
+    }
+    return 0;
+}
+
+int Get(const CommonOptions& common, const StopSignals& signals, const String& service, const ServiceId& id,
+        bool json) {
+    const auto conn = Connect(common, signals);
+    ServiceInstanceData record;
+    if (!ReadInstance(*conn, InstancePath(service, id), record, nullptr)) throw CommandError(NoInstance(service, id));
+    PrintLine(json ? InstanceJson(id, record) : InstanceText(id, record));
+    return 0;
+}
+
+int Register(const CommonOptions& common, const StopSignals& signals, const String& service,
+             const RecordFields& fields, const std::optional<ServiceId>& id, bool compress) {
+    ServiceInstanceData record;
+    fields.ApplyTo(record);
+    record.set_registered_at_ms(static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                               std::chrono::system_clock::now().time_since_epoch())
+                                                               .count()));
+    const auto conn = Connect(common, signals);
+    std::unique_ptr<ServiceRegistration> registration;
+    try {
+        registration = id ? std::make_unique<ServiceRegistration>(conn, service, *id, record, compress)
+                          : std::make_unique<ServiceRegistration>(conn, service, record, compress);
+    } catch (const ZooError& e) {
+        if (e.Code() == ZNODEEXISTS) {
+            throw CommandError("instance " + boost::uuids::to_string(*id) + " of service '" + service +
+                               "' is already registered");
+        }
+        throw;
+    }
+    PrintLine(boost::uuids::to_string(registration->Id()));
+    signals.Wait();
+    return 0;
+}
+
+int Update(const CommonOptions& common, const StopSignals& signals, const String& service, const ServiceId& id,
+           const RecordFields& fields, bool compress, bool json) {
+    const auto conn = Connect(common, signals);
+    const String path = InstancePath(service, id);
+    for (int attempt = 0; attempt < kUpdateAttempts; ++attempt) {
+        ServiceInstanceData record;
+        Stat stat{};
+        if (!ReadInstance(*conn, path, record, &stat)) throw CommandError(NoInstance(service, id));
+        fields.ApplyTo(record);
+        // Written only over the version just read, so a concurrent change is
+        // never lost: it is read again and the fields applied on top.
+        const int rc = conn->Set(path, EncodeInstanceData(record, compress), stat.version, nullptr);
+        if (rc == ZBADVERSION) continue;
+        if (rc == ZNONODE) throw CommandError(NoInstance(service, id));
+        if (rc != ZOK) throw ZooError(rc);
+        PrintLine(json ? InstanceJson(id, record) : InstanceText(id, record));
+        return 0;
+    }
+    throw CommandError("the record of instance " + boost::uuids::to_string(id) + " of service '" + service +
+                       "' kept changing; nothing was written");
+}
+
+}  // namespace cli
+}  // namespace ferrow
+}  // namespace jx

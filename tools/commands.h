@@ -1,0 +1,87 @@
+#pragma once
+
+// The tool's commands. Each returns the process exit code; failures the user
+// can act on are thrown as CommandError, ZooKeeper failures as ZooError.
+
+#include <chrono>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "ferrow/service_watcher_observer.h"
+#include "signals.h"
+#include "utility/string.h"
+
+namespace jx {
+namespace ferrow {
+namespace cli {
+
+// A failure explained by its message ("service 'x' does not exist"); the
+// tool prints "ferrow: <message>" and exits 1.
+class CommandError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// A stop signal arrived before the command got going; the tool exits with
+// 128 + the signal number.
+struct Interrupted {
+    int signal;
+};
+
+struct CommonOptions {
+    String connect;
+    std::chrono::milliseconds sessionTimeout{10000};
+    String digestAuth;  // "user:password" or empty
+};
+
+// Fields given on the command line for a record; unset ones stay unset.
+struct RecordFields {
+    std::optional<String> host;
+    std::optional<unsigned> port;
+    std::optional<String> protocol;
+    std::optional<String> version;
+    std::optional<String> zone;
+    std::optional<unsigned> weight;
+    std::vector<std::pair<String, String>> metadata;  // set, in order
+    std::vector<String> removedMetadata;
+
+    bool Empty() const;
+    // Writes every given field into `record`.
+    void ApplyTo(ServiceInstanceData& record) const;
+};
+
+// The id in `text` (canonical 8-4-4-4-12 hexadecimal form, any case), or
+// nothing when it is not one.
+std::optional<ServiceId> ParseServiceId(const String& text);
+
+// A reason why `name` cannot name a service node, or an empty string.
+String ServiceNameProblem(const String& name);
+
+// "KEY=VALUE" split at the first '='; nothing without '=' or with an empty key.
+std::optional<std::pair<String, String>> ParseMetadata(const String& text);
+
+// Prints every event of `service` until a stop signal; returns 0.
+int Watch(const CommonOptions& common, const StopSignals& signals, const String& service, bool json);
+
+// Prints the instances `service` has now.
+int List(const CommonOptions& common, const StopSignals& signals, const String& service, bool json);
+
+// Prints one instance's record.
+int Get(const CommonOptions& common, const StopSignals& signals, const String& service, const ServiceId& id,
+        bool json);
+
+// Publishes an instance, prints its id, keeps it published until a stop
+// signal, then withdraws it; returns 0.
+int Register(const CommonOptions& common, const StopSignals& signals, const String& service,
+             const RecordFields& fields, const std::optional<ServiceId>& id, bool compress);
+
+// Rewrites the given fields of an existing instance's record in place and
+// prints the new record.
+int Update(const CommonOptions& common, const StopSignals& signals, const String& service, const ServiceId& id,
+           const RecordFields& fields, bool compress, bool json);
+
+}  // namespace cli
+}  // namespace ferrow
+}  // namespace jx

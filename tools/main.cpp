@@ -1,0 +1,222 @@
+// ferrow: follows and publishes service instances in ZooKeeper from the
+// command line. Standard output carries only the results (one line each,
+// flushed as printed); messages and logs go to standard error.
+//
+// Exit codes: 0 success (watch and register: stopped by SIGINT or SIGTERM),
+// 1 failure (cannot connect, no such service or instance, ZooKeeper error),
+// 2 invalid command line, 128 + signal when stopped before connecting.
+
+#include <cstdlib>
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+
+#include "commands.h"
+#include "ferrow/error.h"
+#include "logger/log_handler.h"
+
+namespace {
+
+using jx::String;
+using namespace jx::ferrow::cli;
+
+// The log level when neither --log-level nor FERROW_LOG_LEVEL says
+// otherwise: errors only, since the ZooKeeper client warns many times a
+// second while it cannot reach a server.
+constexpr auto kDefaultLogLevel = jx::logging::JXLOG_ERROR;
+
+const char* const kFooter = R"(Common options (--zk, --session-timeout, --auth, --log-level) may be given
+before or after the command.
+
+Environment:
+  FERROW_ZK         connect string used when --zk is not given
+  FERROW_AUTH       digest credentials used when --auth is not given
+  FERROW_LOG_LEVEL  log level used when --log-level is not given
+
+Exit status: 0 success (watch and register: stopped by SIGINT or SIGTERM),
+1 failure (cannot connect, no such service or instance, ZooKeeper error),
+2 invalid command line.)";
+
+const CLI::Validator kServiceName(
+    [](String& name) { return ServiceNameProblem(name); }, "SERVICE");
+
+const CLI::Validator kUuid(
+    [](String& text) {
+        return ParseServiceId(text) ? String() : "'" + text + "' is not a UUID (8-4-4-4-12 hexadecimal digits)";
+    },
+    "UUID");
+
+const CLI::Validator kMetadata(
+    [](String& text) { return ParseMetadata(text) ? String() : "'" + text + "' is not KEY=VALUE"; }, "");
+
+const CLI::Validator kLogLevel(
+    [](String& text) {
+        return jx::logging::ParseLogLevel(text) ? String()
+                                                : "'" + text + "' is not debug, info, warning, error, critical "
+                                                               "or a number";
+    },
+    "LEVEL");
+
+// The record options shared by `register` and `update`, written into
+// `fields` as they are parsed; --meta goes to `metadata` for validation.
+void AddRecordOptions(CLI::App& command, RecordFields& fields, std::vector<String>& metadata) {
+    command.add_option_function<String>("--protocol", [&fields](const String& v) { fields.protocol = v; },
+                                        "Protocol spoken by the instance, e.g. http or grpc");
+    command.add_option_function<String>("--version", [&fields](const String& v) { fields.version = v; },
+                                        "Version of the software the instance runs");
+    command.add_option_function<String>("--zone", [&fields](const String& v) { fields.zone = v; },
+                                        "Zone or data centre of the instance");
+    command.add_option_function<unsigned>("--weight", [&fields](unsigned v) { fields.weight = v; },
+                                          "Relative share of traffic for the instance");
+    command.add_option("--meta", metadata, "Metadata entry; repeat for several")
+        ->check(kMetadata)
+        ->allow_extra_args(false)
+        ->type_name("KEY=VALUE");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        // Before the connection starts its threads, so they inherit the mask.
+        const StopSignals signals;
+
+        CLI::App app("Follow and publish the instances of services kept in ZooKeeper under /srv2/<service>.",
+                     "ferrow");
+        app.require_subcommand(1);
+        app.fallthrough();
+        app.footer(kFooter);
+        app.failure_message([](const CLI::App*, const CLI::Error& e) {
+            return "ferrow: " + String(e.what()) + " (see ferrow --help)\n";
+        });
+
+        CommonOptions common;
+        common.connect = "127.0.0.1:2181";
+        int sessionTimeoutMs = static_cast<int>(common.sessionTimeout.count());
+        String logLevel;
+        app.add_option("--zk", common.connect,
+                       "ZooKeeper connect string: host:port[,host:port...][/chroot]")
+            ->envname("FERROW_ZK")
+            ->capture_default_str();
+        app.add_option("--session-timeout", sessionTimeoutMs,
+                       "Session timeout in milliseconds; also how long to wait for the first connection")
+            ->check(CLI::Range(100, 3600000))
+            ->capture_default_str()
+            ->type_name("MS");
+        app.add_option("--auth", common.digestAuth, "Digest credentials for every session")
+            ->envname("FERROW_AUTH")
+            ->type_name("USER:PASSWORD");
+        app.add_option("--log-level", logLevel,
+                       "Least severe log record written to standard error: debug, info, warning, error (default), "
+                       "error, critical")
+            ->check(kLogLevel);
+
+        String service;
+        String idText;
+        bool json = false;
+        bool compress = false;
+        RecordFields fields;
+        std::vector<String> metadata;
+
+        CLI::App* watch = app.add_subcommand(
+            "watch",
+            "Print one line per instance event (added, modified, removed) until SIGINT or SIGTERM. Text lines "
+            "read '<event> <id> <host>:<port> key=value...'; with --json each line is "
+            "{\"event\":...,\"service\":...,\"id\":...,\"instance\":{...}} (no instance for removed). "
+            "Creates /srv2/<service> when it is missing.");
+        watch->add_option("SERVICE", service, "Service name")->required()->check(kServiceName);
+        watch->add_flag("--json", json, "One JSON object per line");
+
+        CLI::App* list = app.add_subcommand(
+            "list",
+            "Print the instances the service has now, one line each; with --json one array of "
+            "{\"id\":...,\"instance\":{...}}. Fails when the service does not exist.");
+        list->add_option("SERVICE", service, "Service name")->required()->check(kServiceName);
+        list->add_flag("--json", json, "One JSON array");
+
+        CLI::App* get = app.add_subcommand(
+            "get", "Print the record of one instance; with --json {\"id\":...,\"instance\":{...}}. Fails when "
+                   "the instance does not exist.");
+        get->add_option("SERVICE", service, "Service name")->required()->check(kServiceName);
+        get->add_option("ID", idText, "Instance id")->required()->check(kUuid);
+        get->add_flag("--json", json, "Print JSON");
+
+        CLI::App* reg = app.add_subcommand(
+            "register",
+            "Publish an instance (an ephemeral node, registered_at_ms = now), print its id as the first line "
+            "of output, keep it published until SIGINT or SIGTERM, then withdraw it. If the session expires "
+            "meanwhile, the instance is published again by itself.");
+        reg->add_option("SERVICE", service, "Service name")->required()->check(kServiceName);
+        reg->add_option_function<String>("--host", [&fields](const String& v) { fields.host = v; },
+                                         "Host name or address of the instance")
+            ->required();
+        reg->add_option_function<unsigned>("--port", [&fields](unsigned v) { fields.port = v; },
+                                           "Port of the instance")
+            ->required()
+            ->check(CLI::Range(1, 65535));
+        AddRecordOptions(*reg, fields, metadata);
+        reg->add_option("--id", idText, "Instance id to use instead of a random one")->check(kUuid);
+        reg->add_flag("--compress", compress, "Store the record zlib-compressed (records over 512 bytes always are)");
+
+        CLI::App* update = app.add_subcommand(
+            "update",
+            "Change fields of a published instance's record in place and print the new record. Fields not "
+            "given keep their value. The change is made by this command, not by the process that registered "
+            "the instance: if that process's session expires, it publishes its own record again.");
+        update->add_option("SERVICE", service, "Service name")->required()->check(kServiceName);
+        update->add_option("ID", idText, "Instance id")->required()->check(kUuid);
+        update->add_option_function<String>("--host", [&fields](const String& v) { fields.host = v; },
+                                            "Host name or address of the instance");
+        update->add_option_function<unsigned>("--port", [&fields](unsigned v) { fields.port = v; },
+                                              "Port of the instance")
+            ->check(CLI::Range(1, 65535));
+        AddRecordOptions(*update, fields, metadata);
+        update->add_option_function<std::vector<String>>(
+                  "--remove-meta",
+                  [&fields](const std::vector<String>& keys) {
+                      fields.removedMetadata.insert(fields.removedMetadata.end(), keys.begin(), keys.end());
+                  },
+                  "Metadata key to delete; repeat for several")
+            ->allow_extra_args(false)
+            ->type_name("KEY");
+        update->add_flag("--compress", compress, "Store the record zlib-compressed (records over 512 bytes always are)");
+        update->add_flag("--json", json, "Print the new record as JSON");
+
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::ParseError& e) {
+            return app.exit(e) == 0 ? 0 : 2;
+        }
+
+        if (!logLevel.empty()) {
+            jx::logging::SetMinimumLoggingLevel(*jx::logging::ParseLogLevel(logLevel));
+        } else if (std::getenv("FERROW_LOG_LEVEL") == nullptr) {
+            jx::logging::SetMinimumLoggingLevel(kDefaultLogLevel);
+        }
+        common.sessionTimeout = std::chrono::milliseconds(sessionTimeoutMs);
+        for (const auto& entry : metadata) fields.metadata.push_back(*ParseMetadata(entry));
+        const auto id = idText.empty() ? std::nullopt : ParseServiceId(idText);
+
+        if (*watch) return Watch(common, signals, service, json);
+        if (*list) return List(common, signals, service, json);
+        if (*get) return Get(common, signals, service, *id, json);
+        if (*reg) return Register(common, signals, service, fields, id, compress);
+        if (fields.Empty()) {
+            std::cerr << "ferrow: update: nothing to change; give at least one field option (see ferrow update "
+                         "--help)"
+                      << std::endl;
+            return 2;
+        }
+        return Update(common, signals, service, *id, fields, compress, json);
+    } catch (const CommandError& e) {
+        std::cerr << "ferrow: " << e.what() << std::endl;
+    } catch (const jx::ferrow::ZooError& e) {
+        std::cerr << "ferrow: ZooKeeper error: " << e.what() << std::endl;
+    } catch (const Interrupted& e) {
+        std::cerr << "ferrow: interrupted" << std::endl;
+        return 128 + e.signal;
+    } catch (const std::exception& e) {
+        std::cerr << "ferrow: " << e.what() << std::endl;
+    }
+    return 1;
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+// How the tool prints instances: one line of text for people, or JSON whose
+// records are the protobuf JSON mapping of ServiceInstanceData with the
+// field names of the .proto file (uint64 registered_at_ms is a JSON string
+// in that mapping).
+
+#include "ferrow/service_watcher_observer.h"
+#include "utility/string.h"
+
+namespace jx {
+namespace ferrow {
+namespace cli {
+
+// "<id> <host>:<port>" followed by key=value for every other field that is
+// set, metadata keys in order, registered_at_ms as UTC time.
+String InstanceText(const ServiceId& id, const ServiceInstanceData& record);
+
+// {"id":"<id>","instance":{...}}
+String InstanceJson(const ServiceId& id, const ServiceInstanceData& record);
+
+// One watch event. `record` is null for "removed".
+// Text: "<event> <InstanceText>" or "removed <id>".
+String EventText(const char* event, const ServiceId& id, const ServiceInstanceData* record);
+// {"event":"<event>","service":"<service>","id":"<id>","instance":{...}},
+// without "instance" when `record` is null.
+String EventJson(const char* event, const String& service, const ServiceId& id,
+                 const ServiceInstanceData* record);
+
+}  // namespace cli
+}  // namespace ferrow
+}  // namespace jx
