@@ -1,6 +1,6 @@
 #include "commands.h"
 
-#include <algorithm>
+#include <cstdint>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -203,9 +203,9 @@ int Register(const CommonOptions& common, const StopSignals& signals, const Stri
              const RecordFields& fields, const std::optional<ServiceId>& id, bool compress) {
     ServiceInstanceData record;
     fields.ApplyTo(record);
-    record.set_registered_at_ms(static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                               std::chrono::system_clock::now().time_since_epoch())
-                                                               .count()));
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    record.set_registered_at_ms(
+        static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count()));
     const auto conn = Connect(common, signals);
     std::unique_ptr<ServiceRegistration> registration;
     try {

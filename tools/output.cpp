@@ -39,6 +39,9 @@ String Quote(const String& text) {
 String RecordJson(const ServiceInstanceData& record) {
     google::protobuf::util::JsonPrintOptions options;
     options.preserve_proto_field_names = true;
+    // Every field present, so that consumers need no knowledge of defaults
+    // (a weight of 0 means "send nothing", not "unknown").
+    options.always_print_primitive_fields = true;
     String json;
     const auto status = google::protobuf::util::MessageToJsonString(record, &json, options);
     if (!status.ok()) throw std::runtime_error("cannot print the record as JSON: " + status.ToString());
@@ -63,7 +66,7 @@ String InstanceText(const ServiceId& id, const ServiceInstanceData& record) {
     if (!record.protocol().empty()) text += " protocol=" + record.protocol();
     if (!record.version().empty()) text += " version=" + record.version();
     if (!record.zone().empty()) text += " zone=" + record.zone();
-    if (record.weight() != 0) text += " weight=" + std::to_string(record.weight());
+    text += " weight=" + std::to_string(record.weight());
     const std::map<String, String> metadata(record.metadata().begin(), record.metadata().end());
     for (const auto& [key, value] : metadata) text += " " + key + "=" + value;
     if (record.registered_at_ms() != 0) text += " registered=" + UtcTime(record.registered_at_ms());

@@ -2,8 +2,8 @@
 
 // How the tool prints instances: one line of text for people, or JSON whose
 // records are the protobuf JSON mapping of ServiceInstanceData with the
-// field names of the .proto file (uint64 registered_at_ms is a JSON string
-// in that mapping).
+// field names of the .proto file and every field present (uint64
+// registered_at_ms is a JSON string in that mapping).
 
 #include "ferrow/service_watcher_observer.h"
 #include "utility/string.h"
@@ -12,8 +12,9 @@ namespace jx {
 namespace ferrow {
 namespace cli {
 
-// "<id> <host>:<port>" followed by key=value for every other field that is
-// set, metadata keys in order, registered_at_ms as UTC time.
+// "<id> <host>:<port>" followed by key=value for protocol, version and zone
+// when set, weight always, metadata entries in key order, and
+// registered_at_ms as UTC time when set.
 String InstanceText(const ServiceId& id, const ServiceInstanceData& record);
 
 // {"id":"<id>","instance":{...}}

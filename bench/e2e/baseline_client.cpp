@@ -25,10 +25,11 @@ namespace {
 
 class BaselineClient final : public WatchClient {
 public:
-    BaselineClient(const std::string& connect, const std::string& service, InstanceSink& sink)
+    BaselineClient(const std::string& connect, const std::string& service, int resolutionDelayMs, InstanceSink& sink)
         : m_path(ServicePath(service)), m_sink(sink) {
         m_zh = zookeeper_init(connect.c_str(), &OnSession, 30000, nullptr, this, 0);
         if (m_zh == nullptr) throw std::runtime_error("baseline: cannot start a session with " + connect);
+        if (resolutionDelayMs != 0) zoo_set_servers_resolution_delay(m_zh, resolutionDelayMs);
         std::unique_lock<std::mutex> lock(m_sessionMtx);
         if (!m_sessionCv.wait_for(lock, std::chrono::seconds(30), [this] { return m_connected; })) {
             lock.unlock();
@@ -159,8 +160,8 @@ private:
 }  // namespace
 
 std::unique_ptr<WatchClient> MakeBaselineClient(const std::string& connect, const std::string& service,
-                                                InstanceSink& sink) {
-    return std::make_unique<BaselineClient>(connect, service, sink);
+                                                int resolutionDelayMs, InstanceSink& sink) {
+    return std::make_unique<BaselineClient>(connect, service, resolutionDelayMs, sink);
 }
 
 }  // namespace bench

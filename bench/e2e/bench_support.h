@@ -131,8 +131,11 @@ std::unique_ptr<WatchClient> MakeFerrowClient(const std::string& connect, const 
                                               InstanceSink& sink);
 
 // The same protocol written directly on the C client, as lean as it allows.
+// A non-zero `resolutionDelayMs` is passed to zoo_set_servers_resolution_delay;
+// 0 keeps the client's default (host names resolved again on every poll),
+// which is what ZooKeeperConnection runs with.
 std::unique_ptr<WatchClient> MakeBaselineClient(const std::string& connect, const std::string& service,
-                                                InstanceSink& sink);
+                                                int resolutionDelayMs, InstanceSink& sink);
 
 }  // namespace bench
 }  // namespace jx

@@ -75,6 +75,7 @@ void Require(bool ok, const std::string& what) {
 struct Args {
     std::string mode, client, zk, service;
     size_t n = 0, updates = 0, joins = 0;
+    int resolutionDelayMs = 0;
 };
 
 Args Parse(int argc, char** argv) {
@@ -94,12 +95,13 @@ Args Parse(int argc, char** argv) {
     args.n = std::stoul(get("--n"));
     args.updates = number("--updates");
     args.joins = number("--joins");
+    if (values.count("--resolution-delay")) args.resolutionDelayMs = std::stoi(values["--resolution-delay"]);
     return args;
 }
 
 std::unique_ptr<WatchClient> MakeClient(const Args& args, InstanceSink& sink) {
     if (args.client == "ferrow") return MakeFerrowClient(args.zk, args.service, sink);
-    if (args.client == "baseline") return MakeBaselineClient(args.zk, args.service, sink);
+    if (args.client == "baseline") return MakeBaselineClient(args.zk, args.service, args.resolutionDelayMs, sink);
     throw std::runtime_error("child: unknown client " + args.client);
 }
 

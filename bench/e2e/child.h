@@ -13,6 +13,7 @@
 //       session creates one, waits until the client reports it added, then
 //       creates the next; timed from the first creation to the last notice.
 //       The J nodes are deleted again before the process exits.
+//   --resolution-delay MS (baseline only): see MakeBaselineClient.
 //
 // The child prints its figures as "CHILD key=value" lines on stdout and exits
 // 0, or prints the failure on stderr and exits 1.

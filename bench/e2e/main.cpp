@@ -40,6 +40,8 @@ const char* const kUsage =
     "  --updates K        updates timed for the change latency (default 200)\n"
     "  --churn-sizes A,B  instance counts before the churn (default 100,1000,5000)\n"
     "  --joins J          instances joining in the churn (default 500)\n"
+    "  --resolution-delay MS  the baseline calls zoo_set_servers_resolution_delay(MS)\n"
+    "                     (default: the client's default, as the library runs)\n"
     "  --smoke            tiny run: sizes 20, 5 updates, 10 joins, 1 rep, no warm-up\n";
 
 struct Options {
@@ -50,6 +52,7 @@ struct Options {
     size_t updates = 200;
     std::vector<size_t> churnSizes{100, 1000, 5000};
     size_t joins = 500;
+    std::string resolutionDelay;  // empty: the client's default
 };
 
 std::vector<size_t> ParseList(const std::string& text) {
@@ -85,6 +88,8 @@ Options ParseOptions(int argc, char** argv) {
             options.churnSizes = ParseList(value());
         } else if (arg == "--joins") {
             options.joins = std::stoul(value());
+        } else if (arg == "--resolution-delay") {
+            options.resolutionDelay = value();
         } else if (arg == "--smoke") {
             options.reps = 1;
             options.warmup = 0;
@@ -234,7 +239,13 @@ void Populate(ZkWriter& writer, const std::string& service, size_t have, size_t 
 
 std::vector<std::string> ChildArgs(const char* mode, const std::string& client, const Options& options,
                                    const std::string& service, size_t n) {
-    return {"--child", mode, "--client", client, "--zk", options.zk, "--service", service, "--n", std::to_string(n)};
+    std::vector<std::string> args{"--child", mode,    "--client", client,           "--zk",
+                                  options.zk, "--service", service, "--n", std::to_string(n)};
+    if (client == "baseline" && !options.resolutionDelay.empty()) {
+        args.push_back("--resolution-delay");
+        args.push_back(options.resolutionDelay);
+    }
+    return args;
 }
 
 void MeasureSync(const Options& options, ZkWriter& writer, Results& results) {

@@ -221,6 +221,10 @@ int ZooKeeperConnection::OpenSession() {
                                            << ": errno " << error;
         return error == EINVAL ? ZBADARGUMENTS : ZSYSTEMERROR;
     }
+    // By default the client resolves the server names again on every poll of
+    // its socket, which costs more CPU than reading the data; resolving only
+    // after a connection loss still follows DNS changes where they matter.
+    zoo_set_servers_resolution_delay(session->m_zh, -1);
     if (!m_options.digestAuth.empty()) {
         const int rc = zoo_add_auth(session->m_zh, "digest", m_options.digestAuth.data(),
                                     static_cast<int>(m_options.digestAuth.size()), nullptr, nullptr);

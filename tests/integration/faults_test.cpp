@@ -78,7 +78,8 @@ public:
         m_churn.Stop();
         std::string why;
         auto taken = testing::AwaitConvergence(
-            m_watcher, *m_recorder, [this] { return m_truth.ReadTruth(); }, kConvergenceBound, &why);
+            m_watcher, [this] { return m_recorder->Snapshot().picture; }, [this] { return m_truth.ReadTruth(); },
+            kConvergenceBound, &why);
         const double sinceHealed = Since(healed);
         ASSERT_TRUE(taken.has_value()) << "no convergence within " << kConvergenceBound.count()
                                        << " s of the last write: " << why;
@@ -270,7 +271,8 @@ TEST_P(ScaleFaultTest, WatcherOfManyInstancesConvergesAfterAServerRestart) {
     }
     std::string why;
     auto taken = testing::AwaitConvergence(
-        watcher, *recorder, [&expected] { return expected; }, kConvergenceBound, &why);
+        watcher, [&recorder] { return recorder->Snapshot().picture; }, [&expected] { return expected; },
+        kConvergenceBound, &why);
     ASSERT_TRUE(taken.has_value()) << count << " instances: no convergence within " << kConvergenceBound.count()
                                    << " s of the last write: " << why;
     std::printf("[ converged ] %zu instances: %s after the server was back\n", count,

@@ -210,7 +210,7 @@ TEST_F(ToolTest, AnUnreachableServerFailsAfterTheSessionTimeoutWithOneLine) {
     EXPECT_EQ(result.out, "");
 }
 
-TEST_F(ToolTest, FERROW_ZKIsTheDefaultConnectString) {
+TEST_F(ToolTest, FerrowZkEnvironmentIsTheDefaultConnectString) {
     const std::string connect = "127.0.0.1:" + std::to_string(testing::FreeLoopbackPort());
     const auto result = testing::Run({FERROW_CLI_PATH, "--session-timeout", "500", "list", "any"}, kTimeout,
                                      {"FERROW_ZK=" + connect});

@@ -42,7 +42,8 @@ std::string Difference(const InstanceMap& truth, const InstanceMap& picture, std
 
 }  // namespace
 
-std::optional<double> AwaitConvergence(const ferrow::ServiceWatcher& watcher, const WatcherRecorder& recorder,
+std::optional<double> AwaitConvergence(const ferrow::ServiceWatcher& watcher,
+                                       const std::function<InstanceMap()>& picture,
                                        const std::function<InstanceMap()>& truth, seconds deadline,
                                        std::string* why) {
     const auto start = steady_clock::now();
@@ -51,7 +52,7 @@ std::optional<double> AwaitConvergence(const ferrow::ServiceWatcher& watcher, co
         std::string difference;
         try {
             const InstanceMap expected = truth();
-            difference = Difference(expected, recorder.Snapshot().picture, watcher.ListInstances());
+            difference = Difference(expected, picture(), watcher.ListInstances());
         } catch (const std::exception& e) {
             difference = e.what();
         }

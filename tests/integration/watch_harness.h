@@ -29,11 +29,12 @@ namespace testing {
 std::shared_ptr<ferrow::ZooKeeperConnection> Connect(const std::string& connect,
                                                      std::chrono::milliseconds sessionTimeout);
 
-// Polls, with `deadline`, until the recorder's picture and the watcher's
-// ListInstances both equal `truth()` (which may throw while the servers do
-// not answer). Returns the seconds taken, or nothing; on failure `why` says
-// what differed last.
-std::optional<double> AwaitConvergence(const ferrow::ServiceWatcher& watcher, const WatcherRecorder& recorder,
+// Polls, with `deadline`, until the watcher's picture (`picture()`, built
+// from its events) and its ListInstances both equal `truth()`, which may
+// throw while the servers do not answer. Returns the seconds taken, or
+// nothing; on failure `why` says what differed last.
+std::optional<double> AwaitConvergence(const ferrow::ServiceWatcher& watcher,
+                                       const std::function<InstanceMap()>& picture,
                                        const std::function<InstanceMap()>& truth, std::chrono::seconds deadline,
                                        std::string* why);
 

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include <boost/uuid/random_generator.hpp>
-#include <boost/uuid/uuid_io.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
 
 #include "ferrow/service_watcher.h"
 #include "ferrow/zookeeper_connection.h"
@@ -112,10 +112,13 @@ protected:
     }
 
     void SetUp() override {
-        m_service = std::make_unique<WatchedService>(
-            s_server->ConnectString(), ::testing::UnitTest::GetInstance()->current_test_info()->name(), kSessionTimeout);
+        m_service = std::make_unique<WatchedService>(s_server->ConnectString(),
+                                                     ::testing::UnitTest::GetInstance()->current_test_info()->name(),
+                                                     kSessionTimeout);
     }
-    void TearDown() override { m_service->ExpectCleanRecord(); }
+    void TearDown() override {
+        if (m_service) m_service->ExpectCleanRecord();
+    }
 
     InstanceWriter& Writer() { return *m_service->writer; }
     WatcherRecorder& Recorder() { return *m_service->recorder; }
@@ -174,8 +177,9 @@ TEST_F(WatcherTest, DecodesRawAndCompressedRecordsAsWritten) {
     for (const Case& c : cases) Writer().Set(c.id, expected[c.id] = MakeRecord(++seed, c.metadataBytes), c.second);
     ASSERT_TRUE(Recorder().WaitForPicture(expected, kDeadline));
 
-    EXPECT_EQ(cases.size(), WatcherRecorder::Count(Recorder().Snapshot().events, Kind::Modified));
+    const std::vector<WatcherRecorder::Event> events = Recorder().Snapshot().events;
     for (const Case& c : cases) {
+        EXPECT_THAT(WatcherRecorder::KindsFor(events, c.id), ::testing::ElementsAre(Kind::Added, Kind::Modified));
         ServiceInstanceData read;
         ASSERT_TRUE(Watcher().GetInstanceData(c.id, read));
         EXPECT_TRUE(SameRecord(expected[c.id], read)) << read.ShortDebugString();
@@ -195,7 +199,7 @@ TEST_F(WatcherTest, SkipsChildrenNotNamedByServiceIdWithWarning) {
     ASSERT_TRUE(Recorder().WaitForPicture(expected, kDeadline));
 
     EXPECT_EQ(std::set<ServiceId>{valid}, Listed(Watcher()));
-    EXPECT_EQ(1u, Recorder().Snapshot().events.size());
+    EXPECT_THAT(WatcherRecorder::KindsFor(Recorder().Snapshot().events, valid), ::testing::ElementsAre(Kind::Added));
     for (const std::string& name : foreign) {
         const std::string message = "Invalid child name at path '" + Writer().ServicePath() + "'. Could not convert '" +
                                     name + "' to ServiceId.";
@@ -264,7 +268,8 @@ TEST_F(WatcherTest, ExpiredSessionReportsEveryInstanceRemovedThenAddedFromNewSes
 
     auto removedThenAdded = [&](const WatcherRecorder::State& state) {
         for (const auto& entry : written) {
-            if (WatcherRecorder::KindsFor(state.events, entry.first, mark) != std::vector<Kind>{Kind::Removed, Kind::Added}) {
+            if (WatcherRecorder::KindsFor(state.events, entry.first, mark) !=
+                std::vector<Kind>{Kind::Removed, Kind::Added}) {
                 return false;
             }
         }
@@ -302,7 +307,9 @@ TEST_F(WatcherServerRestartTest, RestartWithinSessionTimeoutLosesNothing) {
     const ServiceId b = NewId();
     const ServiceId c = NewId();
     InstanceMap expected;
-    for (const ServiceId& id : {a, b, c}) writer.Create(id, expected[id] = MakeRecord(static_cast<int>(expected.size())));
+    writer.Create(a, expected[a] = MakeRecord(1));
+    writer.Create(b, expected[b] = MakeRecord(2));
+    writer.Create(c, expected[c] = MakeRecord(3));
     ASSERT_TRUE(service.recorder->WaitForPicture(expected, kDeadline));
     const std::int64_t session = service.conn->SessionId();
 
@@ -329,6 +336,8 @@ TEST_F(WatcherServerRestartTest, RestartWithinSessionTimeoutLosesNothing) {
     EXPECT_THAT(WatcherRecorder::KindsFor(events, a), ::testing::ElementsAre(Kind::Added, Kind::Modified));
     EXPECT_THAT(WatcherRecorder::KindsFor(events, b), ::testing::ElementsAre(Kind::Added, Kind::Removed));
     EXPECT_THAT(WatcherRecorder::KindsFor(events, c), ::testing::ElementsAre(Kind::Added, Kind::Modified));
+    EXPECT_THAT(WatcherRecorder::KindsFor(events, d), ::testing::ElementsAre(Kind::Added));
+    EXPECT_THAT(WatcherRecorder::KindsFor(events, e), ::testing::ElementsAre(Kind::Added));
     service.ExpectCleanRecord();
 }
 

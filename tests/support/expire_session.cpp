@@ -43,21 +43,30 @@ void ExpireSession(const std::string& connect, const ferrow::ZooKeeperConnection
     }
     std::memcpy(id.passwd, password.data(), sizeof(id.passwd));
 
-    AttachState attach;
-    zhandle_t* zh = zookeeper_init(connect.c_str(), &OnSessionEvent, kAttachTimeoutMs, &id, &attach, 0);
-    if (zh == nullptr) throw std::runtime_error("cannot start a client for " + connect);
-    bool connected;
-    {
-        std::unique_lock<std::mutex> lock(attach.mtx);
-        attach.cv.wait_for(lock, deadline, [&] {
-            return attach.state == ZOO_CONNECTED_STATE || attach.state == ZOO_EXPIRED_SESSION_STATE;
-        });
-        connected = attach.state == ZOO_CONNECTED_STATE;
+    // Attaching takes the session away from `conn`, which reconnects at once
+    // and may take it back before the close arrives; the server then refuses
+    // the close. Only an attach refused as expired proves the session gone.
+    const auto until = std::chrono::steady_clock::now() + deadline;
+    for (;;) {
+        AttachState attach;
+        zhandle_t* zh = zookeeper_init(connect.c_str(), &OnSessionEvent, kAttachTimeoutMs, &id, &attach, 0);
+        if (zh == nullptr) throw std::runtime_error("cannot start a client for " + connect);
+        int state;
+        {
+            std::unique_lock<std::mutex> lock(attach.mtx);
+            attach.cv.wait_until(lock, until, [&] {
+                return attach.state == ZOO_CONNECTED_STATE || attach.state == ZOO_EXPIRED_SESSION_STATE;
+            });
+            state = attach.state;
+        }
+        // Closing an attached client closes the session; the watcher callback
+        // can no longer run once zookeeper_close has returned.
+        zookeeper_close(zh);
+        if (state == ZOO_EXPIRED_SESSION_STATE) return;
+        if (state != ZOO_CONNECTED_STATE) {
+            throw std::runtime_error("could not attach to the session through " + connect);
+        }
     }
-    // Closing the attached client closes the session on the server; the
-    // watcher callback can no longer run once zookeeper_close has returned.
-    zookeeper_close(zh);
-    if (!connected) throw std::runtime_error("could not attach to the session through " + connect);
 }
 
 }  // namespace testing

@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
+#include <google/protobuf/util/message_differencer.h>
 #include <boost/lexical_cast.hpp>
 #include <boost/uuid/uuid_io.hpp>
-#include <google/protobuf/util/message_differencer.h>
 
 #include "ferrow/error.h"
 #include "ferrow/zlib.h"

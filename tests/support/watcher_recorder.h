@@ -22,8 +22,7 @@ namespace testing {
 // Reports arrive on the connection's delivery thread; every other operation
 // may be called from any thread. Must be owned by a std::shared_ptr (for
 // ErrorHandler).
-class WatcherRecorder : public ferrow::ServiceWatcherObserver,
-                        public std::enable_shared_from_this<WatcherRecorder> {
+class WatcherRecorder : public ferrow::ServiceWatcherObserver, public std::enable_shared_from_this<WatcherRecorder> {
 public:
     enum class Kind { Added, Modified, Removed };
 
@@ -76,8 +75,7 @@ public:
     // watcher may read a new instance twice when the children are listed
     // again before the first read has returned, and reports the second read
     // as a modification.
-    static std::vector<Kind> KindsFor(const std::vector<Event>& events, const ferrow::ServiceId& id,
-                                      size_t from = 0);
+    static std::vector<Kind> KindsFor(const std::vector<Event>& events, const ferrow::ServiceId& id, size_t from = 0);
     // How many events of `kind` there are from position `from` on.
     static size_t Count(const std::vector<Event>& events, Kind kind, size_t from = 0);
 

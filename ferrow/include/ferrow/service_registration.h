@@ -60,8 +60,8 @@ public:
 
     // Replaces the record and writes it to the node in place. The new record
     // is kept even when the write fails, so a later re-creation publishes it.
-    // Throws ZooError on failure (ZNONODE while an expired session's node has
-    // not been created again yet).
+    // Throws ZooError on failure, e.g. while no session is usable or while an
+    // expired session's node has not been created again yet (ZNONODE).
     void Update(const ServiceInstanceData& record);
 
 private:
