@@ -6,7 +6,6 @@
 // independent client reads, within the bound each test states.
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -132,9 +131,7 @@ protected:
         }
     }
 
-    static void Restart(ZkServer& server) {
-        server.Start(seconds(60));
-    }
+    static void Start(ZkServer& server) { server.Start(seconds(60)); }
 
     static std::string Name() { return ::testing::UnitTest::GetInstance()->current_test_info()->name(); }
 
@@ -150,7 +147,7 @@ TEST_F(EnsembleFaultTest, WatcherConvergesAfterTheLeaderIsKilledAndRestarted) {
     s_ensemble->Server(static_cast<size_t>(leader)).Stop();
     // Two servers still form a quorum: the churn goes on once they elected.
     scenario.Progress(40);
-    Restart(s_ensemble->Server(static_cast<size_t>(leader)));
+    Start(s_ensemble->Server(static_cast<size_t>(leader)));
     const auto healed = steady_clock::now();
     scenario.Progress(20);
     scenario.ExpectConvergence(healed, "leader_restart_convergence_s");
@@ -162,7 +159,7 @@ TEST_F(EnsembleFaultTest, WatcherConvergesAfterAFollowerIsKilledAndRestarted) {
     const size_t follower = static_cast<size_t>((LeaderIndex() + 1) % 3);
     s_ensemble->Server(follower).Stop();
     scenario.Progress(40);
-    Restart(s_ensemble->Server(follower));
+    Start(s_ensemble->Server(follower));
     const auto healed = steady_clock::now();
     scenario.Progress(20);
     scenario.ExpectConvergence(healed, "follower_restart_convergence_s");
@@ -179,9 +176,9 @@ TEST_F(EnsembleFaultTest, WatcherConvergesAfterQuorumIsLostLongerThanTheSessionT
     // The outage itself: no quorum for longer than the session timeout.
     std::this_thread::sleep_for(kOutage);
     // One member back makes a quorum with the one that stayed.
-    Restart(s_ensemble->Server(leader));
+    Start(s_ensemble->Server(leader));
     const auto healed = steady_clock::now();
-    Restart(s_ensemble->Server(follower));
+    Start(s_ensemble->Server(follower));
     scenario.Progress(20);
     scenario.ExpectConvergence(healed, "quorum_loss_convergence_s");
     std::printf("[ session   ] %s\n", scenario.WatcherConnection().SessionId() == session
@@ -213,7 +210,7 @@ TEST(StandaloneFaultTest, WatcherConvergesAfterTheServerIsStoppedAndStartedOnThe
 }
 
 // The instance counts the scale scenario runs, from FERROW_SCALE_INSTANCES
-// ("15000,25000"); by default the largest count known to converge.
+// (e.g. "15000,25000" to see the ceiling); by default 15,000, safely below it.
 std::vector<size_t> ScaleCounts() {
     const char* text = std::getenv("FERROW_SCALE_INSTANCES");
     std::vector<size_t> counts;

@@ -45,6 +45,9 @@ constexpr milliseconds kSessionTimeout = seconds(10);
 // connection attempt that the starting server never answers after two thirds
 // of it, so it also bounds how long a reconnection can stall.
 constexpr milliseconds kRestartSessionTimeout = seconds(20);
+// The shortest session the server grants, for a connection first made while
+// the server starts, so that such a stall stays short.
+constexpr milliseconds kShortSessionTimeout = seconds(4);
 
 ServiceId NewId() {
     static boost::uuids::random_generator generate;
@@ -350,7 +353,7 @@ TEST_F(WatcherServerRestartTest, StartedWhileServerDownDiscoversInstancesOnceCon
         writer.CreateAll(written, Encoding::Raw);
     }
     m_server.Stop();
-    WatchedService service(m_server.ConnectString(), Service(), kSessionTimeout, false);
+    WatchedService service(m_server.ConnectString(), Service(), kShortSessionTimeout, false);
     m_server.Start();
 
     ASSERT_TRUE(service.recorder->WaitForPicture(written, kDeadline));
