@@ -89,21 +89,18 @@ TEST_F(RegistrationTest, CompressesWhenAskedOrWhenTheRecordIsLarge) {
     const auto conn = Connect();
     const auto small = MakeRecord(2);
     const auto large = MakeRecord(3, 4 * kCompressionThreshold);
-    ServiceRegistration plain(conn, "reg-compression", small);
-    ServiceRegistration forced(conn, "reg-compression", small, true);
-    ServiceRegistration big(conn, "reg-compression", large);
-
-    const auto plainBytes = ReadNode(*conn, plain.Path());
-    const auto forcedBytes = ReadNode(*conn, forced.Path());
-    const auto bigBytes = ReadNode(*conn, big.Path());
-    ASSERT_TRUE(plainBytes && forcedBytes && bigBytes);
-    EXPECT_EQ(CompressionOf(*plainBytes), ZNodeData::COMP_NONE);
-    EXPECT_EQ(CompressionOf(*forcedBytes), ZNodeData::COMP_ZLIB);
-    EXPECT_EQ(CompressionOf(*bigBytes), ZNodeData::COMP_ZLIB);
-    EXPECT_LT(bigBytes->size(), large.ByteSizeLong());
-    EXPECT_TRUE(SameRecord(DecodeInstanceData(*plainBytes), small));
-    EXPECT_TRUE(SameRecord(DecodeInstanceData(*forcedBytes), small));
-    EXPECT_TRUE(SameRecord(DecodeInstanceData(*bigBytes), large));
+    const ServiceRegistration plain(conn, "reg-compression", small);
+    const ServiceRegistration forced(conn, "reg-compression", small, true);
+    const ServiceRegistration big(conn, "reg-compression", large);
+    for (const auto* r : {&plain, &forced, &big}) {
+        const auto bytes = ReadNode(*conn, r->Path());
+        ASSERT_TRUE(bytes);
+        EXPECT_EQ(CompressionOf(*bytes), r == &plain ? ZNodeData::COMP_NONE : ZNodeData::COMP_ZLIB);
+        EXPECT_TRUE(SameRecord(DecodeInstanceData(*bytes), r == &big ? large : small));
+        if (r == &big) {
+            EXPECT_LT(bytes->size(), large.ByteSizeLong());
+        }
+    }
 }
 
 TEST_F(RegistrationTest, UpdateRewritesTheRecordInPlace) {
@@ -115,7 +112,6 @@ TEST_F(RegistrationTest, UpdateRewritesTheRecordInPlace) {
     const auto bytes = ReadNode(*conn, registration.Path());
     ASSERT_TRUE(bytes);
     EXPECT_TRUE(SameRecord(DecodeInstanceData(*bytes), changed));
-    EXPECT_TRUE(SameRecord(registration.Record(), changed));
 }
 
 TEST_F(RegistrationTest, ATakenIdIsRefusedWithNodeExistsAndTheFirstStays) {

@@ -226,59 +226,44 @@ TEST_F(ToolTest, UpdateChangesOnlyTheGivenFields) {
     EXPECT_TRUE(SameRecord(DecodeInstanceData(*bytes), expected));
 }
 
-TEST_F(ToolTest, AnUnreachableServerFailsAfterTheSessionTimeoutWithOneLine) {
-    const std::string connect = "127.0.0.1:" + std::to_string(testing::FreeLoopbackPort());
-    const auto result =
-        testing::Run({FERROW_CLI_PATH, "--zk", connect, "--session-timeout", "1000", "list", "any"}, kTimeout);
-    EXPECT_EQ(result.code, 1);
-    EXPECT_EQ(result.err, "ferrow: cannot connect to ZooKeeper at " + connect + " within 1000 ms\n");
-    EXPECT_EQ(result.out, "");
-}
-
-TEST_F(ToolTest, FerrowZkEnvironmentIsTheDefaultConnectString) {
-    const std::string connect = "127.0.0.1:" + std::to_string(testing::FreeLoopbackPort());
-    const auto result = testing::Run({FERROW_CLI_PATH, "--session-timeout", "500", "list", "any"}, kTimeout,
-                                     {"FERROW_ZK=" + connect});
-    EXPECT_EQ(result.code, 1);
-    EXPECT_EQ(result.err, "ferrow: cannot connect to ZooKeeper at " + connect + " within 500 ms\n");
-}
-
-TEST_F(ToolTest, AnInvalidUuidIsAUsageError) {
-    const auto result = RunTool({"get", "tool-errors", "not-a-uuid"});
-    EXPECT_EQ(result.code, 2);
-    EXPECT_NE(result.err.find("'not-a-uuid' is not a UUID"), std::string::npos) << result.err;
-    EXPECT_EQ(result.out, "");
-}
-
-TEST_F(ToolTest, AMissingServiceFailsWithAMessage) {
-    const auto result = RunTool({"list", "tool-no-such-service"});
-    EXPECT_EQ(result.code, 1);
-    EXPECT_EQ(result.err, "ferrow: service 'tool-no-such-service' does not exist\n");
-    EXPECT_EQ(result.out, "");
-}
-
-TEST_F(ToolTest, AMissingInstanceFailsWithAMessage) {
-    const auto id = "0b5a2e8c-1d7f-4c3a-9e2b-5f6a7b8c9d0e";
-    const auto result = RunTool({"get", "tool-errors", id});
-    EXPECT_EQ(result.code, 1);
-    EXPECT_EQ(result.err, std::string("ferrow: instance ") + id + " of service 'tool-errors' does not exist\n");
-}
-
-TEST_F(ToolTest, MalformedMetadataIsAUsageError) {
-    const auto result = RunTool({"register", "tool-errors", "--host", "h", "--port", "1", "--meta", "novalue"});
-    EXPECT_EQ(result.code, 2);
-    EXPECT_NE(result.err.find("'novalue' is not KEY=VALUE"), std::string::npos) << result.err;
-    EXPECT_EQ(result.out, "");
-}
-
-TEST_F(ToolTest, RegisteringATakenIdFailsWithAMessage) {
+TEST_F(ToolTest, EachFailureExitsWithItsCodeAndOneMessageOnStandardError) {
     const auto conn = Connect();
     ServiceRegistration taken(conn, "tool-errors", MakeRecord(4));
-    const auto id = boost::uuids::to_string(taken.Id());
-    const auto result = RunTool({"register", "tool-errors", "--host", "h", "--port", "1", "--id", id});
-    EXPECT_EQ(result.code, 1);
-    EXPECT_EQ(result.err, "ferrow: instance " + id + " of service 'tool-errors' is already registered\n");
-    EXPECT_EQ(result.out, "");
+    const std::string takenId = boost::uuids::to_string(taken.Id());
+    const std::string missingId = "0b5a2e8c-1d7f-4c3a-9e2b-5f6a7b8c9d0e";
+    const std::string unreachable = "127.0.0.1:" + std::to_string(testing::FreeLoopbackPort());
+    struct Case {
+        std::vector<std::string> command;
+        std::vector<std::string> env;
+        int code;
+        std::string err;
+        bool errIsWhole;  // else a part of the usage text
+    };
+    const Case cases[] = {
+        {{FERROW_CLI_PATH, "--zk", unreachable, "--session-timeout", "1000", "list", "any"}, {}, 1,
+         "ferrow: cannot connect to ZooKeeper at " + unreachable + " within 1000 ms\n", true},
+        {{FERROW_CLI_PATH, "--session-timeout", "500", "list", "any"}, {"FERROW_ZK=" + unreachable}, 1,
+         "ferrow: cannot connect to ZooKeeper at " + unreachable + " within 500 ms\n", true},
+        {Tool({"list", "tool-no-such-service"}), {}, 1, "ferrow: service 'tool-no-such-service' does not exist\n", true},
+        {Tool({"get", "tool-errors", missingId}), {}, 1,
+         "ferrow: instance " + missingId + " of service 'tool-errors' does not exist\n", true},
+        {Tool({"register", "tool-errors", "--host", "h", "--port", "1", "--id", takenId}), {}, 1,
+         "ferrow: instance " + takenId + " of service 'tool-errors' is already registered\n", true},
+        {Tool({"get", "tool-errors", "not-a-uuid"}), {}, 2, "'not-a-uuid' is not a UUID", false},
+        {Tool({"register", "tool-errors", "--host", "h", "--port", "1", "--meta", "novalue"}), {}, 2,
+         "'novalue' is not KEY=VALUE", false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.err);
+        const auto result = testing::Run(c.command, kTimeout, c.env);
+        EXPECT_EQ(result.code, c.code);
+        if (c.errIsWhole) {
+            EXPECT_EQ(result.err, c.err);
+        } else {
+            EXPECT_NE(result.err.find(c.err), std::string::npos) << result.err;
+        }
+        EXPECT_EQ(result.out, "");
+    }
 }
 
 }  // namespace

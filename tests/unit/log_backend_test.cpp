@@ -5,6 +5,8 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <iomanip>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -72,25 +74,11 @@ struct ParsedLine {
     std::string stamp, level, source, location, message;
 };
 
-bool StampShaped(const std::string& stamp) {
-    const std::string shape = "dddd-dd-ddTdd:dd:dd.ddddddZ";
-    if (stamp.size() != shape.size()) return false;
-    for (size_t i = 0; i < shape.size(); ++i) {
-        const bool digit = stamp[i] >= '0' && stamp[i] <= '9';
-        if (shape[i] == 'd' ? !digit : stamp[i] != shape[i]) return false;
-    }
-    return true;
-}
-
 ParsedLine Parse(const std::string& text) {
-    ParsedLine line;
-    std::istringstream in(text);
-    if (!(in >> line.stamp >> line.level >> line.source >> line.location) || in.get() != ' ') return line;
-    std::getline(in, line.message);
-    const size_t colon = line.location.rfind(':');
-    line.ok = StampShaped(line.stamp) && colon != std::string::npos && colon + 1 < line.location.size() &&
-              line.location.find_first_not_of("0123456789", colon + 1) == std::string::npos;
-    return line;
+    static const std::regex shape(R"(^(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z) (\S+) (\S+) (\S+:\d+) (.*)$)");
+    std::smatch m;
+    if (!std::regex_match(text, m, shape)) return {};
+    return {true, m[1], m[2], m[3], m[4], m[5]};
 }
 
 std::vector<std::string> Lines(const std::string& text) {
@@ -132,10 +120,9 @@ TEST(LogBackendTest, FormatRecordWritesUtcMicrosecondsLevelSourceBaseNameLineAnd
     ::setenv("TZ", "Asia/Kathmandu", 1);
     ::tzset();
     const ConstSourcePtr none;
-    const String message = "hello world";
     const std::time_t before = std::time(nullptr);
-    const String sourced = FormatRecord({JXLOG_WARNING, 0, JXLOG_DECODE_AS_KV, g_testSource, "/a/b/file.cpp", 42, message});
-    const String unsourced = FormatRecord({static_cast<LogLevel>(7), 0, JXLOG_DECODE_AS_KV, none, "file.cpp", 7, message});
+    const String sourced = FormatRecord({JXLOG_WARNING, 0, JXLOG_DECODE_AS_KV, g_testSource, "/a/b/file.cpp", 42, "hello world"});
+    const String unsourced = FormatRecord({static_cast<LogLevel>(7), 0, JXLOG_DECODE_AS_KV, none, "file.cpp", 7, "hello world"});
     const std::time_t after = std::time(nullptr);
     if (savedTz) ::setenv("TZ", savedTzValue.c_str(), 1); else ::unsetenv("TZ");
     ::tzset();
@@ -147,12 +134,7 @@ TEST(LogBackendTest, FormatRecordWritesUtcMicrosecondsLevelSourceBaseNameLineAnd
     EXPECT_EQ(line.location, "file.cpp:42");
     EXPECT_EQ(line.message, "hello world");
     std::tm utc{};
-    utc.tm_year = std::stoi(line.stamp.substr(0, 4)) - 1900;
-    utc.tm_mon = std::stoi(line.stamp.substr(5, 2)) - 1;
-    utc.tm_mday = std::stoi(line.stamp.substr(8, 2));
-    utc.tm_hour = std::stoi(line.stamp.substr(11, 2));
-    utc.tm_min = std::stoi(line.stamp.substr(14, 2));
-    utc.tm_sec = std::stoi(line.stamp.substr(17, 2));
+    std::istringstream(line.stamp) >> std::get_time(&utc, "%Y-%m-%dT%H:%M:%S");
     const std::time_t stamped = ::timegm(&utc);
     EXPECT_GE(stamped, before);
     EXPECT_LE(stamped, after);

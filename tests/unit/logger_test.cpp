@@ -34,7 +34,7 @@ TEST(LogRecordTest, StatementAtTheMinimumIsWrittenAndOneStepBelowEvaluatesNothin
     EXPECT_EQ(records[0].message, "equal 1");
 }
 
-TEST(LogRecordTest, RecordCarriesIdDecodeTypeSourceFileAndLine) {
+TEST(LogRecordTest, EveryRecordCarriesIdDecodeTypeSourceFileAndLine) {
     LogCapture capture;  // restores the level and handler when the test ends
     std::vector<String> seen;
     SetLogHandler([&seen](const LogRecord& r) {
@@ -45,10 +45,12 @@ TEST(LogRecordTest, RecordCarriesIdDecodeTypeSourceFileAndLine) {
     const int line = __LINE__ + 1;
     JXLOG(JXLOG_ERROR, g_testSource) << "sourced";
     JXLOG(JXLOG_ERROR, ConstSourcePtr()) << "unsourced";
+    JXLOG(JXLOG_ERROR, g_testSource);
 
-    ASSERT_EQ(seen.size(), 2u);
+    ASSERT_EQ(seen.size(), 3u);
     EXPECT_EQ(seen[0], "0 1 ferrow.test " __FILE__ ":" + std::to_string(line) + " sourced");
     EXPECT_EQ(seen[1], "0 1 <none> " __FILE__ ":" + std::to_string(line + 1) + " unsourced");
+    EXPECT_EQ(seen[2], "0 1 ferrow.test " __FILE__ ":" + std::to_string(line + 2) + " ") << "nothing streamed";
 }
 
 TEST(LogRecordTest, EachThreadReusesOneStreamThatIsEmptyBetweenRecords) {
@@ -97,16 +99,6 @@ TEST(LogRecordTest, NestedRecordTakesTheOuterTextSoFarAndTheOuterKeepsOnlyTheRes
     ASSERT_EQ(records.size(), 2u);
     EXPECT_EQ(records[0].message, "outer-before inner");
     EXPECT_EQ(records[1].message, "outer-after");
-}
-
-TEST(LogRecordTest, RecordWithNothingStreamedIsStillEmitted) {
-    LogCapture capture;
-    JXLOG(JXLOG_INFO, g_testSource);
-
-    const std::vector<LogCapture::Record> records = capture.Records();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].message, "");
-    EXPECT_EQ(records[0].source, "ferrow.test");
 }
 
 struct LogsOnDestruction {

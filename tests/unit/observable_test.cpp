@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -85,22 +84,34 @@ bool WaitFor(Predicate done, std::chrono::milliseconds limit) {
     return true;
 }
 
-TEST(ObservableTest, NotifiesInRegistrationOrderWithStrongAndWeakInterleaved) {
+TEST(ObservableTest, NotifiesEverySlotInRegistrationOrderUntilCleared) {
     Subject subject;
     std::vector<std::string> journal;
+    std::shared_ptr<Listener> strong = Recorder(journal, "sa");
     std::shared_ptr<Listener> weakA = Recorder(journal, "wa");
     std::shared_ptr<Listener> weakB = Recorder(journal, "wb");
-    subject.RegisterShared(Recorder(journal, "sa"));
+    subject.RegisterShared(strong);
     subject.RegisterWeak(weakA);
     subject.RegisterShared(Recorder(journal, "sb"));
     subject.RegisterWeak(weakB);
     subject.Notify(1);
     EXPECT_EQ(journal, (std::vector<std::string>{"sa1", "wa1", "sb1", "wb1"}));
+    const std::vector<std::weak_ptr<Listener>> slots = subject.GetObservers();
+    ASSERT_EQ(slots.size(), 4u);
+    EXPECT_EQ(slots[0].lock(), strong);
+    EXPECT_EQ(slots[3].lock(), weakB);
+
+    subject.ClearObservers();
+    subject.Notify(2);
+    EXPECT_TRUE(subject.GetObservers().empty());
+    EXPECT_EQ(journal.size(), 4u);
+    EXPECT_EQ(strong.use_count(), 1);
 }
 
-TEST(ObservableTest, NullEmptyAndExpiredRegistrationsAreIgnoredWithoutLoggingOrWaiting) {
+TEST(ObservableTest, NullEmptyExpiredAndDeadSlotsAreSkippedAndNeverMatchedByRemoval) {
     LogCapture capture;
     Subject subject;
+    std::vector<std::string> journal;
     std::weak_ptr<Listener> expired = std::make_shared<FunctionListener>([](int) {});
     subject.RegisterShared(nullptr);
     subject.RegisterWeak(std::weak_ptr<Listener>());
@@ -109,7 +120,20 @@ TEST(ObservableTest, NullEmptyAndExpiredRegistrationsAreIgnoredWithoutLoggingOrW
     subject.UnregisterShared(nullptr);
     subject.UnregisterRaw(nullptr);
     EXPECT_TRUE(subject.GetObservers().empty());
-    EXPECT_TRUE(capture.Records().empty());
+    EXPECT_TRUE(capture.Records().empty()) << "nothing to remove, so nothing logged or waited for";
+
+    std::shared_ptr<Listener> doomed = Recorder(journal, "dead");
+    const Listener* doomedAddress = doomed.get();
+    subject.RegisterWeak(doomed);
+    subject.RegisterShared(Recorder(journal, "live"));
+    doomed.reset();  // made by make_shared: the weak slot keeps the address reserved
+    subject.UnregisterRaw(doomedAddress);
+    subject.Notify(1);
+    EXPECT_EQ(journal, (std::vector<std::string>{"live1"}));
+    const std::vector<std::weak_ptr<Listener>> slots = subject.GetObservers();
+    ASSERT_EQ(slots.size(), 2u);
+    EXPECT_TRUE(slots[0].expired());
+    EXPECT_FALSE(slots[1].expired());
 }
 
 TEST(ObservableTest, DoubleRegistrationIsCalledTwiceAndOneRemovalTakesOnlyTheEarlierSlot) {
@@ -123,23 +147,6 @@ TEST(ObservableTest, DoubleRegistrationIsCalledTwiceAndOneRemovalTakesOnlyTheEar
     subject.UnregisterRaw(a.get());
     subject.Notify(2);
     EXPECT_EQ(journal, (std::vector<std::string>{"a1", "b1", "a1", "b2", "a2"}));
-}
-
-TEST(ObservableTest, DeadWeakObserverIsSkippedAndNeverMatchedByRemoval) {
-    Subject subject;
-    std::vector<std::string> journal;
-    std::shared_ptr<Listener> doomed = Recorder(journal, "dead");
-    const Listener* doomedAddress = doomed.get();
-    subject.RegisterWeak(doomed);
-    subject.RegisterShared(Recorder(journal, "live"));
-    doomed.reset();  // made by make_shared: the weak slot keeps the address reserved
-    subject.UnregisterRaw(doomedAddress);
-    subject.Notify(1);
-    EXPECT_EQ(journal, (std::vector<std::string>{"live1"}));
-    const std::vector<std::weak_ptr<Listener>> slots = subject.GetObservers();
-    ASSERT_EQ(slots.size(), 2u);
-    EXPECT_TRUE(slots[0].expired());
-    EXPECT_FALSE(slots[1].expired());
 }
 
 TEST(ObservableTest, RemovalFromInsideACallbackReturnsAtOnceAndTheSnapshotIsStillCalled) {
@@ -160,22 +167,22 @@ TEST(ObservableTest, RemovalFromInsideACallbackReturnsAtOnceAndTheSnapshotIsStil
     EXPECT_EQ(journal, (std::vector<std::string>{"remover1", "middle1", "later1", "middle2"}));
 }
 
-TEST(ObservableTest, UnregisterRawWaitsForANotificationOnAnotherThread) {
+TEST(ObservableTest, UnregisterRawWaitsForANotificationOnAnotherThreadUnlessGivenNull) {
     LogCapture capture;
     Subject subject;
-    std::atomic<bool> released{false};
-    std::atomic<bool> removed{false};
-    std::atomic<bool> removedBeforeRelease{true};
-    std::atomic<bool> entered{false};
+    std::atomic<bool> entered{false}, released{false}, removed{false}, removedBeforeRelease{true}, left{false};
     auto blocker = std::make_shared<FunctionListener>([&](int) {
         entered = true;
         WaitFor([&] { return released.load(); }, kDeadline);
         removedBeforeRelease = removed.load();
+        left = true;
     });
     subject.RegisterShared(blocker);
     std::thread notifier([&] { subject.Notify(1); });
     const std::string notifierId = ThreadIdText(notifier.get_id());
     EXPECT_TRUE(WaitFor([&] { return entered.load(); }, kDeadline));
+    subject.UnregisterRaw(nullptr);
+    EXPECT_FALSE(left) << "removing null waited for the notification";
 
     std::thread remover([&] {
         subject.UnregisterRaw(blocker.get());
@@ -194,25 +201,6 @@ TEST(ObservableTest, UnregisterRawWaitsForANotificationOnAnotherThread) {
     EXPECT_FALSE(removedBeforeRelease);
     EXPECT_TRUE(subject.GetObservers().empty());
     EXPECT_EQ(ReportedNotifiers(capture), (std::vector<std::string>{notifierId}));
-}
-
-TEST(ObservableTest, UnregisterRawOfNullReturnsAtOnceWhileAnotherThreadNotifies) {
-    Subject subject;
-    std::atomic<bool> released{false};
-    std::atomic<bool> entered{false};
-    std::atomic<bool> finished{false};
-    subject.RegisterShared(std::make_shared<FunctionListener>([&](int) {
-        entered = true;
-        WaitFor([&] { return released.load(); }, kDeadline);
-        finished = true;
-    }));
-    std::thread notifier([&] { subject.Notify(1); });
-    EXPECT_TRUE(WaitFor([&] { return entered.load(); }, kDeadline));
-
-    subject.UnregisterRaw(nullptr);
-    EXPECT_FALSE(finished);
-    released = true;
-    notifier.join();
 }
 
 TEST(ObservableTest, UnregisterRecordsNotifierAndStaysBlankAfterNestedNotificationReturns) {
@@ -238,20 +226,7 @@ TEST(ObservableTest, UnregisterRecordsNotifierAndStaysBlankAfterNestedNotificati
     for (const LogCapture::Record& r : records) {
         EXPECT_EQ(r.level, logging::JXLOG_DEBUG);
         EXPECT_EQ(r.source, "");
-        EXPECT_EQ(r.line, 101);
-        EXPECT_NE(r.file.find("utility/observable_impl.h"), std::string::npos) << r.file;
     }
-
-    // The stall record needs a hundred million turns of the wait to appear, so
-    // its statement is pinned where the header says it is.
-    std::ifstream header(records[0].file);
-    std::string line;
-    for (int n = 0; n < 111 && std::getline(header, line); ++n) {
-    }
-    EXPECT_NE(line.find("JXLOG(logging::JXLOG_INFO, logging::ConstSourcePtr()) << \"UnregisterRaw appears stalled. "
-                        "Possible dead/live lock! Function has looped \" << loops << \" times\""),
-              std::string::npos)
-        << line;
 }
 
 TEST(ObservableTest, ThrowingObserverStopsThatNotificationAndTheNextStartsAfresh) {
@@ -269,26 +244,6 @@ TEST(ObservableTest, ThrowingObserverStopsThatNotificationAndTheNextStartsAfresh
     subject.Notify(2);
     EXPECT_EQ(journal, (std::vector<std::string>{"first1", "first2", "last2"}));
     EXPECT_EQ(ReportedNotifiers(capture), (std::vector<std::string>{kBlank}));
-}
-
-TEST(ObservableTest, GetObserversListsEverySlotAndClearObserversEmptiesThem) {
-    Subject subject;
-    std::vector<std::string> journal;
-    std::shared_ptr<Listener> strong = Recorder(journal, "s");
-    std::shared_ptr<Listener> weak = Recorder(journal, "w");
-    subject.RegisterShared(strong);
-    subject.RegisterWeak(weak);
-    const std::vector<std::weak_ptr<Listener>> slots = subject.GetObservers();
-    ASSERT_EQ(slots.size(), 2u);
-    EXPECT_EQ(slots[0].lock(), strong);
-    EXPECT_EQ(slots[1].lock(), weak);
-    EXPECT_EQ(strong.use_count(), 2);
-
-    subject.ClearObservers();
-    subject.Notify(1);
-    EXPECT_TRUE(subject.GetObservers().empty());
-    EXPECT_TRUE(journal.empty());
-    EXPECT_EQ(strong.use_count(), 1);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "ferrow/service_watcher.h"
 
 #include <cstdio>
+#include <functional>
 #include <mutex>
 #include <set>
 
@@ -140,13 +141,17 @@ std::size_t WatcherRecords(const LogCapture& logs) {
     return n;
 }
 
-TEST(ServiceWatcherTest, ServicePathIsSrv2FollowedByTheNameUnchanged) {
+TEST(ServiceWatcherTest, EachStartReadsSrv2FollowedByTheNameAndRegistersForSessionEvents) {
     for (const String name : {"svc", "a/b", ""}) {
         Harness h(name);
         h.watcher->Start();
-        ASSERT_EQ(h.Requests(), 1u);
-        EXPECT_EQ(h.conn->Requests()[0].path, "/srv2/" + name);
-        EXPECT_EQ(h.conn->Requests()[0].kind, Kind::Children);
+        h.watcher->Start();
+        EXPECT_EQ(h.conn->ObserverSlots(), 2u);
+        ASSERT_EQ(h.Requests(), 2u);
+        for (const FakeConnection::Request& r : h.conn->Requests()) {
+            EXPECT_EQ(r.path, "/srv2/" + name);
+            EXPECT_EQ(r.kind, Kind::Children);
+        }
     }
 }
 
@@ -170,30 +175,46 @@ TEST(ServiceWatcherTest, StartOnDisconnectedSessionWaitsForConnection) {
     EXPECT_EQ(h.Requests(), 1u);
 }
 
-TEST(ServiceWatcherTest, StartTwiceRegistersForSessionEventsTwice) {
-    Harness h;
-    h.watcher->Start();
-    h.watcher->Start();
-    EXPECT_EQ(h.conn->ObserverSlots(), 2u);
-    EXPECT_EQ(h.Requests(), 2u);
-}
+TEST(ServiceWatcherTest, RefusedRequestBelowApiErrorGoesToHandlerAndOthersRetryOnReconnection) {
+    const String path = PathOf(Id(1));
+    struct Site {
+        std::function<void(Harness&, int)> refuse;
+        int apiRc;
+        String error, unexpected, retry;  // unexpected empty: such failures log nothing else
+        std::size_t issued;               // requests made before the reconnection
+        bool apiRetried;
+    };
+    const Site sites[] = {
+        {[](Harness& h, int rc) { h.conn->FailCreate(rc); h.watcher->Start(); h.conn->FailCreate(std::nullopt); },
+         ZNONODE, "Error in StartImpl " + kService, "", "Retrying startup " + kService, 0, true},
+        {[](Harness& h, int rc) { h.conn->ScriptIssue(Kind::Children, rc); h.watcher->Start(); },
+         ZNONODE, "Error watching service " + kService, "WatchService; unexpected result: " + kService,
+         "Retrying service watch " + kService, 1, false},
+        {[](Harness& h, int rc) { h.conn->ScriptIssue(Kind::Data, rc); h.StartWith({Name(Id(1))}); },
+         ZSESSIONEXPIRED, "Error watching instance " + path, "WatchInstance; unexpected result: " + path,
+         "Retrying instance watch: " + path, 2, false},
+    };
+    for (const Site& site : sites) {
+        for (const int rc : {site.apiRc, int{ZAPIERROR}, int{ZCONNECTIONLOSS}}) {
+            SCOPED_TRACE(site.error + " " + std::to_string(rc));
+            LogCapture logs;
+            Harness h;
+            site.refuse(h, rc);
+            const bool api = rc < ZAPIERROR;
+            EXPECT_EQ(Logged(logs, logging::JXLOG_ERROR, site.error + ": " + zerror(rc)), api ? 1u : 0u);
+            if (site.unexpected.empty()) {
+                EXPECT_EQ(WatcherRecords(logs), api ? 1u : 0u);
+            } else {
+                EXPECT_EQ(Logged(logs, logging::JXLOG_INFO, site.unexpected + " result: " + zerror(rc)), api ? 0u : 1u);
+            }
+            EXPECT_EQ(h.Handled(), api ? std::vector<int>{rc} : std::vector<int>{});
+            EXPECT_EQ(h.Requests(), site.issued);
 
-TEST(ServiceWatcherTest, StartupFailureBelowApiErrorGoesToHandlerAndOthersOnlyRetry) {
-    for (const int rc : {ZNONODE, ZAPIERROR, ZCONNECTIONLOSS}) {
-        SCOPED_TRACE(rc);
-        LogCapture logs;
-        Harness h;
-        h.conn->FailCreate(rc);
-        h.watcher->Start();
-        EXPECT_EQ(h.Requests(), 0u);
-        const bool api = rc < ZAPIERROR;
-        EXPECT_EQ(Logged(logs, logging::JXLOG_ERROR, "Error in StartImpl " + kService + ": " + zerror(rc)), api ? 1u : 0u);
-        EXPECT_EQ(WatcherRecords(logs), api ? 1u : 0u);
-        EXPECT_EQ(h.Handled(), api ? std::vector<int>{rc} : std::vector<int>{});
-
-        h.conn->FailCreate(std::nullopt);
-        h.Session(ZOO_CONNECTED_STATE);
-        EXPECT_EQ(h.Requests(), 1u) << "start-up retried";
+            const bool retried = !api || site.apiRetried;
+            h.Session(ZOO_CONNECTED_STATE);
+            EXPECT_EQ(Logged(logs, logging::JXLOG_DEBUG, site.retry), retried ? 1u : 0u);
+            EXPECT_EQ(h.Requests(), site.issued + (retried ? 1u : 0u));
+        }
     }
 }
 
@@ -208,27 +229,10 @@ TEST(ServiceWatcherTest, EmptyErrorHandlerThrowsBadFunctionCallAndArmsNoRetry) {
     EXPECT_EQ(h.Requests(), 0u);
 }
 
-TEST(ServiceWatcherTest, RefusedServiceRequestBelowApiErrorGoesToHandlerAndOthersRetry) {
-    for (const int rc : {ZNONODE, ZAPIERROR, ZCONNECTIONLOSS}) {
-        SCOPED_TRACE(rc);
-        LogCapture logs;
-        Harness h;
-        h.conn->ScriptIssue(Kind::Children, rc);
-        h.watcher->Start();
-        const bool api = rc < ZAPIERROR;
-        EXPECT_EQ(Logged(logs, logging::JXLOG_ERROR, "Error watching service " + kService + ": " + zerror(rc)), api ? 1u : 0u);
-        EXPECT_EQ(Logged(logs, logging::JXLOG_INFO,
-                         "WatchService; unexpected result: " + kService + " result: " + zerror(rc)), api ? 0u : 1u);
-        EXPECT_EQ(h.Handled(), api ? std::vector<int>{rc} : std::vector<int>{});
-
-        h.Session(ZOO_CONNECTED_STATE);
-        EXPECT_EQ(Logged(logs, logging::JXLOG_DEBUG, "Retrying service watch " + kService), api ? 0u : 1u);
-        EXPECT_EQ(h.Requests(), api ? 1u : 2u);
-    }
-}
-
-TEST(ServiceWatcherTest, ChildrenResultCodesFollowTheDecisionTable) {
+TEST(ServiceWatcherTest, ReadResultCodesFollowTheDecisionTable) {
+    const String path = PathOf(Id(1));
     struct Case {
+        bool instance;  // the instance's data read, else the service's children read
         int rc;
         LogLevel level;
         std::string text;  // empty: no record at all
@@ -236,26 +240,37 @@ TEST(ServiceWatcherTest, ChildrenResultCodesFollowTheDecisionTable) {
         bool retried;
     };
     const Case cases[] = {
-        {ZNONODE, logging::JXLOG_CRITICAL, "Service node " + kService + " does not exist: " + zerror(ZNONODE), true, false},
-        {ZCLOSING, logging::JXLOG_DEBUG, "", false, false},
-        {ZNODEEXISTS, logging::JXLOG_CRITICAL, "Error reading children of service: " + String(zerror(ZNODEEXISTS)), true, false},
-        {ZAPIERROR, logging::JXLOG_INFO, "ServiceResultCallback; unexpected result: " + kService + " result: -100", false, true},
-        {ZCONNECTIONLOSS, logging::JXLOG_INFO, "ServiceResultCallback; unexpected result: " + kService + " result: -4", false, true},
+        {false, ZNONODE, logging::JXLOG_CRITICAL, "Service node " + kService + " does not exist: " + zerror(ZNONODE), true, false},
+        {false, ZCLOSING, logging::JXLOG_DEBUG, "", false, false},
+        {false, ZNODEEXISTS, logging::JXLOG_CRITICAL, "Error reading children of service: " + String(zerror(ZNODEEXISTS)), true, false},
+        {false, ZAPIERROR, logging::JXLOG_INFO, "ServiceResultCallback; unexpected result: " + kService + " result: -100", false, true},
+        {false, ZCONNECTIONLOSS, logging::JXLOG_INFO, "ServiceResultCallback; unexpected result: " + kService + " result: -4", false, true},
+        {true, ZCLOSING, logging::JXLOG_DEBUG, "", false, false},
+        {true, ZNOAUTH, logging::JXLOG_ERROR, "Error watching instance " + path + ": " + zerror(ZNOAUTH), true, false},
+        {true, ZAPIERROR, logging::JXLOG_INFO, "InstanceResultCallback; unexpected result: " + path + " result: -100", false, true},
+        {true, ZCONNECTIONLOSS, logging::JXLOG_INFO, "InstanceResultCallback; unexpected result: " + path + " result: -4", false, true},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.rc);
+        SCOPED_TRACE(std::to_string(c.instance) + " " + std::to_string(c.rc));
         Harness h;
-        h.watcher->Start();
+        const std::size_t issued = c.instance ? 2u : 1u;
+        if (c.instance) h.StartWith({Name(Id(1))});
+        else h.watcher->Start();
         LogCapture logs;
-        h.conn->FireChildren(0, c.rc, {Name(Id(1))});
-        h.Deliver();
+        if (c.instance) {
+            h.Read(Id(1), c.rc);
+        } else {
+            h.conn->FireChildren(0, c.rc, {Name(Id(1))});
+            h.Deliver();
+        }
         EXPECT_EQ(WatcherRecords(logs), c.text.empty() ? 0u : 1u);
         if (!c.text.empty()) {
             EXPECT_EQ(Logged(logs, c.level, c.text), 1u);
         }
         EXPECT_EQ(h.Handled(), c.handled ? std::vector<int>{c.rc} : std::vector<int>{});
+        EXPECT_TRUE(h.observer->Events().empty());
         h.Session(ZOO_CONNECTED_STATE);
-        EXPECT_EQ(h.Requests(), c.retried ? 2u : 1u);
+        EXPECT_EQ(h.Requests(), issued + (c.retried ? 1u : 0u));
     }
 }
 
@@ -344,58 +359,6 @@ TEST(ServiceWatcherTest, NoNodeResultRemovesOnlyAKnownInstance) {
     EXPECT_TRUE(h.watcher->ListInstances().empty());
     h.Watch(Id(1), ZOO_CHANGED_EVENT);
     EXPECT_EQ(h.Requests(), 4u) << "the removed instance's watch was cancelled";
-}
-
-TEST(ServiceWatcherTest, RefusedInstanceRequestBelowApiErrorGoesToHandlerAndOthersRetry) {
-    for (const int rc : {ZSESSIONEXPIRED, ZAPIERROR, ZCONNECTIONLOSS}) {
-        SCOPED_TRACE(rc);
-        LogCapture logs;
-        Harness h;
-        h.conn->ScriptIssue(Kind::Data, rc);
-        h.StartWith({Name(Id(1))});
-        const bool api = rc < ZAPIERROR;
-        EXPECT_EQ(Logged(logs, logging::JXLOG_ERROR, "Error watching instance " + PathOf(Id(1)) + ": " + zerror(rc)),
-                  api ? 1u : 0u);
-        EXPECT_EQ(Logged(logs, logging::JXLOG_INFO,
-                         "WatchInstance; unexpected result: " + PathOf(Id(1)) + " result: " + zerror(rc)),
-                  api ? 0u : 1u);
-        EXPECT_EQ(h.Handled(), api ? std::vector<int>{rc} : std::vector<int>{});
-
-        h.Session(ZOO_CONNECTED_STATE);
-        EXPECT_EQ(Logged(logs, logging::JXLOG_DEBUG, "Retrying instance watch: " + PathOf(Id(1))), api ? 0u : 1u);
-        EXPECT_EQ(h.Requests(), api ? 2u : 3u);
-    }
-}
-
-TEST(ServiceWatcherTest, InstanceResultCodesFollowTheDecisionTable) {
-    struct Case {
-        int rc;
-        LogLevel level;
-        std::string text;
-        bool handled;
-        bool retried;
-    };
-    const Case cases[] = {
-        {ZCLOSING, logging::JXLOG_DEBUG, "", false, false},
-        {ZNOAUTH, logging::JXLOG_ERROR, "Error watching instance " + PathOf(Id(1)) + ": " + zerror(ZNOAUTH), true, false},
-        {ZAPIERROR, logging::JXLOG_INFO, "InstanceResultCallback; unexpected result: " + PathOf(Id(1)) + " result: -100", false, true},
-        {ZCONNECTIONLOSS, logging::JXLOG_INFO, "InstanceResultCallback; unexpected result: " + PathOf(Id(1)) + " result: -4", false, true},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.rc);
-        Harness h;
-        h.StartWith({Name(Id(1))});
-        LogCapture logs;
-        h.Read(Id(1), c.rc);
-        EXPECT_EQ(WatcherRecords(logs), c.text.empty() ? 0u : 1u);
-        if (!c.text.empty()) {
-            EXPECT_EQ(Logged(logs, c.level, c.text), 1u);
-        }
-        EXPECT_EQ(h.Handled(), c.handled ? std::vector<int>{c.rc} : std::vector<int>{});
-        EXPECT_TRUE(h.observer->Events().empty());
-        h.Session(ZOO_CONNECTED_STATE);
-        EXPECT_EQ(h.Requests(), c.retried ? 3u : 2u);
-    }
 }
 
 TEST(ServiceWatcherTest, CorruptCompressedRecordIsLoggedAndInstanceStaysKnown) {

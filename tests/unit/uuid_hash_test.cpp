@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <unordered_set>
 
 #include <boost/uuid/name_generator_sha1.hpp>
 #include <boost/uuid/random_generator.hpp>
@@ -49,13 +48,6 @@ TEST(UuidHashTest, OtherVersionsHashWithBoostHashValue) {
     const uuid named = boost::uuids::name_generator_sha1(boost::uuids::ns::dns())("ferrow.example");
     ASSERT_EQ(named.version(), uuid::version_name_based_sha1);
     EXPECT_EQ(hash(named), boost::uuids::hash_value(named));
-}
-
-TEST(UuidHashTest, SetsKeyedByUuidFindEqualIdsOnly) {
-    std::unordered_set<uuid> ids{WithVersionNibble(4), WithVersionNibble(1)};
-    EXPECT_EQ(ids.count(WithVersionNibble(4)), 1u);
-    EXPECT_EQ(ids.count(WithVersionNibble(1)), 1u);
-    EXPECT_EQ(ids.count(WithVersionNibble(5)), 0u);
 }
 
 }  // namespace

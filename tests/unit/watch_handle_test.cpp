@@ -58,7 +58,7 @@ protected:
     std::function<void()> m_duringWatch;
 };
 
-TEST_F(WatchHandleTest, CancelDuringTheWatchCallRunsTheCompletionAfterTheCallReturns) {
+TEST_F(WatchHandleTest, CancelDuringTheWatchCallRunsOnlyTheLastCompletionAfterTheCallReturns) {
     auto ctx = MakeContext();
     Connection::WatchHandle handle = IdleConnection::MakeWatchHandle(ctx);
     m_duringWatch = [&] {
@@ -66,6 +66,7 @@ TEST_F(WatchHandleTest, CancelDuringTheWatchCallRunsTheCompletionAfterTheCallRet
             std::lock_guard<std::mutex> lock(ctx->m_mtx);
             EXPECT_TRUE(ctx->m_invoking);
         }
+        ctx->Invalidate([this] { m_journal.push_back("replaced"); });
         handle.Cancel(Completion());
         m_journal.push_back("watch returns");
     };
@@ -78,26 +79,24 @@ TEST_F(WatchHandleTest, CancelDuringTheWatchCallRunsTheCompletionAfterTheCallRet
     EXPECT_EQ(ctx.use_count(), 1);
 }
 
-TEST_F(WatchHandleTest, LaterCancellationDuringTheCallReplacesTheKeptCompletion) {
-    auto ctx = MakeContext();
-    m_duringWatch = [&] {
-        ctx->Invalidate([this] { m_journal.push_back("dropped"); });
-        ctx->Invalidate(Completion());
-    };
-    IdleConnection::InvokeWatch(*ctx, ZOO_CHILD_EVENT, ZOO_CONNECTED_STATE, "/a");
-    EXPECT_EQ(m_journal, (std::vector<std::string>{"watch:/a", "completion"}));
-}
-
-TEST_F(WatchHandleTest, CancelWhileIdleDropsTheCompletionUnrun) {
-    auto ctx = MakeContext();
-    Connection::WatchHandle handle = IdleConnection::MakeWatchHandle(ctx);
+TEST_F(WatchHandleTest, CancelOrDestructionWhileIdleInvalidatesTheWatchAndDropsTheCompletionUnrun) {
+    auto cancelled = MakeContext();
+    auto destroyed = MakeContext();
     auto token = std::make_shared<int>(0);
-    handle.Cancel([this, token] { m_journal.push_back("completion"); });
-    IdleConnection::InvokeWatch(*ctx, ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, "/a");
+    {
+        Connection::WatchHandle handle = IdleConnection::MakeWatchHandle(cancelled);
+        handle.Cancel([this, token] { m_journal.push_back("completion"); });
+        IdleConnection::InvokeWatch(*cancelled, ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, "/a");
+    }
+    { Connection::WatchHandle handle = IdleConnection::MakeWatchHandle(destroyed); }
+    IdleConnection::InvokeWatch(*destroyed, ZOO_DELETED_EVENT, ZOO_CONNECTED_STATE, "/b");
 
     EXPECT_TRUE(m_journal.empty());
     EXPECT_EQ(token.use_count(), 1);
-    EXPECT_FALSE(IsValid(*ctx));
+    for (const auto* ctx : {&cancelled, &destroyed}) {
+        EXPECT_FALSE(IsValid(**ctx));
+        EXPECT_EQ(ctx->use_count(), 1);
+    }
 }
 
 TEST_F(WatchHandleTest, WatchFunctionExceptionPropagatesAfterTheContextIsRestored) {
@@ -113,39 +112,24 @@ TEST_F(WatchHandleTest, WatchFunctionExceptionPropagatesAfterTheContextIsRestore
     EXPECT_FALSE(ctx->m_invoking);
 }
 
-TEST_F(WatchHandleTest, EmptyHandleCancelsNothing) {
+TEST_F(WatchHandleTest, MovingAHandleTransfersTheWatchAndCancelsNothing) {
     Connection::WatchHandle empty;
     EXPECT_FALSE(empty.Cancel(Completion()));
 
-    auto ctx = MakeContext();
-    Connection::WatchHandle owner = IdleConnection::MakeWatchHandle(ctx);
+    auto older = MakeContext();
+    auto newer = MakeContext();
+    Connection::WatchHandle owner = IdleConnection::MakeWatchHandle(older);
     Connection::WatchHandle movedTo(std::move(owner));
     EXPECT_FALSE(owner.Cancel(Completion()));
     { Connection::WatchHandle movedFrom = std::move(owner); }
-    EXPECT_TRUE(IsValid(*ctx));
-    EXPECT_TRUE(m_journal.empty());
-}
-
-TEST_F(WatchHandleTest, MoveAssignmentReleasesTheOlderWatchWithoutCancellingIt) {
-    auto older = MakeContext();
-    auto newer = MakeContext();
-    Connection::WatchHandle handle = IdleConnection::MakeWatchHandle(older);
-    handle = IdleConnection::MakeWatchHandle(newer);
-
     EXPECT_TRUE(IsValid(*older));
+
+    movedTo = IdleConnection::MakeWatchHandle(newer);
+    EXPECT_TRUE(IsValid(*older)) << "move assignment released the older watch without cancelling it";
     EXPECT_EQ(older.use_count(), 1);
     IdleConnection::InvokeWatch(*older, ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, "/older");
     EXPECT_EQ(m_journal, (std::vector<std::string>{"watch:/older"}));
     EXPECT_TRUE(IsValid(*newer));
-}
-
-TEST_F(WatchHandleTest, DestroyingTheHandleInvalidatesItsWatch) {
-    auto ctx = MakeContext();
-    { Connection::WatchHandle handle = IdleConnection::MakeWatchHandle(ctx); }
-    EXPECT_FALSE(IsValid(*ctx));
-    EXPECT_EQ(ctx.use_count(), 1);
-    IdleConnection::InvokeWatch(*ctx, ZOO_DELETED_EVENT, ZOO_CONNECTED_STATE, "/a");
-    EXPECT_TRUE(m_journal.empty());
 }
 
 }  // namespace
