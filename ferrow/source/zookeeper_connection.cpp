@@ -111,18 +111,42 @@ std::vector<String> ToNames(const String_vector* strings) {
     return names;
 }
 
+// What one watch adds to the request that re-registers the watches after a
+// reconnection: its path and the path's length field.
+size_t ResetRequestBytes(const String& path) { return path.size() + 4; }
+
 }  // namespace
 
-// One watch the client may still deliver. Owned by its session's registry;
-// the client holds its address as the watcher context.
+// One watch of a session. Owned by its session's registry; the client holds
+// its address as the watcher context while the watch is registered there.
 struct ZooKeeperConnection::WatchRecord {
-    WatchRecord(Session& session, std::shared_ptr<WatchContext> ctx) : m_session(session), m_ctx(std::move(ctx)) {}
+    enum class State {
+        kReading,    // the read that registers it is in flight
+        kArmed,      // the client holds the registration
+        kTakenOut,   // taken out of the client; armed again once connected
+        kRearming,   // the read that arms it again is in flight
+    };
+
+    WatchRecord(Session& session, std::shared_ptr<WatchContext> ctx, String path, bool child)
+        : m_session(session), m_path(std::move(path)), m_child(child), m_ctx(std::move(ctx)) {}
 
     Session& m_session;
+    const String m_path;
+    const bool m_child;  // a child watch; a data watch otherwise
+
+    // The fields below are guarded by m_session.m_watchMtx.
     // Moved out before the record is freed on a client thread, so that the
     // context (and the user's function in it) is released on the delivery
-    // thread: it may hold the last reference to the connection.
+    // thread: it may hold the last reference to the connection. Null once
+    // the watch's one event has been delivered.
     std::shared_ptr<WatchContext> m_ctx;
+    State m_state = State::kReading;
+    // The node's mzxid (pzxid for a child watch) when the watch was armed.
+    std::int64_t m_zxid = 0;
+    // The session thread is taking the registration away; a firing meanwhile
+    // sets m_fired and leaves the freeing to that thread.
+    bool m_busy = false;
+    bool m_fired = false;
 };
 
 // One client handle and the watch records registered through it. Outlives
@@ -130,11 +154,12 @@ struct ZooKeeperConnection::WatchRecord {
 struct ZooKeeperConnection::Session {
     Session(ZooKeeperConnection& conn, std::uint64_t generation) : m_conn(conn), m_generation(generation) {}
 
-    WatchRecord* AddWatch(std::shared_ptr<WatchContext> ctx) {
-        auto record = std::make_unique<WatchRecord>(*this, std::move(ctx));
+    WatchRecord* AddWatch(std::shared_ptr<WatchContext> ctx, String path, bool child) {
+        auto record = std::make_unique<WatchRecord>(*this, std::move(ctx), std::move(path), child);
         WatchRecord* raw = record.get();
         {
             std::lock_guard<std::mutex> lock(m_watchMtx);
+            m_resetBytes += ResetRequestBytes(raw->m_path);
             m_watches.emplace(raw, std::move(record));
         }
         ++m_conn.m_pendingWatches;
@@ -143,14 +168,18 @@ struct ZooKeeperConnection::Session {
 
     // Removes `record` from the registry and returns it (null if absent).
     std::unique_ptr<WatchRecord> TakeWatch(WatchRecord* record) {
+        std::lock_guard<std::mutex> lock(m_watchMtx);
+        return TakeWatchLocked(record);
+    }
+
+    // As TakeWatch; requires m_watchMtx held.
+    std::unique_ptr<WatchRecord> TakeWatchLocked(WatchRecord* record) {
         std::unique_ptr<WatchRecord> taken;
-        {
-            std::lock_guard<std::mutex> lock(m_watchMtx);
-            auto it = m_watches.find(record);
-            if (it == m_watches.end()) return taken;
-            taken = std::move(it->second);
-            m_watches.erase(it);
-        }
+        auto it = m_watches.find(record);
+        if (it == m_watches.end()) return taken;
+        taken = std::move(it->second);
+        m_watches.erase(it);
+        m_resetBytes -= ResetRequestBytes(taken->m_path);
         --m_conn.m_pendingWatches;
         return taken;
     }
@@ -160,6 +189,7 @@ struct ZooKeeperConnection::Session {
     zhandle_t* m_zh = nullptr;
     std::mutex m_watchMtx;
     std::unordered_map<WatchRecord*, std::unique_ptr<WatchRecord>> m_watches;  // guarded by m_watchMtx
+    size_t m_resetBytes = 0;  // guarded by m_watchMtx: estimate over m_watches
 };
 
 // The completion context of an asynchronous read; exactly one of the two
@@ -265,10 +295,24 @@ void ZooKeeperConnection::CloseSession(std::unique_ptr<Session> session) {
 void ZooKeeperConnection::RunSessionThread() {
     std::unique_lock<std::mutex> lock(m_renewMtx);
     for (;;) {
-        m_renewCv.wait(lock, [this] { return m_stopping || m_renewGeneration != 0; });
+        m_renewCv.wait(lock, [this] { return m_stopping || m_renewGeneration != 0 || m_maintainGeneration != 0; });
         if (m_stopping) return;
         const std::uint64_t expired = std::exchange(m_renewGeneration, 0);
+        const std::uint64_t maintain = std::exchange(m_maintainGeneration, 0);
         lock.unlock();
+
+        if (expired == 0) {
+            // Only this thread replaces m_session (the destructor joins it
+            // first), so the session stays valid here without the lock.
+            Session* current = nullptr;
+            {
+                std::shared_lock<std::shared_mutex> sessionLock(m_sessionMtx);
+                if (m_session && m_session->m_generation == maintain) current = m_session.get();
+            }
+            if (current) MaintainWatches(*current);
+            lock.lock();
+            continue;
+        }
 
         std::unique_ptr<Session> old;
         {
@@ -299,6 +343,139 @@ void ZooKeeperConnection::RequestRenewal(std::uint64_t generation) {
     m_renewCv.notify_all();
 }
 
+void ZooKeeperConnection::RequestMaintenance(std::uint64_t generation) {
+    {
+        std::lock_guard<std::mutex> lock(m_renewMtx);
+        m_maintainGeneration = generation;
+    }
+    m_renewCv.notify_all();
+}
+
+void ZooKeeperConnection::MaintainWatches(Session& session) {
+    using State = WatchRecord::State;
+    // Between two connection attempts the client reports neither connecting
+    // nor connected.
+    auto reconnecting = [&session] {
+        const int state = zoo_state(session.m_zh);
+        return state != ZOO_CONNECTED_STATE && state != ZOO_EXPIRED_SESSION_STATE && state != ZOO_AUTH_FAILED_STATE;
+    };
+    const bool connected = zoo_state(session.m_zh) == ZOO_CONNECTED_STATE;
+    const bool disconnected = !connected && reconnecting();
+    std::vector<WatchRecord*> takeOut;
+    std::vector<WatchRecord*> rearm;
+    size_t bytes = 0;
+    {
+        std::lock_guard<std::mutex> lock(session.m_watchMtx);
+        bytes = session.m_resetBytes;
+        if (disconnected && bytes > kResetRequestLimit) {
+            for (auto& entry : session.m_watches) {
+                WatchRecord* record = entry.first;
+                if (record->m_state != State::kArmed || record->m_busy) continue;
+                record->m_busy = true;
+                takeOut.push_back(record);
+            }
+        } else if (connected) {
+            for (auto& entry : session.m_watches) {
+                WatchRecord* record = entry.first;
+                if (record->m_state == State::kTakenOut) {
+                    record->m_state = State::kRearming;
+                    rearm.push_back(record);
+                } else if (record->m_state == State::kArmed && !record->m_ctx && !record->m_busy) {
+                    // Reported by its re-arm already: withdrawn, never delivered.
+                    record->m_busy = true;
+                    takeOut.push_back(record);
+                }
+            }
+        }
+    }
+    if (disconnected) {
+        if (takeOut.empty()) return;
+        JXLOG(logging::JXLOG_INFO, g_log) << "Connection lost while watching " << takeOut.size()
+                                          << " nodes (reset request of about " << bytes
+                                          << " bytes): the watches are armed again one by one after reconnecting";
+        // Stops as soon as the client reconnects: what it still holds then
+        // went out in its reset request.
+        Unregister(session, takeOut, reconnecting);
+        return;
+    }
+    for (WatchRecord* record : rearm) Rearm(session, record);
+    Unregister(session, takeOut, [] { return true; });
+}
+
+template <typename Allowed>
+void ZooKeeperConnection::Unregister(Session& session, const std::vector<WatchRecord*>& records, Allowed&& allowed) {
+    for (WatchRecord* record : records) {
+        // Local: while reconnecting the client drops its registration at once
+        // instead of failing; while connected it asks the server too.
+        const int rc = allowed() ? zoo_remove_watches(session.m_zh, record->m_path.c_str(),
+                                                      record->m_child ? ZWATCHTYPE_CHILD : ZWATCHTYPE_DATA,
+                                                      &OnClientWatchEvent, record, 1)
+                                 : ZINVALIDSTATE;
+        // Freed records hold no context: their event took it.
+        std::unique_ptr<WatchRecord> freed;
+        std::lock_guard<std::mutex> lock(session.m_watchMtx);
+        record->m_busy = false;
+        if (record->m_fired || (rc == ZOK && !record->m_ctx)) {
+            freed = session.TakeWatchLocked(record);
+        } else if (rc == ZOK) {
+            record->m_state = WatchRecord::State::kTakenOut;
+        }
+    }
+}
+
+void ZooKeeperConnection::Rearm(Session& session, WatchRecord* record) {
+    const char* path = record->m_path.c_str();
+    const int rc = record->m_child ? zoo_awget_children2(session.m_zh, path, &OnClientWatchEvent, record,
+                                                         &OnRearmChildren, record)
+                                   : zoo_awget(session.m_zh, path, &OnClientWatchEvent, record, &OnRearmData, record);
+    if (rc == ZOK) return;
+    // Not issued: tried again at the next connected event.
+    std::lock_guard<std::mutex> lock(session.m_watchMtx);
+    record->m_state = WatchRecord::State::kTakenOut;
+}
+
+void ZooKeeperConnection::OnRearmData(int rc, const char*, int, const Stat* stat, const void* data) {
+    FinishRearm(static_cast<WatchRecord*>(const_cast<void*>(data)), rc, stat != nullptr ? stat->mzxid : 0);
+}
+
+void ZooKeeperConnection::OnRearmChildren(int rc, const String_vector*, const Stat* stat, const void* data) {
+    FinishRearm(static_cast<WatchRecord*>(const_cast<void*>(data)), rc, stat != nullptr ? stat->pzxid : 0);
+}
+
+void ZooKeeperConnection::FinishRearm(WatchRecord* record, int rc, std::int64_t zxid) {
+    Session& session = record->m_session;
+    // Copied now: once the lock is released the session thread may free a
+    // record reported here.
+    String path = record->m_path;
+    int type = 0;
+    std::shared_ptr<WatchContext> watch;
+    std::unique_ptr<WatchRecord> freed;
+    {
+        std::lock_guard<std::mutex> lock(session.m_watchMtx);
+        if (rc == ZOK) {
+            record->m_state = WatchRecord::State::kArmed;
+            if (zxid > record->m_zxid) {
+                // Changed while not watched: reported now; the registration
+                // just made is withdrawn by the session thread.
+                type = record->m_child ? ZOO_CHILD_EVENT : ZOO_CHANGED_EVENT;
+                watch = std::move(record->m_ctx);
+            }
+        } else if (rc == ZNONODE) {
+            type = ZOO_DELETED_EVENT;
+            watch = std::move(record->m_ctx);
+            freed = session.TakeWatchLocked(record);
+        } else {
+            // Connection lost again or closing: nothing was registered.
+            record->m_state = WatchRecord::State::kTakenOut;
+        }
+    }
+    if (!watch) return;
+    if (!freed) session.m_conn.RequestMaintenance(session.m_generation);
+    session.m_conn.m_queue->Push(session.m_generation, false, [watch, type, path = std::move(path)] {
+        InvokeWatch(*watch, type, ZOO_CONNECTED_STATE, path);
+    });
+}
+
 void ZooKeeperConnection::DeliverSessionEvent(std::uint64_t generation, int type, int state,
                                               const String& path) {
     details::RunGuarded([&] { NotifyObservers(&ConnectionObserver::OnSessionEvent, type, state, path); });
@@ -314,6 +491,7 @@ void ZooKeeperConnection::OnClientSessionEvent(zhandle_t*, int type, int state, 
     conn.m_stateCv.notify_all();
     if (type != ZOO_SESSION_EVENT) return;
     const std::uint64_t generation = session.m_generation;
+    if (state == ZOO_CONNECTING_STATE || state == ZOO_CONNECTED_STATE) conn.RequestMaintenance(generation);
     // A weak reference: a queued event must not keep the connection alive.
     // Held strongly while the observers run, so that one of them dropping
     // the last reference destroys the connection only after the notification.
@@ -331,23 +509,45 @@ void ZooKeeperConnection::OnClientWatchEvent(zhandle_t*, int type, int state, co
     if (type == ZOO_SESSION_EVENT) return;
     auto* record = static_cast<WatchRecord*>(ctx);
     Session& session = record->m_session;
-    std::shared_ptr<WatchContext> watch = std::move(record->m_ctx);
-    session.TakeWatch(record);
+    std::shared_ptr<WatchContext> watch;
+    std::unique_ptr<WatchRecord> freed;
+    {
+        std::lock_guard<std::mutex> lock(session.m_watchMtx);
+        watch = std::move(record->m_ctx);
+        if (record->m_busy) {
+            record->m_fired = true;
+        } else {
+            freed = session.TakeWatchLocked(record);
+        }
+    }
+    if (!watch) return;  // reported by its re-arm already
     session.m_conn.m_queue->Push(session.m_generation, false,
                                  [watch, type, state, text = String(path ? path : "")] {
                                      InvokeWatch(*watch, type, state, text);
                                  });
 }
 
+std::shared_ptr<Connection::WatchContext> ZooKeeperConnection::Settle(Session& session, WatchRecord* record, int rc,
+                                                                     std::int64_t zxid) {
+    std::shared_ptr<WatchContext> unused;
+    if (record == nullptr) return unused;
+    std::unique_ptr<WatchRecord> freed;
+    std::lock_guard<std::mutex> lock(session.m_watchMtx);
+    if (rc == ZOK) {
+        record->m_state = WatchRecord::State::kArmed;
+        record->m_zxid = zxid;
+    } else {
+        // The client registers the watch only when the read succeeds.
+        unused = std::move(record->m_ctx);
+        freed = session.TakeWatchLocked(record);
+    }
+    return unused;
+}
+
 void ZooKeeperConnection::OnClientData(int rc, const char* value, int len, const Stat* stat, const void* data) {
     std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
     Session& session = *request->m_session;
-    // The client registers the watch only when the read succeeds.
-    std::shared_ptr<WatchContext> unused;
-    if (rc != ZOK && request->m_record != nullptr) {
-        unused = std::move(request->m_record->m_ctx);
-        session.TakeWatch(request->m_record);
-    }
+    std::shared_ptr<WatchContext> unused = Settle(session, request->m_record, rc, stat != nullptr ? stat->mzxid : 0);
     String bytes = (rc == ZOK && value != nullptr && len > 0) ? String(value, static_cast<size_t>(len)) : String();
     const bool hasStat = rc == ZOK && stat != nullptr;
     const Stat copy = hasStat ? *stat : Stat{};
@@ -358,14 +558,11 @@ void ZooKeeperConnection::OnClientData(int rc, const char* value, int len, const
         });
 }
 
-void ZooKeeperConnection::OnClientChildren(int rc, const String_vector* strings, const void* data) {
+void ZooKeeperConnection::OnClientChildren(int rc, const String_vector* strings, const Stat* stat,
+                                           const void* data) {
     std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
     Session& session = *request->m_session;
-    std::shared_ptr<WatchContext> unused;
-    if (rc != ZOK && request->m_record != nullptr) {
-        unused = std::move(request->m_record->m_ctx);
-        session.TakeWatch(request->m_record);
-    }
+    std::shared_ptr<WatchContext> unused = Settle(session, request->m_record, rc, stat != nullptr ? stat->pzxid : 0);
     session.m_conn.m_queue->Push(
         session.m_generation, true,
         [result = std::move(request->m_onChildren), unused = std::move(unused), rc, names = ToNames(strings)]() mutable {
@@ -415,7 +612,7 @@ int ZooKeeperConnection::RunSync(const std::shared_ptr<SyncCall>& call, Issue&& 
 }
 
 template <typename Issue>
-std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String path, WatchFunction watch,
+std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String path, bool child, WatchFunction watch,
                                                                       std::unique_ptr<AsyncRequest> request,
                                                                       Issue&& issue) const {
     // An empty watch function sets no watch at all.
@@ -428,7 +625,7 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String pat
     if (!m_session) return {ZINVALIDSTATE, WatchHandle()};
     Session& session = *m_session;
     request->m_session = &session;
-    if (ctx) request->m_record = session.AddWatch(ctx);
+    if (ctx) request->m_record = session.AddWatch(ctx, path, child);
     WatchRecord* record = request->m_record;
     AsyncRequest* raw = request.release();
     const int rc = issue(session.m_zh, path.c_str(), record, raw);
@@ -445,7 +642,7 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::AsyncGet(String pat
                                                                       DataResult result) const {
     auto request = std::make_unique<AsyncRequest>();
     request->m_onData = std::move(result);
-    return RunAsync(std::move(path), std::move(watch), std::move(request),
+    return RunAsync(std::move(path), false, std::move(watch), std::move(request),
                     [](zhandle_t* zh, const char* node, WatchRecord* record, AsyncRequest* context) {
                         if (record == nullptr) return zoo_aget(zh, node, 0, &OnClientData, context);
                         return zoo_awget(zh, node, &OnClientWatchEvent, record, &OnClientData, context);
@@ -456,11 +653,11 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::AsyncGetChildren(St
                                                                               ChildrenResult result) const {
     auto request = std::make_unique<AsyncRequest>();
     request->m_onChildren = std::move(result);
-    return RunAsync(std::move(path), std::move(watch), std::move(request),
+    return RunAsync(std::move(path), true, std::move(watch), std::move(request),
                     [](zhandle_t* zh, const char* node, WatchRecord* record, AsyncRequest* context) {
-                        if (record == nullptr) return zoo_aget_children(zh, node, 0, &OnClientChildren, context);
-                        return zoo_awget_children(zh, node, &OnClientWatchEvent, record, &OnClientChildren,
-                                                  context);
+                        if (record == nullptr) return zoo_aget_children2(zh, node, 0, &OnClientChildren, context);
+                        return zoo_awget_children2(zh, node, &OnClientWatchEvent, record, &OnClientChildren,
+                                                   context);
                     });
 }
 

@@ -579,6 +579,110 @@ TEST_F(ConnectionTest, RearmedAndFailedWatchesLeaveNoBookkeepingBehind) {
     EXPECT_EQ(baseline, conn->PendingWatchCount());
 }
 
+// Enough 200-byte names that re-registering their watches in one request
+// would pass the server's default limit of 1,048,575 bytes.
+constexpr int kManyWatches = 5500;
+
+TEST_F(ConnectionTest, WatchesAboveTheResetRequestLimitSurviveAServerRestartAndFireOnceEach) {
+    ZkServer server;
+    server.Start();
+    auto conn = Connect(server, milliseconds(30000));
+    const String parent = TestPath();
+    ASSERT_EQ(ZOK, conn->Create(parent, "", ZOO_OPEN_ACL_UNSAFE, 0));
+    std::vector<String> paths;
+    for (int i = 0; i < kManyWatches; ++i) {
+        String name = std::to_string(i);
+        paths.push_back(parent + "/" + name + String(200 - name.size(), 'n'));
+    }
+    std::vector<std::thread> creators;
+    for (int t = 0; t < 4; ++t) {
+        creators.emplace_back([&, t] {
+            for (size_t i = static_cast<size_t>(t); i < paths.size(); i += 4) {
+                EXPECT_EQ(ZOK, conn->Create(paths[i], "v0", ZOO_OPEN_ACL_UNSAFE, 0));
+            }
+        });
+    }
+    for (std::thread& creator : creators) creator.join();
+    const size_t baseline = conn->PendingWatchCount();
+
+    // "<index>:<event>" per delivered event; index -1 is the child watch.
+    Recorder events;
+    std::vector<Connection::WatchHandle> handles;
+    auto armed = std::make_shared<std::atomic<int>>(0);
+    auto record = [&events](int index) {
+        return [&events, index](int type, int state, String) {
+            events.Add(std::to_string(index) + ":" + EventText(type, state));
+        };
+    };
+    auto children = conn->AsyncGetChildren(parent, record(-1), [armed](int rc, std::vector<String>) {
+        EXPECT_EQ(ZOK, rc);
+        ++*armed;
+    });
+    ASSERT_EQ(ZOK, children.first);
+    handles.push_back(std::move(children.second));
+    for (int i = 0; i < kManyWatches; ++i) {
+        auto data = conn->AsyncGet(paths[static_cast<size_t>(i)], record(i), [armed](int rc, String, const Stat*) {
+            EXPECT_EQ(ZOK, rc);
+            ++*armed;
+        });
+        ASSERT_EQ(ZOK, data.first);
+        handles.push_back(std::move(data.second));
+    }
+    Flush(*conn);
+    ASSERT_EQ(kManyWatches + 1, armed->load());
+    ASSERT_EQ(baseline + kManyWatches + 1, conn->PendingWatchCount());
+    const std::int64_t session = conn->SessionId();
+    auto sessions = std::make_shared<SessionRecorder>();
+    conn->RegisterShared(sessions);
+
+    server.Stop();
+    ASSERT_TRUE(sessions->events.WaitUntil(
+        [](const std::vector<std::string>& items) { return !items.empty() && items.back() == "session/connecting"; }));
+    server.Start();
+    // Written while the watched connection reconnects and re-arms, so that
+    // some nodes change before their watch is armed again and some after.
+    auto writer = Connect(server);
+    std::vector<std::string> expected{"-1:child/connected"};
+    for (int i = 0; i < 50; ++i) {
+        ASSERT_EQ(ZOK, writer->Set(paths[static_cast<size_t>(i)], "v1", -1, nullptr));
+        expected.push_back(std::to_string(i) + ":changed/connected");
+        const int gone = kManyWatches - 1 - i;
+        ASSERT_EQ(ZOK, writer->Delete(paths[static_cast<size_t>(gone)], -1));
+        expected.push_back(std::to_string(gone) + ":deleted/connected");
+    }
+    ASSERT_TRUE(events.WaitForCount(expected.size())) << events.Items().size() << " events";
+
+    // Changing a reported node again reports nothing; the untouched watches
+    // are still armed: the last one's event comes after any stray one.
+    for (int i = 0; i < 50; ++i) ASSERT_EQ(ZOK, writer->Set(paths[static_cast<size_t>(i)], "v2", -1, nullptr));
+    ASSERT_EQ(ZOK, writer->Set(paths[100], "v1", -1, nullptr));
+    expected.push_back("100:changed/connected");
+    ASSERT_TRUE(events.WaitForCount(expected.size()));
+    Flush(*conn);
+    std::vector<std::string> seen = events.Items();
+    std::sort(seen.begin(), seen.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expected, seen);
+
+    // A server still starting may drop a fresh connection once more.
+    EXPECT_EQ(session, conn->SessionId());
+    const std::vector<std::string> states = sessions->events.Items();
+    ASSERT_GE(states.size(), 2u);
+    EXPECT_EQ("session/connecting", states.front());
+    EXPECT_EQ("session/connected", states.back());
+    for (const std::string& state : states) {
+        EXPECT_TRUE(state == "session/connecting" || state == "session/connected") << state;
+    }
+    // Watches reported on re-arm are withdrawn from the client in the
+    // background; then only the untouched ones are left.
+    const size_t left = baseline + kManyWatches - 100 - 1;
+    const auto until = std::chrono::steady_clock::now() + kDeadline;
+    while (conn->PendingWatchCount() != left && std::chrono::steady_clock::now() < until) {
+        std::this_thread::sleep_for(milliseconds(10));
+    }
+    EXPECT_EQ(left, conn->PendingWatchCount());
+}
+
 }  // namespace
 }  // namespace ferrow
 }  // namespace jx

@@ -12,7 +12,8 @@
 //    the order the C client produced them, never inside the request that
 //    registered them. A callback may call any operation of the connection,
 //    synchronous ones included, and may drop the last reference to it;
-//  - the session thread, which replaces an expired session.
+//  - the session thread, which replaces an expired session and moves watches
+//    in and out of the client around a reconnection (see below).
 //
 // Session expiry. The observers receive the expired session event; the
 // connection then closes that session and opens a new one with the same
@@ -22,6 +23,18 @@
 // While no session is usable, requests fail at once with ZINVALIDSTATE.
 // While the client is reconnecting (connection lost, session alive) requests
 // are queued by the client and complete when it reconnects or gives up.
+//
+// Reconnection. Once reconnected, the client re-registers every watch of the
+// session in one request, which the server refuses when it passes its size
+// limit (jute.maxbuffer, 1 MiB by default): the client would then reconnect
+// and be refused forever. So when the watched paths would make that request
+// larger than kResetRequestLimit, the connection takes its watches out of the
+// client as soon as the connection is lost, and once reconnected arms each
+// one again itself, reproducing what the server does for the request: a
+// watch whose node is gone receives ZOO_DELETED_EVENT, one whose node (or
+// child list) changed since it was armed receives ZOO_CHANGED_EVENT
+// (ZOO_CHILD_EVENT), the others stay armed silently. These events follow the
+// connected session event, in the same session; nothing else is observable.
 //
 // Destruction closes the session and joins every thread; no callback runs
 // after the destructor returns, and deliveries still queued are dropped.
@@ -44,6 +57,7 @@
 #include <mutex>
 #include <shared_mutex>
 #include <thread>
+#include <vector>
 
 #include "ferrow/connection_v2.h"
 
@@ -88,9 +102,16 @@ public:
     String SessionPassword() const;
 
     // Watch bookkeeping records alive: one per watch the client may still
-    // deliver, freed when its node event is delivered, its read fails or its
-    // session is closed. For diagnostics and tests.
+    // deliver or the connection will arm again, freed when its node event is
+    // delivered, its read fails or its session is closed. For diagnostics and
+    // tests.
     size_t PendingWatchCount() const;
+
+    // Above this estimated size of the request that re-registers a session's
+    // watches after a reconnection, the connection re-arms them itself. Half
+    // the server's default request limit, leaving room for servers that
+    // count differently.
+    static constexpr size_t kResetRequestLimit = 512 * 1024;
 
     // Connection. ZOO_EXPIRED_SESSION_STATE while no session exists.
     int State() const override;
@@ -122,10 +143,26 @@ private:
     // Takes the current session away so that no request can reach it.
     std::unique_ptr<Session> TakeSession();
 
-    // The session thread: replaces an expired session when asked.
+    // The session thread: replaces an expired session when asked, and keeps
+    // the watches of the current one (MaintainWatches).
     void RunSessionThread();
     // Asks the session thread to replace the session of `generation`.
     void RequestRenewal(std::uint64_t generation);
+    // Asks the session thread to run MaintainWatches for `generation`.
+    void RequestMaintenance(std::uint64_t generation);
+
+    // On the session thread, for the current session. While the client is
+    // reconnecting and its watches would overflow the reset request, takes
+    // every armed watch out of the client; while connected, arms again the
+    // watches taken out and withdraws the ones already reported by a re-arm.
+    void MaintainWatches(Session& session);
+    // Takes the client's registration of each record away (zoo_remove_watches)
+    // while `allowed()` holds; records the outcome of each.
+    template <typename Allowed>
+    void Unregister(Session& session, const std::vector<WatchRecord*>& records, Allowed&& allowed);
+    // Issues the read that arms `record` again; its completion compares the
+    // node with the record.
+    void Rearm(Session& session, WatchRecord* record);
     // On the delivery thread: notifies the observers, then asks for a new
     // session when the event reports expiry.
     void DeliverSessionEvent(std::uint64_t generation, int type, int state, const String& path);
@@ -136,10 +173,11 @@ private:
     template <typename Issue>
     int RunSync(const std::shared_ptr<details::SyncCall>& call, Issue&& issue) const;
 
-    // Registers a watch record, issues `issue(zh, record, request)` and undoes
-    // both when the client refuses the request.
+    // Registers a watch record (a child watch with `child`, a data watch
+    // otherwise), issues `issue(zh, record, request)` and undoes both when
+    // the client refuses the request.
     template <typename Issue>
-    std::pair<int, WatchHandle> RunAsync(String path, WatchFunction watch,
+    std::pair<int, WatchHandle> RunAsync(String path, bool child, WatchFunction watch,
                                          std::unique_ptr<AsyncRequest> request,
                                          Issue&& issue) const;
 
@@ -147,7 +185,16 @@ private:
     static void OnClientSessionEvent(zhandle_t* zh, int type, int state, const char* path, void* ctx);
     static void OnClientWatchEvent(zhandle_t* zh, int type, int state, const char* path, void* ctx);
     static void OnClientData(int rc, const char* value, int len, const Stat* stat, const void* data);
-    static void OnClientChildren(int rc, const String_vector* strings, const void* data);
+    static void OnClientChildren(int rc, const String_vector* strings, const Stat* stat, const void* data);
+    // Records the outcome of the read that registers `record` (null for a
+    // read without watch): armed at `zxid`, or freed when the read failed.
+    // Returns the context of a freed record, to be released on the delivery
+    // thread.
+    static std::shared_ptr<WatchContext> Settle(Session& session, WatchRecord* record, int rc, std::int64_t zxid);
+    static void OnRearmData(int rc, const char* value, int len, const Stat* stat, const void* data);
+    static void OnRearmChildren(int rc, const String_vector* strings, const Stat* stat, const void* data);
+    // The re-arm read of `record` completed with `rc` and the node's `zxid`.
+    static void FinishRearm(WatchRecord* record, int rc, std::int64_t zxid);
 
     const ConnectionOptions m_options;
     std::weak_ptr<ZooKeeperConnection> m_self;  // set by Open
@@ -170,9 +217,10 @@ private:
     mutable std::mutex m_stateMtx;
     mutable std::condition_variable m_stateCv;
 
-    std::mutex m_renewMtx;  // guards the two fields below
+    std::mutex m_renewMtx;  // guards the three fields below
     std::condition_variable m_renewCv;
-    std::uint64_t m_renewGeneration = 0;  // 0: nothing to renew
+    std::uint64_t m_renewGeneration = 0;     // 0: nothing to renew
+    std::uint64_t m_maintainGeneration = 0;  // 0: no watch maintenance asked
     bool m_stopping = false;
     std::thread m_sessionThread;
 };
