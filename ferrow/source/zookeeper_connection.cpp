@@ -14,6 +14,36 @@ namespace ferrow {
 
 namespace details {
 
+// Completion contexts that the client has accepted and not yet completed,
+// each with the way to complete it if the client never does: zookeeper_close
+// does not complete every request still queued. Once the handle is closed no
+// completion can run any more, so the leftovers are completed from there.
+class Outstanding {
+public:
+    void Add(const void* context, std::function<void()> abandon) {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        m_abandon.emplace(context, std::move(abandon));
+    }
+    // Called first by every completion.
+    void Remove(const void* context) {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        m_abandon.erase(context);
+    }
+    // Only once the handle is closed: completes every leftover context.
+    void AbandonAll() {
+        std::unordered_map<const void*, std::function<void()>> left;
+        {
+            std::lock_guard<std::mutex> lock(m_mtx);
+            left.swap(m_abandon);
+        }
+        for (auto& entry : left) entry.second();
+    }
+
+private:
+    std::mutex m_mtx;
+    std::unordered_map<const void*, std::function<void()>> m_abandon;  // guarded by m_mtx
+};
+
 // The state of one synchronous request, shared by the waiting caller and the
 // C client's completion (which owns a heap-held shared_ptr to it), so that a
 // completion arriving after the caller gave up touches no freed memory. The
@@ -26,6 +56,7 @@ struct SyncCall {
     bool m_done = false;
     int m_rc = ZOK;
     const size_t m_capacity;  // Get only: the largest node accepted
+    Outstanding* m_outstanding = nullptr;  // of the session it was issued on
     String m_data;
     Stat m_stat{};
     std::vector<String> m_children;
@@ -40,7 +71,33 @@ using details::SyncCall;
 const logging::ConstSourcePtr g_log = logging::MakeSource("ferrow.connection");
 const logging::ConstSourcePtr g_clientLog = logging::MakeSource("ferrow.connection.client");
 
-void LogClientLine(const char* message) { JXLOG(logging::JXLOG_WARNING, g_clientLog) << message; }
+// While no server answers, the client writes several lines a second: one
+// line per second, with the number held back since, keeps the log readable.
+void LogClientLine(const char* message) {
+    struct Limiter {
+        std::mutex mtx;
+        std::chrono::steady_clock::time_point next;
+        unsigned held = 0;
+    };
+    // Never destroyed: client threads may log during static destruction.
+    static Limiter* limiter = new Limiter;
+    unsigned heldBack = 0;
+    {
+        std::lock_guard<std::mutex> lock(limiter->mtx);
+        const auto now = std::chrono::steady_clock::now();
+        if (now < limiter->next) {
+            ++limiter->held;
+            return;
+        }
+        limiter->next = now + std::chrono::seconds(1);
+        heldBack = std::exchange(limiter->held, 0);
+    }
+    if (heldBack == 0) {
+        JXLOG(logging::JXLOG_WARNING, g_clientLog) << message;
+    } else {
+        JXLOG(logging::JXLOG_WARNING, g_clientLog) << message << " (" << heldBack << " more client lines held back)";
+    }
+}
 
 // The client's log level and stream are process-wide. Lines of a handle go to
 // LogClientLine; the few written without one go nowhere instead of stderr.
@@ -64,6 +121,7 @@ template <typename Fill>
 void FinishSync(const void* data, int rc, Fill&& fill) {
     std::unique_ptr<std::shared_ptr<SyncCall>> holder = AdoptSync(data);
     SyncCall& call = **holder;
+    call.m_outstanding->Remove(data);
     {
         std::lock_guard<std::mutex> lock(call.m_mtx);
         call.m_rc = rc;
@@ -190,6 +248,7 @@ struct ZooKeeperConnection::Session {
     std::mutex m_watchMtx;
     std::unordered_map<WatchRecord*, std::unique_ptr<WatchRecord>> m_watches;  // guarded by m_watchMtx
     size_t m_resetBytes = 0;  // guarded by m_watchMtx: estimate over m_watches
+    details::Outstanding m_outstanding;
 };
 
 // The completion context of an asynchronous read; exactly one of the two
@@ -279,6 +338,9 @@ std::unique_ptr<ZooKeeperConnection::Session> ZooKeeperConnection::TakeSession()
 
 void ZooKeeperConnection::CloseSession(std::unique_ptr<Session> session) {
     zookeeper_close(session->m_zh);
+    // Requests the client dropped unanswered complete with ZCLOSING, as the
+    // ones it answered during the close did.
+    session->m_outstanding.AbandonAll();
     // The client has stopped: what is left in the registry will never be
     // delivered. Released on the delivery thread, as a no-op delivery, for
     // the contexts may hold the last reference to this connection; destroyed
@@ -544,9 +606,16 @@ std::shared_ptr<Connection::WatchContext> ZooKeeperConnection::Settle(Session& s
     return unused;
 }
 
-void ZooKeeperConnection::OnClientData(int rc, const char* value, int len, const Stat* stat, const void* data) {
+// A request that dies with its session completes with ZCLOSING: its handle
+// is being closed. The expiry itself reaches the observers as a session
+// event, and a new session follows; the request is not the caller's error.
+int ZooKeeperConnection::ResultCode(int rc) { return rc == ZSESSIONEXPIRED ? ZCLOSING : rc; }
+
+void ZooKeeperConnection::OnClientData(int clientRc, const char* value, int len, const Stat* stat, const void* data) {
     std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
     Session& session = *request->m_session;
+    session.m_outstanding.Remove(data);
+    const int rc = ResultCode(clientRc);
     std::shared_ptr<WatchContext> unused = Settle(session, request->m_record, rc, stat != nullptr ? stat->mzxid : 0);
     String bytes = (rc == ZOK && value != nullptr && len > 0) ? String(value, static_cast<size_t>(len)) : String();
     const bool hasStat = rc == ZOK && stat != nullptr;
@@ -558,10 +627,12 @@ void ZooKeeperConnection::OnClientData(int rc, const char* value, int len, const
         });
 }
 
-void ZooKeeperConnection::OnClientChildren(int rc, const String_vector* strings, const Stat* stat,
+void ZooKeeperConnection::OnClientChildren(int clientRc, const String_vector* strings, const Stat* stat,
                                            const void* data) {
     std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
     Session& session = *request->m_session;
+    session.m_outstanding.Remove(data);
+    const int rc = ResultCode(clientRc);
     std::shared_ptr<WatchContext> unused = Settle(session, request->m_record, rc, stat != nullptr ? stat->pzxid : 0);
     session.m_conn.m_queue->Push(
         session.m_generation, true,
@@ -600,8 +671,15 @@ int ZooKeeperConnection::RunSync(const std::shared_ptr<SyncCall>& call, Issue&& 
     {
         std::shared_lock<std::shared_mutex> lock(m_sessionMtx);
         if (!m_session) return ZINVALIDSTATE;
-        const int rc = issue(m_session->m_zh, context.get());
-        if (rc != ZOK) return rc;  // the completion will never run
+        details::Outstanding& outstanding = m_session->m_outstanding;
+        call->m_outstanding = &outstanding;
+        const void* raw = context.get();
+        outstanding.Add(raw, [raw] { FinishSync(raw, ZCLOSING, [](SyncCall&) {}); });
+        const int rc = issue(m_session->m_zh, raw);
+        if (rc != ZOK) {  // the completion will never run
+            outstanding.Remove(raw);
+            return rc;
+        }
     }
     context.release();  // owned by the completion now
     std::unique_lock<std::mutex> lock(call->m_mtx);
@@ -628,9 +706,17 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String pat
     if (ctx) request->m_record = session.AddWatch(ctx, path, child);
     WatchRecord* record = request->m_record;
     AsyncRequest* raw = request.release();
+    session.m_outstanding.Add(raw, [raw] {
+        if (raw->m_onChildren) {
+            OnClientChildren(ZCLOSING, nullptr, nullptr, raw);
+        } else {
+            OnClientData(ZCLOSING, nullptr, 0, nullptr, raw);
+        }
+    });
     const int rc = issue(session.m_zh, path.c_str(), record, raw);
     if (rc != ZOK) {
         // Neither the watcher nor the completion will ever be called.
+        session.m_outstanding.Remove(raw);
         request.reset(raw);
         if (record) refusedRecord = session.TakeWatch(record);
         return {rc, WatchHandle()};

@@ -6,7 +6,7 @@ ferrow_add_test(faults_integration_test LABEL integration TIMEOUT 600
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/faults_test.cpp ${FERROW_WATCH_HARNESS}
   LIBS ferrow)
 set_tests_properties(faults_integration_test PROPERTIES
-  ENVIRONMENT "GTEST_FILTER=-Instances/ScaleFaultTest.*;${FERROW_TEST_TSAN_OPTIONS}")
+  ENVIRONMENT "GTEST_FILTER=-Instances/ScaleFaultTest.*;${FERROW_TEST_SANITIZER_ENV}")
 add_test(NAME faults_scale_integration_test COMMAND faults_integration_test --gtest_filter=Instances/ScaleFaultTest.*)
 set_tests_properties(faults_scale_integration_test PROPERTIES LABELS "integration;heavy" TIMEOUT 600)
 

@@ -192,8 +192,34 @@ void ZkServer::Stop() {
     m_pid = -1;
 }
 
+namespace {
+
+// True when every thread of `pid` is stopped ('T' in its stat line).
+bool AllThreadsStopped(pid_t pid) {
+    const std::filesystem::path tasks = "/proc/" + std::to_string(pid) + "/task";
+    std::error_code error;
+    for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+        std::ifstream stat(task.path() / "stat");
+        std::string line;
+        std::getline(stat, line);
+        const size_t close = line.rfind(')');
+        if (close == std::string::npos || close + 2 >= line.size() || line[close + 2] != 'T') return false;
+    }
+    return !error;
+}
+
+}  // namespace
+
 void ZkServer::Pause() {
-    if (Running()) ::kill(-m_pid, SIGSTOP);
+    if (!Running()) return;
+    ::kill(-m_pid, SIGSTOP);
+    // The signal is delivered asynchronously: a request sent right after
+    // kill() returns could still be answered.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!AllThreadsStopped(m_pid)) {
+        if (std::chrono::steady_clock::now() > deadline) throw std::runtime_error("server did not stop on SIGSTOP");
+        std::this_thread::yield();
+    }
 }
 
 void ZkServer::Resume() {

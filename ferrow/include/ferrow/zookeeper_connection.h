@@ -19,7 +19,9 @@
 // connection then closes that session and opens a new one with the same
 // options, whose connected event follows. Watch and session events of the
 // old session are dropped once the new one exists; result callbacks are
-// always delivered, exactly once, for every request accepted with ZOK.
+// always delivered, exactly once, for every request accepted with ZOK. A
+// request that dies with its session (expired or closed) completes with
+// ZCLOSING, never ZSESSIONEXPIRED: the expiry is the session event's news.
 // While no session is usable, requests fail at once with ZINVALIDSTATE.
 // While the client is reconnecting (connection lost, session alive) requests
 // are queued by the client and complete when it reconnects or gives up.
@@ -184,8 +186,9 @@ private:
     // The C client's callbacks.
     static void OnClientSessionEvent(zhandle_t* zh, int type, int state, const char* path, void* ctx);
     static void OnClientWatchEvent(zhandle_t* zh, int type, int state, const char* path, void* ctx);
-    static void OnClientData(int rc, const char* value, int len, const Stat* stat, const void* data);
-    static void OnClientChildren(int rc, const String_vector* strings, const Stat* stat, const void* data);
+    static int ResultCode(int clientRc);
+    static void OnClientData(int clientRc, const char* value, int len, const Stat* stat, const void* data);
+    static void OnClientChildren(int clientRc, const String_vector* strings, const Stat* stat, const void* data);
     // Records the outcome of the read that registers `record` (null for a
     // read without watch): armed at `zxid`, or freed when the read failed.
     // Returns the context of a freed record, to be released on the delivery
