@@ -17,7 +17,9 @@
 
 #include "ferrow/error.h"
 #include "ferrow/zookeeper_connection.h"
+#include "tests/support/expire_session.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/shared_server_test.h"
 #include "tests/support/zk_server.h"
 
 namespace jx {
@@ -107,45 +109,17 @@ void Flush(const Connection& conn) {
     EXPECT_EQ(ZNONODE, future.get());
 }
 
-// Ends the session of `conn` on the server: a second client attaches to the
-// same session and closes it. The two clients may take the session from each
-// other before the close goes out, so this repeats until `expired` is seen.
+// Ends the session of `conn` on the server and waits until `conn` reports it.
 void ExpireSession(const ZkServer& server, const ZooKeeperConnection& conn, Recorder& events) {
-    clientid_t id{};
-    id.client_id = conn.SessionId();
-    const String password = conn.SessionPassword();
-    ASSERT_EQ(sizeof(id.passwd), password.size());
-    std::memcpy(id.passwd, password.data(), sizeof(id.passwd));
+    testing::ExpireSession(server.ConnectString(), conn);
     auto expired = [](const std::vector<std::string>& items) {
         return std::find(items.begin(), items.end(), "session/expired") != items.end();
     };
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        zhandle_t* zh = zookeeper_init(server.ConnectString().c_str(),
-                                       [](zhandle_t*, int, int, const char*, void*) {}, 10000, &id, nullptr, 0);
-        ASSERT_NE(nullptr, zh);
-        // Connected: the close ends the session. Expired: it has ended.
-        const auto until = std::chrono::steady_clock::now() + kDeadline;
-        while (zoo_state(zh) != ZOO_CONNECTED_STATE && zoo_state(zh) != ZOO_EXPIRED_SESSION_STATE &&
-               std::chrono::steady_clock::now() < until) {
-            std::this_thread::sleep_for(milliseconds(1));
-        }
-        zookeeper_close(zh);
-        if (events.WaitUntil(expired, seconds(5))) return;
-    }
-    FAIL() << "the session never expired";
+    ASSERT_TRUE(events.WaitUntil(expired, kDeadline)) << "the session never expired";
 }
 
-class ConnectionTest : public ::testing::Test {
+class ConnectionTest : public testing::SharedServerTest {
 protected:
-    static void SetUpTestSuite() {
-        s_server = new ZkServer();
-        s_server->Start();
-    }
-    static void TearDownTestSuite() {
-        delete s_server;
-        s_server = nullptr;
-    }
-
     static std::shared_ptr<ZooKeeperConnection> Connect(const ZkServer& server, milliseconds timeout = milliseconds(10000)) {
         ConnectionOptions options;
         options.connect = server.ConnectString();
@@ -161,10 +135,8 @@ protected:
         return String("/") + ::testing::UnitTest::GetInstance()->current_test_info()->name();
     }
 
-    static ZkServer* s_server;
 };
 
-ZkServer* ConnectionTest::s_server = nullptr;
 
 TEST_F(ConnectionTest, DataWatchFiresOnceWithChangedEventAndAllowsSyncCalls) {
     auto conn = Connect(*s_server);

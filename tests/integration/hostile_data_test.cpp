@@ -28,6 +28,7 @@
 #include "tests/support/instance_writer.h"
 #include "tests/support/watcher_recorder.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/shared_server_test.h"
 #include "tests/support/zk_server.h"
 
 namespace jx {
@@ -91,17 +92,8 @@ long PeakRssKib() {
     return -1;
 }
 
-class HostileDataTest : public ::testing::Test {
+class HostileDataTest : public testing::SharedServerTest {
 protected:
-    static void SetUpTestSuite() {
-        s_server = new ZkServer();
-        s_server->Start();
-    }
-    static void TearDownTestSuite() {
-        delete s_server;
-        s_server = nullptr;
-    }
-
     void SetUp() override {
         const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
         m_writer = std::make_unique<testing::InstanceWriter>(s_server->ConnectString(), name);
@@ -175,7 +167,6 @@ protected:
 
     size_t Reported(const ServiceId& id) const { return m_recorder->Snapshot().picture.count(id); }
 
-    static ZkServer* s_server;
     LogCapture m_log;
     boost::uuids::random_generator m_generate;
     std::unique_ptr<testing::InstanceWriter> m_writer;
@@ -184,7 +175,6 @@ protected:
     std::unique_ptr<ServiceWatcher> m_watcher;
 };
 
-ZkServer* HostileDataTest::s_server = nullptr;
 
 TEST_F(HostileDataTest, NodeOfTheServersMaximumSizeIsReportedWhole) {
     // The server refuses requests above 1,048,575 bytes; the envelope leaves

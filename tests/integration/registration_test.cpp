@@ -17,6 +17,7 @@
 #include "messaging/ferrow/service.pb.h"
 #include "tests/support/expire_session.h"
 #include "tests/support/instance_writer.h"
+#include "tests/support/shared_server_test.h"
 #include "tests/support/zk_server.h"
 
 namespace jx {
@@ -27,17 +28,8 @@ using messaging::ferrow::ZNodeData;
 using testing::MakeRecord;
 using testing::SameRecord;
 
-class RegistrationTest : public ::testing::Test {
+class RegistrationTest : public testing::SharedServerTest {
 protected:
-    static void SetUpTestSuite() {
-        s_server = new testing::ZkServer();
-        s_server->Start();
-    }
-    static void TearDownTestSuite() {
-        delete s_server;
-        s_server = nullptr;
-    }
-
     static std::shared_ptr<ZooKeeperConnection> Connect() {
         ConnectionOptions options;
         options.connect = s_server->ConnectString();
@@ -61,10 +53,8 @@ protected:
         return envelope.data_compression();
     }
 
-    static testing::ZkServer* s_server;
 };
 
-testing::ZkServer* RegistrationTest::s_server = nullptr;
 
 TEST_F(RegistrationTest, PublishesAnEphemeralNodeOfTheSessionAndDeletesItWhenDestroyed) {
     const auto conn = Connect();

@@ -18,6 +18,7 @@
 #include "messaging/ferrow/service.pb.h"
 #include "tests/support/instance_writer.h"
 #include "tests/support/subprocess.h"
+#include "tests/support/shared_server_test.h"
 #include "tests/support/zk_server.h"
 
 namespace jx {
@@ -82,17 +83,8 @@ std::optional<ServiceInstanceData> EntryRecord(const std::string& entry, const s
     return ParseRecord(*instance);
 }
 
-class ToolTest : public ::testing::Test {
+class ToolTest : public testing::SharedServerTest {
 protected:
-    static void SetUpTestSuite() {
-        s_server = new testing::ZkServer();
-        s_server->Start();
-    }
-    static void TearDownTestSuite() {
-        delete s_server;
-        s_server = nullptr;
-    }
-
     // The tool's command line with the test server's address.
     static std::vector<std::string> Tool(std::vector<std::string> args) {
         args.insert(args.begin(), {FERROW_CLI_PATH, "--zk", s_server->ConnectString()});
@@ -117,10 +109,8 @@ protected:
         return bytes;
     }
 
-    static testing::ZkServer* s_server;
 };
 
-testing::ZkServer* ToolTest::s_server = nullptr;
 
 TEST_F(ToolTest, WatchJsonReportsARegisteredInstanceAddedAndRemovedWhenRegisterStops) {
     Subprocess watch(Tool({"watch", "tool-watch", "--json"}));

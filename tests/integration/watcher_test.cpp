@@ -20,6 +20,7 @@
 #include "tests/support/instance_writer.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/watcher_recorder.h"
+#include "tests/support/shared_server_test.h"
 #include "tests/support/zk_server.h"
 
 namespace jx {
@@ -103,17 +104,8 @@ struct WatchedService {
 };
 
 // Tests sharing one server; each watches a service named after the test.
-class WatcherTest : public ::testing::Test {
+class WatcherTest : public testing::SharedServerTest {
 protected:
-    static void SetUpTestSuite() {
-        s_server = new ZkServer();
-        s_server->Start();
-    }
-    static void TearDownTestSuite() {
-        delete s_server;
-        s_server = nullptr;
-    }
-
     void SetUp() override {
         m_service = std::make_unique<WatchedService>(s_server->ConnectString(),
                                                      ::testing::UnitTest::GetInstance()->current_test_info()->name(),
@@ -127,11 +119,9 @@ protected:
     WatcherRecorder& Recorder() { return *m_service->recorder; }
     ServiceWatcher& Watcher() { return *m_service->watcher; }
 
-    static ZkServer* s_server;
     std::unique_ptr<WatchedService> m_service;
 };
 
-ZkServer* WatcherTest::s_server = nullptr;
 
 TEST_F(WatcherTest, ReportsInstancesAddedModifiedAndRemoved) {
     const ServiceId a = NewId();
