@@ -59,7 +59,14 @@ const CLI::Validator kLogLevel(
 
 // The record options shared by `register` and `update`, written into
 // `fields` as they are parsed; --meta goes to `metadata` for validation.
-void AddRecordOptions(CLI::App& command, RecordFields& fields, std::vector<String>& metadata) {
+// --host and --port are required when the command publishes a new instance.
+void AddRecordOptions(CLI::App& command, RecordFields& fields, std::vector<String>& metadata, bool addressRequired) {
+    command.add_option_function<String>("--host", [&fields](const String& v) { fields.host = v; },
+                                        "Host name or address of the instance")
+        ->required(addressRequired);
+    command.add_option_function<unsigned>("--port", [&fields](unsigned v) { fields.port = v; }, "Port of the instance")
+        ->required(addressRequired)
+        ->check(CLI::Range(1, 65535));
     command.add_option_function<String>("--protocol", [&fields](const String& v) { fields.protocol = v; },
                                         "Protocol spoken by the instance, e.g. http or grpc");
     command.add_option_function<String>("--version", [&fields](const String& v) { fields.version = v; },
@@ -147,14 +154,7 @@ int main(int argc, char** argv) {
             "of output, keep it published until SIGINT or SIGTERM, then withdraw it. If the session expires "
             "meanwhile, the instance is published again by itself.");
         reg->add_option("SERVICE", service, "Service name")->required()->check(kServiceName);
-        reg->add_option_function<String>("--host", [&fields](const String& v) { fields.host = v; },
-                                         "Host name or address of the instance")
-            ->required();
-        reg->add_option_function<unsigned>("--port", [&fields](unsigned v) { fields.port = v; },
-                                           "Port of the instance")
-            ->required()
-            ->check(CLI::Range(1, 65535));
-        AddRecordOptions(*reg, fields, metadata);
+        AddRecordOptions(*reg, fields, metadata, true);
         reg->add_option("--id", idText, "Instance id to use instead of a random one")->check(kUuid);
         reg->add_flag("--compress", compress, "Store the record zlib-compressed (records over 512 bytes always are)");
 
@@ -165,12 +165,7 @@ int main(int argc, char** argv) {
             "the instance: if that process's session expires, it publishes its own record again.");
         update->add_option("SERVICE", service, "Service name")->required()->check(kServiceName);
         update->add_option("ID", idText, "Instance id")->required()->check(kUuid);
-        update->add_option_function<String>("--host", [&fields](const String& v) { fields.host = v; },
-                                            "Host name or address of the instance");
-        update->add_option_function<unsigned>("--port", [&fields](unsigned v) { fields.port = v; },
-                                              "Port of the instance")
-            ->check(CLI::Range(1, 65535));
-        AddRecordOptions(*update, fields, metadata);
+        AddRecordOptions(*update, fields, metadata, false);
         update->add_option_function<std::vector<String>>(
                   "--remove-meta",
                   [&fields](const std::vector<String>& keys) {

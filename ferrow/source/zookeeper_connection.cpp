@@ -15,14 +15,17 @@ namespace ferrow {
 namespace details {
 
 // Completion contexts that the client has accepted and not yet completed,
-// each with the way to complete it if the client never does: zookeeper_close
-// does not complete every request still queued. Once the handle is closed no
-// completion can run any more, so the leftovers are completed from there.
+// each with the function that completes it if the client never does:
+// zookeeper_close does not complete every request still queued. Once the
+// handle is closed no completion can run any more, so the leftovers are
+// completed from there. A plain function pointer: no allocation per request.
 class Outstanding {
 public:
-    void Add(const void* context, std::function<void()> abandon) {
+    using Abandon = void (*)(const void* context);
+
+    void Add(const void* context, Abandon abandon) {
         std::lock_guard<std::mutex> lock(m_mtx);
-        m_abandon.emplace(context, std::move(abandon));
+        m_abandon.emplace(context, abandon);
     }
     // Called first by every completion.
     void Remove(const void* context) {
@@ -31,17 +34,17 @@ public:
     }
     // Only once the handle is closed: completes every leftover context.
     void AbandonAll() {
-        std::unordered_map<const void*, std::function<void()>> left;
+        std::unordered_map<const void*, Abandon> left;
         {
             std::lock_guard<std::mutex> lock(m_mtx);
             left.swap(m_abandon);
         }
-        for (auto& entry : left) entry.second();
+        for (const auto& entry : left) entry.second(entry.first);
     }
 
 private:
     std::mutex m_mtx;
-    std::unordered_map<const void*, std::function<void()>> m_abandon;  // guarded by m_mtx
+    std::unordered_map<const void*, Abandon> m_abandon;  // guarded by m_mtx
 };
 
 // The state of one synchronous request, shared by the waiting caller and the
@@ -674,7 +677,7 @@ int ZooKeeperConnection::RunSync(const std::shared_ptr<SyncCall>& call, Issue&& 
         details::Outstanding& outstanding = m_session->m_outstanding;
         call->m_outstanding = &outstanding;
         const void* raw = context.get();
-        outstanding.Add(raw, [raw] { FinishSync(raw, ZCLOSING, [](SyncCall&) {}); });
+        outstanding.Add(raw, [](const void* context) { SyncVoidDone(ZCLOSING, context); });
         const int rc = issue(m_session->m_zh, raw);
         if (rc != ZOK) {  // the completion will never run
             outstanding.Remove(raw);
@@ -706,11 +709,11 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String pat
     if (ctx) request->m_record = session.AddWatch(ctx, path, child);
     WatchRecord* record = request->m_record;
     AsyncRequest* raw = request.release();
-    session.m_outstanding.Add(raw, [raw] {
-        if (raw->m_onChildren) {
-            OnClientChildren(ZCLOSING, nullptr, nullptr, raw);
+    session.m_outstanding.Add(raw, [](const void* context) {
+        if (static_cast<const AsyncRequest*>(context)->m_onChildren) {
+            OnClientChildren(ZCLOSING, nullptr, nullptr, context);
         } else {
-            OnClientData(ZCLOSING, nullptr, 0, nullptr, raw);
+            OnClientData(ZCLOSING, nullptr, 0, nullptr, context);
         }
     });
     const int rc = issue(session.m_zh, path.c_str(), record, raw);

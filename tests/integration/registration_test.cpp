@@ -26,26 +26,13 @@ namespace {
 
 using messaging::ferrow::ZNodeData;
 using testing::MakeRecord;
+using testing::ReadNode;
 using testing::SameRecord;
 
 class RegistrationTest : public testing::SharedServerTest {
 protected:
-    static std::shared_ptr<ZooKeeperConnection> Connect() {
-        ConnectionOptions options;
-        options.connect = s_server->ConnectString();
-        auto conn = ZooKeeperConnection::Open(options);
-        EXPECT_TRUE(conn->WaitConnected(std::chrono::seconds(30)));
-        return conn;
-    }
+    static std::shared_ptr<ZooKeeperConnection> Connect() { return testing::Connect(s_server->ConnectString()); }
 
-    // The node's bytes, or nothing when it does not exist.
-    static std::optional<String> ReadNode(const Connection& conn, const String& path, Stat* stat = nullptr) {
-        String bytes(1024 * 1024, '\0');
-        const int rc = conn.Get(path, bytes, stat);
-        if (rc == ZNONODE) return std::nullopt;
-        EXPECT_EQ(rc, ZOK) << zerror(rc);
-        return bytes;
-    }
 
     static ZNodeData::Compression CompressionOf(const String& bytes) {
         ZNodeData envelope;

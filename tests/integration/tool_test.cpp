@@ -27,6 +27,7 @@ namespace {
 
 using testing::MakeRecord;
 using testing::RunResult;
+using testing::ReadNode;
 using testing::SameRecord;
 using testing::Subprocess;
 
@@ -95,19 +96,8 @@ protected:
         return testing::Run(Tool(args), kTimeout);
     }
 
-    static std::shared_ptr<ZooKeeperConnection> Connect() {
-        ConnectionOptions options;
-        options.connect = s_server->ConnectString();
-        auto conn = ZooKeeperConnection::Open(options);
-        EXPECT_TRUE(conn->WaitConnected(std::chrono::seconds(30)));
-        return conn;
-    }
+    static std::shared_ptr<ZooKeeperConnection> Connect() { return testing::Connect(s_server->ConnectString()); }
 
-    static std::optional<String> ReadNode(const Connection& conn, const String& path) {
-        String bytes(1024 * 1024, '\0');
-        if (conn.Get(path, bytes, nullptr) != ZOK) return std::nullopt;
-        return bytes;
-    }
 
 };
 

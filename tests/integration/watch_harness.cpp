@@ -14,15 +14,6 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
-std::shared_ptr<ferrow::ZooKeeperConnection> Connect(const std::string& connect, milliseconds sessionTimeout) {
-    ferrow::ConnectionOptions options;
-    options.connect = connect;
-    options.sessionTimeout = sessionTimeout;
-    auto conn = ferrow::ZooKeeperConnection::Open(options);
-    if (!conn->WaitConnected(seconds(30))) throw std::runtime_error("no session with " + connect);
-    return conn;
-}
-
 namespace {
 
 // What differs between the watcher's view and `truth`, or "" when nothing.

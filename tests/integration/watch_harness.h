@@ -24,11 +24,6 @@
 namespace jx {
 namespace testing {
 
-// Opens a connection and waits until it is connected; throws
-// std::runtime_error when it is not within 30 s.
-std::shared_ptr<ferrow::ZooKeeperConnection> Connect(const std::string& connect,
-                                                     std::chrono::milliseconds sessionTimeout);
-
 // Polls, with `deadline`, until the watcher's picture (`picture()`, built
 // from its events) and its ListInstances both equal `truth()`, which may
 // throw while the servers do not answer. Returns the seconds taken, or

@@ -25,8 +25,6 @@ using ferrow::ServiceId;
 using ferrow::ServiceInstanceData;
 using messaging::ferrow::ZNodeData;
 
-// Records written by tests stay far below this; a larger node fails to read.
-constexpr size_t kReadCapacity = 256 * 1024;
 
 void Check(int rc, const char* operation, const std::string& path) {
     if (rc != ZOK) throw std::runtime_error(std::string(operation) + " " + path + ": " + zerror(rc));
@@ -98,14 +96,28 @@ bool SameRecord(const ServiceInstanceData& a, const ServiceInstanceData& b) {
                                          << "\n differing:" << differing.str();
 }
 
-InstanceWriter::InstanceWriter(const std::string& connect, const std::string& service,
-                               std::chrono::milliseconds sessionTimeout, std::chrono::milliseconds deadline)
-    : m_servicePath("/srv2/" + service) {
+std::shared_ptr<ferrow::ZooKeeperConnection> Connect(const std::string& connect,
+                                                     std::chrono::milliseconds sessionTimeout,
+                                                     std::chrono::milliseconds deadline) {
     ferrow::ConnectionOptions options;
     options.connect = connect;
     options.sessionTimeout = sessionTimeout;
-    m_conn = ferrow::ZooKeeperConnection::Open(options);
-    if (!m_conn->WaitConnected(deadline)) throw std::runtime_error("writer not connected to " + connect);
+    auto conn = ferrow::ZooKeeperConnection::Open(options);
+    if (!conn->WaitConnected(deadline)) throw std::runtime_error("no session with " + connect);
+    return conn;
+}
+
+std::optional<String> ReadNode(const ferrow::Connection& conn, const std::string& path, Stat* stat) {
+    String bytes(1024 * 1024, '\0');
+    const int rc = conn.Get(path, bytes, stat);
+    if (rc == ZNONODE) return std::nullopt;
+    Check(rc, "get", path);
+    return bytes;
+}
+
+InstanceWriter::InstanceWriter(const std::string& connect, const std::string& service,
+                               std::chrono::milliseconds sessionTimeout, std::chrono::milliseconds deadline)
+    : m_conn(Connect(connect, sessionTimeout, deadline)), m_servicePath("/srv2/" + service) {
     ferrow::EnsurePath(*m_conn, m_servicePath, false, ZOO_OPEN_ACL_UNSAFE);
 }
 
@@ -163,12 +175,9 @@ InstanceMap InstanceWriter::ReadTruth() const {
         } catch (const boost::bad_lexical_cast&) {
             continue;
         }
-        const std::string path = m_servicePath + "/" + child;
-        String bytes(kReadCapacity, '\0');
-        const int rc = m_conn->Get(path, bytes, nullptr);
-        if (rc == ZNONODE) continue;  // deleted since the listing
-        Check(rc, "get", path);
-        truth[id].ParseFromString(ferrow::ParseZNodeData(bytes));
+        const std::optional<String> bytes = ReadNode(*m_conn, m_servicePath + "/" + child);
+        if (!bytes) continue;  // deleted since the listing
+        truth[id].ParseFromString(ferrow::ParseZNodeData(*bytes));
     }
     return truth;
 }

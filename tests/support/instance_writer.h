@@ -9,6 +9,7 @@
 #include <chrono>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -42,6 +43,17 @@ bool SameRecord(const ferrow::ServiceInstanceData& a, const ferrow::ServiceInsta
 // Success when both maps hold the same ids with the same records; otherwise
 // a failure naming the missing, unexpected and differing ids.
 ::testing::AssertionResult SameInstances(const InstanceMap& expected, const InstanceMap& actual);
+
+// Opens a connection and waits until it is connected; throws
+// std::runtime_error when it is not within `deadline`.
+std::shared_ptr<ferrow::ZooKeeperConnection> Connect(const std::string& connect,
+                                                     std::chrono::milliseconds sessionTimeout = std::chrono::seconds(10),
+                                                     std::chrono::milliseconds deadline = std::chrono::seconds(30));
+
+// The bytes of the node `path` (up to 1 MiB, the server's node limit), or
+// nothing when it does not exist; throws std::runtime_error on any other
+// failure.
+std::optional<String> ReadNode(const ferrow::Connection& conn, const std::string& path, Stat* stat = nullptr);
 
 // Writes the nodes of one service, /srv2/<service>, through its own session.
 // Every operation is synchronous and throws std::runtime_error, naming the
