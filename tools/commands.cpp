@@ -7,6 +7,7 @@
 
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/lexical_cast.hpp>
+#include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
 #include "ferrow/error.h"
@@ -207,13 +208,13 @@ int Register(const CommonOptions& common, const StopSignals& signals, const Stri
     record.set_registered_at_ms(
         static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count()));
     const auto conn = Connect(common, signals);
+    const ServiceId chosen = id ? *id : boost::uuids::random_generator()();
     std::unique_ptr<ServiceRegistration> registration;
     try {
-        registration = id ? std::make_unique<ServiceRegistration>(conn, service, *id, record, compress)
-                          : std::make_unique<ServiceRegistration>(conn, service, record, compress);
+        registration = std::make_unique<ServiceRegistration>(conn, service, chosen, record, compress);
     } catch (const ZooError& e) {
         if (e.Code() == ZNODEEXISTS) {
-            throw CommandError("instance " + boost::uuids::to_string(*id) + " of service '" + service +
+            throw CommandError("instance " + boost::uuids::to_string(chosen) + " of service '" + service +
                                "' is already registered");
         }
         throw;

@@ -21,8 +21,8 @@ const logging::ConstSourcePtr g_log = logging::MakeSource("ferrow.registration")
 
 // Always owned by a std::shared_ptr, which the connection's registry holds
 // weakly. OnSessionEvent runs on the connection's delivery thread; everything
-// else on the owner's threads. m_mtx guards m_record and m_published and is
-// held across every write of the node.
+// else on the owner's threads. m_mtx guards m_record, m_started and
+// m_published and is held across every write of the node.
 class ServiceRegistrationImpl : public ConnectionObserver,
                                 public std::enable_shared_from_this<ServiceRegistrationImpl> {
 public:
@@ -42,6 +42,7 @@ public:
         try {
             std::lock_guard<std::mutex> lock(m_mtx);
             Publish();
+            m_started = true;
         } catch (...) {
             m_conn->UnregisterRaw(this);
             throw;
@@ -84,7 +85,9 @@ public:
             m_published = false;
             return;
         }
-        if (state != ZOO_CONNECTED_STATE || m_published) return;
+        // A connected event that arrives before Start has published is the
+        // session's first, not a new session: Start creates the node itself.
+        if (state != ZOO_CONNECTED_STATE || !m_started || m_published) return;
         try {
             Publish();
             JXLOG(logging::JXLOG_INFO, g_log) << "Instance published again after session expiry: " << m_path;
@@ -124,6 +127,7 @@ private:
 
     mutable std::mutex m_mtx;
     ServiceInstanceData m_record;  // guarded by m_mtx
+    bool m_started = false;        // guarded by m_mtx; Start published the node, so a new session re-creates it
     bool m_published = false;      // guarded by m_mtx; the node exists for the current session
 };
 
