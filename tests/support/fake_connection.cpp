@@ -59,6 +59,21 @@ std::size_t FakeConnection::LastGetCapacity() const {
 
 std::size_t FakeConnection::ObserverSlots() const { return GetObserversStrong().size(); }
 
+void FakeConnection::AfterRegisterWeak(std::function<void()> hook) {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    m_afterRegisterWeak = std::move(hook);
+}
+
+void FakeConnection::RegisterWeak(std::weak_ptr<ferrow::ConnectionObserver> observer) {
+    ObservableImpl::RegisterWeak(std::move(observer));
+    std::function<void()> hook;
+    {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        hook = m_afterRegisterWeak;
+    }
+    if (hook) hook();
+}
+
 FakeConnection::Request FakeConnection::At(std::size_t index) const {
     std::lock_guard<std::mutex> lock(m_mtx);
     return m_requests.at(index);

@@ -57,6 +57,10 @@ public:
     std::size_t LastGetCapacity() const;
     // Session observer slots currently registered (live or not).
     std::size_t ObserverSlots() const;
+    // Runs `hook` on the registering thread right after every RegisterWeak,
+    // so that a test can deliver events before the registrant's next step.
+    void AfterRegisterWeak(std::function<void()> hook);
+    void RegisterWeak(std::weak_ptr<ferrow::ConnectionObserver> observer) override;
 
     // Queue deliveries for request `index` (0-based, in request order).
     void FireChildren(std::size_t index, int rc, std::vector<String> children);
@@ -101,6 +105,7 @@ private:
     bool m_delivering = false;
     bool m_stop = false;
     std::vector<std::string> m_errors;
+    std::function<void()> m_afterRegisterWeak;
     std::thread m_thread;
 };
 
