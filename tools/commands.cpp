@@ -23,10 +23,6 @@ namespace cli {
 
 namespace {
 
-// Instance nodes are read into a buffer of this size; the connection refuses
-// larger nodes rather than cutting them.
-constexpr String::size_type kNodeReadCapacity = 1024 * 1024;
-
 // Attempts of a read-modify-write before giving up on a record that keeps
 // changing under us.
 constexpr int kUpdateAttempts = 5;
@@ -34,12 +30,6 @@ constexpr int kUpdateAttempts = 5;
 // Writes one line to standard output and flushes it, so that a reader of a
 // pipe sees every line as soon as it is printed.
 void PrintLine(const String& line) { std::cout << line << std::endl; }
-
-String ServicePath(const String& service) { return "/srv2/" + service; }
-
-String InstancePath(const String& service, const ServiceId& id) {
-    return ServicePath(service) + "/" + boost::uuids::to_string(id);
-}
 
 String NoInstance(const String& service, const ServiceId& id) {
     return "instance " + boost::uuids::to_string(id) + " of service '" + service + "' does not exist";
@@ -73,7 +63,7 @@ std::shared_ptr<ZooKeeperConnection> Connect(const CommonOptions& common, const 
 // Reads and decodes one instance node. Returns false when it does not exist;
 // throws ZooError for any other failure.
 bool ReadInstance(const Connection& conn, const String& path, ServiceInstanceData& record, Stat* stat) {
-    String bytes(kNodeReadCapacity, '\0');
+    String bytes(kInstanceReadCapacity, '\0');
     const int rc = conn.Get(path, bytes, stat);
     if (rc == ZNONODE) return false;
     if (rc != ZOK) throw ZooError(rc);

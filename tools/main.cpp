@@ -13,6 +13,7 @@
 
 #include "commands.h"
 #include "ferrow/error.h"
+#include "ferrow/instance_data.h"
 #include "logger/log_handler.h"
 
 namespace {
@@ -124,6 +125,17 @@ int main(int argc, char** argv) {
         bool compress = false;
         RecordFields fields;
         std::vector<String> metadata;
+        const auto addService = [&service](CLI::App* command) {
+            command->add_option("SERVICE", service, "Service name")->required()->check(kServiceName);
+        };
+        const auto addId = [&idText](CLI::App* command) {
+            command->add_option("ID", idText, "Instance id")->required()->check(kUuid);
+        };
+        const auto addCompress = [&compress](CLI::App* command) {
+            command->add_flag("--compress", compress,
+                              "Store the record zlib-compressed (records over " +
+                                  std::to_string(jx::ferrow::kCompressionThreshold) + " bytes always are)");
+        };
 
         CLI::App* watch = app.add_subcommand(
             "watch",
@@ -131,21 +143,21 @@ int main(int argc, char** argv) {
             "read '<event> <id> <host>:<port> key=value...'; with --json each line is "
             "{\"event\":...,\"service\":...,\"id\":...,\"instance\":{...}} (no instance for removed). "
             "Creates /srv2/<service> when it is missing.");
-        watch->add_option("SERVICE", service, "Service name")->required()->check(kServiceName);
+        addService(watch);
         watch->add_flag("--json", json, "One JSON object per line");
 
         CLI::App* list = app.add_subcommand(
             "list",
             "Print the instances the service has now, one line each; with --json one array of "
             "{\"id\":...,\"instance\":{...}}. Fails when the service does not exist.");
-        list->add_option("SERVICE", service, "Service name")->required()->check(kServiceName);
+        addService(list);
         list->add_flag("--json", json, "One JSON array");
 
         CLI::App* get = app.add_subcommand(
             "get", "Print the record of one instance; with --json {\"id\":...,\"instance\":{...}}. Fails when "
                    "the instance does not exist.");
-        get->add_option("SERVICE", service, "Service name")->required()->check(kServiceName);
-        get->add_option("ID", idText, "Instance id")->required()->check(kUuid);
+        addService(get);
+        addId(get);
         get->add_flag("--json", json, "Print JSON");
 
         CLI::App* reg = app.add_subcommand(
@@ -153,18 +165,18 @@ int main(int argc, char** argv) {
             "Publish an instance (an ephemeral node, registered_at_ms = now), print its id as the first line "
             "of output, keep it published until SIGINT or SIGTERM, then withdraw it. If the session expires "
             "meanwhile, the instance is published again by itself.");
-        reg->add_option("SERVICE", service, "Service name")->required()->check(kServiceName);
+        addService(reg);
         AddRecordOptions(*reg, fields, metadata, true);
         reg->add_option("--id", idText, "Instance id to use instead of a random one")->check(kUuid);
-        reg->add_flag("--compress", compress, "Store the record zlib-compressed (records over 512 bytes always are)");
+        addCompress(reg);
 
         CLI::App* update = app.add_subcommand(
             "update",
             "Change fields of a published instance's record in place and print the new record. Fields not "
             "given keep their value. The change is made by this command, not by the process that registered "
             "the instance: if that process's session expires, it publishes its own record again.");
-        update->add_option("SERVICE", service, "Service name")->required()->check(kServiceName);
-        update->add_option("ID", idText, "Instance id")->required()->check(kUuid);
+        addService(update);
+        addId(update);
         AddRecordOptions(*update, fields, metadata, false);
         update->add_option_function<std::vector<String>>(
                   "--remove-meta",
@@ -174,7 +186,7 @@ int main(int argc, char** argv) {
                   "Metadata key to delete; repeat for several")
             ->allow_extra_args(false)
             ->type_name("KEY");
-        update->add_flag("--compress", compress, "Store the record zlib-compressed (records over 512 bytes always are)");
+        addCompress(update);
         update->add_flag("--json", json, "Print the new record as JSON");
 
         try {

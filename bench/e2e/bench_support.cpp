@@ -4,7 +4,6 @@
 #include <stdexcept>
 
 #include <boost/uuid/random_generator.hpp>
-#include <boost/uuid/uuid_io.hpp>
 
 namespace jx {
 namespace bench {
@@ -59,12 +58,6 @@ void OnBatchDelete(int rc, const void* data) { static_cast<Batch*>(const_cast<vo
 }
 
 }  // namespace
-
-std::string ServicePath(const std::string& service) { return "/srv2/" + service; }
-
-std::string InstancePath(const std::string& service, const ServiceId& id) {
-    return ServicePath(service) + "/" + boost::uuids::to_string(id);
-}
 
 ServiceInstanceData MakeRecord(std::uint64_t index, std::uint64_t seq) {
     char host[64];

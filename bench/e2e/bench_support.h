@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "ferrow/instance_data.h"
 #include "ferrow/service_watcher_observer.h"
 #include "utility/uuid_hash.h"
 
@@ -24,14 +25,10 @@ namespace jx {
 namespace bench {
 
 using Clock = std::chrono::steady_clock;
+using ferrow::InstancePath;
 using ferrow::ServiceId;
 using ferrow::ServiceInstanceData;
-
-// The path of a service node.
-std::string ServicePath(const std::string& service);
-
-// The path of one instance node of `service`.
-std::string InstancePath(const std::string& service, const ServiceId& id);
+using ferrow::ServicePath;
 
 // A realistic record of about 200 bytes (host, port, protocol, version,
 // zone, weight, five metadata entries, registration time) for the instance

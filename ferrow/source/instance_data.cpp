@@ -1,10 +1,18 @@
 #include "ferrow/instance_data.h"
 
+#include <boost/uuid/uuid_io.hpp>
+
 #include "ferrow/zlib.h"
 #include "znode_data.h"
 
 namespace jx {
 namespace ferrow {
+
+String ServicePath(const String& service) { return "/srv2/" + service; }
+
+String InstancePath(const String& service, const ServiceId& id) {
+    return ServicePath(service) + "/" + boost::uuids::to_string(id);
+}
 
 String EncodeInstanceData(const ServiceInstanceData& record, bool compress) {
     using messaging::ferrow::ZNodeData;

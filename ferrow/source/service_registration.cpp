@@ -4,7 +4,6 @@
 #include <utility>
 
 #include <boost/uuid/random_generator.hpp>
-#include <boost/uuid/uuid_io.hpp>
 
 #include "ferrow/error.h"
 #include "ferrow/instance_data.h"
@@ -21,17 +20,17 @@ const logging::ConstSourcePtr g_log = logging::MakeSource("ferrow.registration")
 
 // Always owned by a std::shared_ptr, which the connection's registry holds
 // weakly. OnSessionEvent runs on the connection's delivery thread; everything
-// else on the owner's threads. m_mtx guards m_record, m_started and
-// m_published and is held across every write of the node.
+// else on the owner's threads. m_mtx guards m_record and m_node and is held
+// across every write of the node.
 class ServiceRegistrationImpl : public ConnectionObserver,
                                 public std::enable_shared_from_this<ServiceRegistrationImpl> {
 public:
     ServiceRegistrationImpl(std::shared_ptr<Connection> conn, const String& service, const ServiceId& id,
                             const ServiceInstanceData& record, bool compress)
         : m_conn(std::move(conn)),
-          m_servicePath("/srv2/" + service),
+          m_servicePath(ServicePath(service)),
           m_id(id),
-          m_path(m_servicePath + "/" + boost::uuids::to_string(id)),
+          m_path(InstancePath(service, id)),
           m_compress(compress),
           m_record(record) {}
 
@@ -42,7 +41,6 @@ public:
         try {
             std::lock_guard<std::mutex> lock(m_mtx);
             Publish();
-            m_started = true;
         } catch (...) {
             m_conn->UnregisterRaw(this);
             throw;
@@ -55,7 +53,7 @@ public:
     void Stop() {
         m_conn->UnregisterRaw(this);
         std::lock_guard<std::mutex> lock(m_mtx);
-        if (!m_published) return;
+        if (m_node != Node::kPublished) return;
         const int rc = m_conn->Delete(m_path, -1);
         if (rc == ZOK || rc == ZNONODE) {
             JXLOG(logging::JXLOG_INFO, g_log) << "Instance withdrawn: " << m_path;
@@ -82,12 +80,12 @@ public:
         std::lock_guard<std::mutex> lock(m_mtx);
         if (state == ZOO_EXPIRED_SESSION_STATE) {
             // The server has deleted the node with the session.
-            m_published = false;
+            if (m_node == Node::kPublished) m_node = Node::kLostWithSession;
             return;
         }
         // A connected event that arrives before Start has published is the
         // session's first, not a new session: Start creates the node itself.
-        if (state != ZOO_CONNECTED_STATE || !m_started || m_published) return;
+        if (state != ZOO_CONNECTED_STATE || m_node != Node::kLostWithSession) return;
         try {
             Publish();
             JXLOG(logging::JXLOG_INFO, g_log) << "Instance published again after session expiry: " << m_path;
@@ -95,7 +93,7 @@ public:
             if (e.Code() == ZNODEEXISTS) {
                 // Our own create whose reply was lost, or another publisher
                 // using the same id: either way the node is there.
-                m_published = true;
+                m_node = Node::kPublished;
                 JXLOG(logging::JXLOG_WARNING, g_log) << "Instance node already exists: " << m_path;
             } else {
                 JXLOG(logging::JXLOG_ERROR, g_log) << "Instance not published again, retried on the next "
@@ -116,7 +114,7 @@ private:
         const int rc = m_conn->Create(m_path, EncodeInstanceData(m_record, m_compress), ZOO_OPEN_ACL_UNSAFE,
                                       ZOO_EPHEMERAL);
         if (rc != ZOK) throw ZooError(rc);
-        m_published = true;
+        m_node = Node::kPublished;
     }
 
     const std::shared_ptr<Connection> m_conn;
@@ -127,8 +125,10 @@ private:
 
     mutable std::mutex m_mtx;
     ServiceInstanceData m_record;  // guarded by m_mtx
-    bool m_started = false;        // guarded by m_mtx; Start published the node, so a new session re-creates it
-    bool m_published = false;      // guarded by m_mtx; the node exists for the current session
+    // Only a node that Start created and an expiry then deleted is created
+    // again by a connected event.
+    enum class Node { kNotCreated, kPublished, kLostWithSession };
+    Node m_node = Node::kNotCreated;  // guarded by m_mtx
 };
 
 ServiceRegistration::ServiceRegistration(std::shared_ptr<Connection> conn, const String& service,

@@ -1,6 +1,5 @@
 #include "ferrow/service_watcher.h"
 
-#include <thread>
 #include <utility>
 
 #include "service_watcher_impl.h"
@@ -8,15 +7,29 @@
 namespace jx {
 namespace ferrow {
 
+namespace {
+
+// Owns `impl` and makes `released` ready once it has been destroyed.
+std::shared_ptr<ServiceWatcherImpl> OwnImpl(std::unique_ptr<ServiceWatcherImpl> impl, std::future<void>& released) {
+    auto destroyed = std::make_shared<std::promise<void>>();
+    released = destroyed->get_future();
+    return std::shared_ptr<ServiceWatcherImpl>(impl.release(), [destroyed](ServiceWatcherImpl* doomed) {
+        delete doomed;
+        destroyed->set_value();
+    });
+}
+
+}  // namespace
+
 ServiceWatcher::ServiceWatcher(std::shared_ptr<Connection> conn, const String& name, ZkErrorHandler zkErrorHandler)
-    : m_impl(std::make_shared<ServiceWatcherImpl>(*this, std::move(conn), name, std::move(zkErrorHandler))) {}
+    : m_impl(OwnImpl(std::make_unique<ServiceWatcherImpl>(*this, std::move(conn), name, std::move(zkErrorHandler)),
+                     m_implReleased)) {}
 
 ServiceWatcher::~ServiceWatcher() {
     // A callback running on the delivery thread shares ownership of the impl
     // and may be about to pass *this to observers: wait until it lets go.
-    const std::weak_ptr<ServiceWatcherImpl> impl = m_impl;
     m_impl.reset();
-    while (!impl.expired()) std::this_thread::yield();
+    m_implReleased.wait();
 }
 
 void ServiceWatcher::Start() { m_impl->Start(); }

@@ -7,6 +7,7 @@
 #include <boost/uuid/uuid_io.hpp>
 
 #include "ferrow/error.h"
+#include "ferrow/instance_data.h"
 #include "ferrow/zlib.h"
 #include "logger/logger.h"
 #include "znode_data.h"
@@ -18,16 +19,13 @@ namespace {
 
 const logging::ConstSourcePtr g_log = logging::MakeSource("ferrow.service");
 
-// Instance nodes are read into a buffer of this size; larger ones fail.
-constexpr String::size_type kInstanceReadCapacity = 1024 * 1024;
-
 }  // namespace
 
 ServiceWatcherImpl::ServiceWatcherImpl(ServiceWatcher& watcher, std::shared_ptr<Connection> conn,
                                        const String& name, ZkErrorHandler zkErrorHandler)
     : m_watcher(watcher),
       m_conn(std::move(conn)),
-      m_path("/srv2/" + name),
+      m_path(ServicePath(name)),
       m_startRetry(false),
       m_serviceRetry(false),
       m_zkErrorHandler(std::move(zkErrorHandler)) {}

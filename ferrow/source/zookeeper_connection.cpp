@@ -288,7 +288,7 @@ ZooKeeperConnection::~ZooKeeperConnection() {
     // Stop first: completions the close produces are dropped, and a callback
     // blocked in a synchronous call is released by the close (ZCLOSING).
     m_queue->Stop();
-    if (std::unique_ptr<Session> session = TakeSession()) CloseSession(std::move(session));
+    if (std::unique_ptr<Session> session = TakeSession(std::nullopt)) CloseSession(std::move(session));
 
     if (!m_deliveryThread.joinable()) return;
     if (m_deliveryThread.get_id() == std::this_thread::get_id()) {
@@ -326,17 +326,25 @@ int ZooKeeperConnection::OpenSession() {
         std::unique_lock<std::shared_mutex> lock(m_sessionMtx);
         m_session = std::move(session);
     }
-    {
-        std::lock_guard<std::mutex> lock(m_stateMtx);
-    }
-    m_stateCv.notify_all();
+    NotifyStateWaiters();
     return ZOK;
 }
 
-std::unique_ptr<ZooKeeperConnection::Session> ZooKeeperConnection::TakeSession() {
+std::unique_ptr<ZooKeeperConnection::Session> ZooKeeperConnection::TakeSession(
+    std::optional<std::uint64_t> generation) {
     std::unique_lock<std::shared_mutex> lock(m_sessionMtx);
+    if (!m_session || (generation && m_session->m_generation != *generation)) return nullptr;
     m_queue->SetGeneration(0);
     return std::move(m_session);
+}
+
+void ZooKeeperConnection::NotifyStateWaiters() {
+    {
+        // Empty: a waiter between its check of the state and its wait holds
+        // this lock, so the notification cannot fall in between.
+        std::lock_guard<std::mutex> lock(m_stateMtx);
+    }
+    m_stateCv.notify_all();
 }
 
 void ZooKeeperConnection::CloseSession(std::unique_ptr<Session> session) {
@@ -379,15 +387,7 @@ void ZooKeeperConnection::RunSessionThread() {
             continue;
         }
 
-        std::unique_ptr<Session> old;
-        {
-            std::unique_lock<std::shared_mutex> sessionLock(m_sessionMtx);
-            if (m_session && m_session->m_generation == expired) {
-                m_queue->SetGeneration(0);
-                old = std::move(m_session);
-            }
-        }
-        if (old) {
+        if (std::unique_ptr<Session> old = TakeSession(expired)) {
             CloseSession(std::move(old));
             JXLOG(logging::JXLOG_INFO, g_log) << "Session expired, opening a new one";
             while (OpenSession() != ZOK) {
@@ -550,10 +550,7 @@ void ZooKeeperConnection::DeliverSessionEvent(std::uint64_t generation, int type
 void ZooKeeperConnection::OnClientSessionEvent(zhandle_t*, int type, int state, const char* path, void* ctx) {
     Session& session = *static_cast<Session*>(ctx);
     ZooKeeperConnection& conn = session.m_conn;
-    {
-        std::lock_guard<std::mutex> lock(conn.m_stateMtx);
-    }
-    conn.m_stateCv.notify_all();
+    conn.NotifyStateWaiters();
     if (type != ZOO_SESSION_EVENT) return;
     const std::uint64_t generation = session.m_generation;
     if (state == ZOO_CONNECTING_STATE || state == ZOO_CONNECTED_STATE) conn.RequestMaintenance(generation);

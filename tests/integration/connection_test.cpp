@@ -19,6 +19,7 @@
 #include "ferrow/zookeeper_connection.h"
 #include "tests/support/expire_session.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/poll.h"
 #include "tests/support/shared_server_test.h"
 #include "tests/support/zk_server.h"
 
@@ -648,10 +649,7 @@ TEST_F(ConnectionTest, WatchesAboveTheResetRequestLimitSurviveAServerRestartAndF
     // Watches reported on re-arm are withdrawn from the client in the
     // background; then only the untouched ones are left.
     const size_t left = baseline + kManyWatches - 100 - 1;
-    const auto until = std::chrono::steady_clock::now() + kDeadline;
-    while (conn->PendingWatchCount() != left && std::chrono::steady_clock::now() < until) {
-        std::this_thread::sleep_for(milliseconds(10));
-    }
+    testing::PollUntil([&] { return conn->PendingWatchCount() == left; }, kDeadline);
     EXPECT_EQ(left, conn->PendingWatchCount());
 }
 

@@ -22,6 +22,7 @@
 #include "ferrow/service_watcher.h"
 #include "logger/log_handler.h"
 #include "tests/integration/watch_harness.h"
+#include "tests/support/poll.h"
 #include "tests/support/zk_server.h"
 
 namespace jx {
@@ -119,21 +120,38 @@ protected:
 
     // The index of the member that reports itself leader, or -1.
     static int LeaderIndex() {
-        const auto until = steady_clock::now() + kDeadline;
-        for (;;) {
+        int leader = -1;
+        const auto found = [&leader] {
             for (size_t i = 0; i < s_ensemble->Size(); ++i) {
                 if (s_ensemble->Server(i).Running() && s_ensemble->Server(i).Mode() == "leader") {
-                    return static_cast<int>(i);
+                    leader = static_cast<int>(i);
+                    return true;
                 }
             }
-            if (steady_clock::now() >= until) return -1;
-            std::this_thread::sleep_for(milliseconds(50));
-        }
+            return false;
+        };
+        return testing::PollUntil(found, kDeadline, milliseconds(50)) ? leader : -1;
     }
 
     static void Start(ZkServer& server) { server.Start(seconds(60)); }
 
     static std::string Name() { return ::testing::UnitTest::GetInstance()->current_test_info()->name(); }
+
+    // Churns, stops the member `pick()` names, churns on with the other two
+    // (still a quorum once they have elected), starts it again and checks
+    // that the watcher converges, reporting the time as `figure`.
+    template <typename Pick>
+    static void KillAndRestartOne(std::uint32_t seed, Pick pick, const char* figure) {
+        Scenario scenario(s_ensemble->ConnectString(), Name(), seed);
+        scenario.Progress(40);
+        const size_t member = pick();
+        s_ensemble->Server(member).Stop();
+        scenario.Progress(40);
+        Start(s_ensemble->Server(member));
+        const auto healed = steady_clock::now();
+        scenario.Progress(20);
+        scenario.ExpectConvergence(healed, figure);
+    }
 
     static ZkEnsemble* s_ensemble;
 };
@@ -141,28 +159,12 @@ protected:
 ZkEnsemble* EnsembleFaultTest::s_ensemble = nullptr;
 
 TEST_F(EnsembleFaultTest, WatcherConvergesAfterTheLeaderIsKilledAndRestarted) {
-    Scenario scenario(s_ensemble->ConnectString(), Name(), 1);
-    scenario.Progress(40);
-    const int leader = LeaderIndex();
-    s_ensemble->Server(static_cast<size_t>(leader)).Stop();
-    // Two servers still form a quorum: the churn goes on once they elected.
-    scenario.Progress(40);
-    Start(s_ensemble->Server(static_cast<size_t>(leader)));
-    const auto healed = steady_clock::now();
-    scenario.Progress(20);
-    scenario.ExpectConvergence(healed, "leader_restart_convergence_s");
+    KillAndRestartOne(1, [] { return static_cast<size_t>(LeaderIndex()); }, "leader_restart_convergence_s");
 }
 
 TEST_F(EnsembleFaultTest, WatcherConvergesAfterAFollowerIsKilledAndRestarted) {
-    Scenario scenario(s_ensemble->ConnectString(), Name(), 2);
-    scenario.Progress(40);
-    const size_t follower = static_cast<size_t>((LeaderIndex() + 1) % 3);
-    s_ensemble->Server(follower).Stop();
-    scenario.Progress(40);
-    Start(s_ensemble->Server(follower));
-    const auto healed = steady_clock::now();
-    scenario.Progress(20);
-    scenario.ExpectConvergence(healed, "follower_restart_convergence_s");
+    KillAndRestartOne(2, [] { return static_cast<size_t>((LeaderIndex() + 1) % 3); },
+                      "follower_restart_convergence_s");
 }
 
 TEST_F(EnsembleFaultTest, WatcherConvergesAfterQuorumIsLostLongerThanTheSessionTimeout) {

@@ -11,7 +11,6 @@
 #include <optional>
 #include <random>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -28,6 +27,7 @@
 #include "tests/support/instance_writer.h"
 #include "tests/support/watcher_recorder.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/poll.h"
 #include "tests/support/shared_server_test.h"
 #include "tests/support/zk_server.h"
 
@@ -124,13 +124,12 @@ protected:
     // Waits until at least `count` captured records satisfy `matches`.
     template <typename Match>
     bool AwaitLog(Match matches, size_t count) {
-        const auto until = std::chrono::steady_clock::now() + kDeadline;
-        for (;;) {
-            const auto records = m_log.Records();
-            if (static_cast<size_t>(std::count_if(records.begin(), records.end(), matches)) >= count) return true;
-            if (std::chrono::steady_clock::now() >= until) return false;
-            std::this_thread::sleep_for(milliseconds(20));
-        }
+        return testing::PollUntil(
+            [&] {
+                const auto records = m_log.Records();
+                return static_cast<size_t>(std::count_if(records.begin(), records.end(), matches)) >= count;
+            },
+            kDeadline, milliseconds(20));
     }
 
     size_t CountLog(const std::string& prefix) const {

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <memory>
 #include <optional>
-#include <thread>
 
 #include <boost/uuid/uuid_io.hpp>
 
@@ -17,6 +16,7 @@
 #include "messaging/ferrow/service.pb.h"
 #include "tests/support/expire_session.h"
 #include "tests/support/instance_writer.h"
+#include "tests/support/poll.h"
 #include "tests/support/shared_server_test.h"
 #include "tests/support/zk_server.h"
 
@@ -116,19 +116,15 @@ TEST_F(RegistrationTest, ReappearsWithItsLatestRecordAfterTheSessionExpired) {
 
     // Re-created means: owned by a new session of the same connection. Reads
     // may fail while the session is being replaced.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     String bytes;
-    for (;;) {
-        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the node was not published again";
+    const auto republished = [&] {
         const auto session = conn->SessionId();
         Stat stat{};
-        bytes.assign(1024 * 1024, '\0');
-        if (session != 0 && session != oldSession && conn->Get(registration.Path(), bytes, &stat) == ZOK &&
-            stat.ephemeralOwner == session) {
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+        bytes.assign(kInstanceReadCapacity, '\0');
+        return session != 0 && session != oldSession && conn->Get(registration.Path(), bytes, &stat) == ZOK &&
+               stat.ephemeralOwner == session;
+    };
+    ASSERT_TRUE(testing::PollUntil(republished, std::chrono::seconds(60))) << "the node was not published again";
     EXPECT_TRUE(SameRecord(DecodeInstanceData(bytes), latest));
 }
 

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "tests/support/expire_session.h"
+#include "tests/support/poll.h"
 
 namespace jx {
 namespace testing {
@@ -38,22 +39,21 @@ std::optional<double> AwaitConvergence(const ferrow::ServiceWatcher& watcher,
                                        const std::function<InstanceMap()>& truth, seconds deadline,
                                        std::string* why) {
     const auto start = steady_clock::now();
-    const auto until = start + deadline;
-    for (;;) {
-        std::string difference;
-        try {
-            const InstanceMap expected = truth();
-            difference = Difference(expected, picture(), watcher.ListInstances());
-        } catch (const std::exception& e) {
-            difference = e.what();
-        }
-        if (difference.empty()) return std::chrono::duration<double>(steady_clock::now() - start).count();
-        if (steady_clock::now() >= until) {
-            if (why != nullptr) *why = difference;
-            return std::nullopt;
-        }
-        std::this_thread::sleep_for(milliseconds(50));
-    }
+    std::string difference;
+    const bool converged = PollUntil(
+        [&] {
+            try {
+                const InstanceMap expected = truth();
+                difference = Difference(expected, picture(), watcher.ListInstances());
+            } catch (const std::exception& e) {
+                difference = e.what();
+            }
+            return difference.empty();
+        },
+        deadline, milliseconds(50));
+    if (converged) return std::chrono::duration<double>(steady_clock::now() - start).count();
+    if (why != nullptr) *why = difference;
+    return std::nullopt;
 }
 
 Churn::Churn(const std::string& connect, const std::string& service, size_t maxInstances, std::uint32_t seed)
@@ -73,12 +73,7 @@ void Churn::Stop() {
 
 bool Churn::AwaitProgress(std::uint64_t count, seconds deadline) const {
     const std::uint64_t target = m_succeeded + count;
-    const auto until = steady_clock::now() + deadline;
-    while (m_succeeded < target) {
-        if (steady_clock::now() >= until) return false;
-        std::this_thread::sleep_for(milliseconds(10));
-    }
-    return true;
+    return PollUntil([&] { return m_succeeded >= target; }, deadline);
 }
 
 void Churn::Run() {
@@ -127,12 +122,11 @@ bool ExpireAndAwaitNewSession(const std::string& connect, const ferrow::ZooKeepe
         } catch (const std::runtime_error&) {
             // The session may already be gone: look for the new one below.
         }
-        const auto renewed = steady_clock::now() + seconds(3);
-        while (steady_clock::now() < renewed) {
+        const auto renewed = [&] {
             const std::int64_t now = conn.SessionId();
-            if (now != 0 && now != old) return true;
-            std::this_thread::sleep_for(milliseconds(10));
-        }
+            return now != 0 && now != old;
+        };
+        if (PollUntil(renewed, seconds(3))) return true;
     }
     return false;
 }

@@ -13,6 +13,7 @@
 #include <boost/uuid/uuid_io.hpp>
 
 #include "ferrow/error.h"
+#include "ferrow/instance_data.h"
 #include "ferrow/zlib.h"
 #include "znode_data.h"
 
@@ -108,7 +109,7 @@ std::shared_ptr<ferrow::ZooKeeperConnection> Connect(const std::string& connect,
 }
 
 std::optional<String> ReadNode(const ferrow::Connection& conn, const std::string& path, Stat* stat) {
-    String bytes(1024 * 1024, '\0');
+    String bytes(ferrow::kInstanceReadCapacity, '\0');
     const int rc = conn.Get(path, bytes, stat);
     if (rc == ZNONODE) return std::nullopt;
     Check(rc, "get", path);
@@ -117,7 +118,7 @@ std::optional<String> ReadNode(const ferrow::Connection& conn, const std::string
 
 InstanceWriter::InstanceWriter(const std::string& connect, const std::string& service,
                                std::chrono::milliseconds sessionTimeout, std::chrono::milliseconds deadline)
-    : m_conn(Connect(connect, sessionTimeout, deadline)), m_servicePath("/srv2/" + service) {
+    : m_conn(Connect(connect, sessionTimeout, deadline)), m_servicePath(ferrow::ServicePath(service)) {
     ferrow::EnsurePath(*m_conn, m_servicePath, false, ZOO_OPEN_ACL_UNSAFE);
 }
 

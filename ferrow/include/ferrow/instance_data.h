@@ -18,6 +18,15 @@ namespace ferrow {
 // (long metadata) shrink well and keep node traffic down.
 constexpr std::size_t kCompressionThreshold = 512;
 
+// Readers of instance nodes accept nodes up to this size, the server's default
+// limit; a larger node is refused, never cut.
+constexpr std::size_t kInstanceReadCapacity = 1024 * 1024;
+
+// The node of a service, "/srv2/<service>", and of one of its instances,
+// "/srv2/<service>/<id>" with the id in its canonical text.
+String ServicePath(const String& service);
+String InstancePath(const String& service, const ServiceId& id);
+
 // Returns the node bytes for `record`: compressed with zlib, with data_size
 // set to the serialized size, when `compress` is true or the serialized record
 // is larger than kCompressionThreshold; raw otherwise. Throws

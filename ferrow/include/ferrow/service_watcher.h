@@ -4,6 +4,7 @@
 // node /srv2/<name>, each named by an instance's ServiceId, and the record in
 // each child's data. Changes reach the registered observers.
 
+#include <future>
 #include <memory>
 #include <vector>
 
@@ -70,6 +71,9 @@ public:
     void UnregisterRaw(const ServiceWatcherObserver* observer) override;
 
 private:
+    // Ready once the impl is destroyed, on whichever thread let it go last.
+    // Declared first: m_impl's construction sets it.
+    std::future<void> m_implReleased;
     // Holds a reference to this object; shared with callbacks in progress.
     std::shared_ptr<ServiceWatcherImpl> m_impl;
 };

@@ -57,6 +57,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <thread>
 #include <vector>
@@ -142,8 +143,11 @@ private:
     // Closes `session` (with no lock of this object held: the client calls
     // pending completions with ZCLOSING on this thread) and frees its watches.
     void CloseSession(std::unique_ptr<Session> session);
-    // Takes the current session away so that no request can reach it.
-    std::unique_ptr<Session> TakeSession();
+    // Takes the current session away so that no request can reach it: any
+    // session, or only one of `generation` when given; null when none is.
+    std::unique_ptr<Session> TakeSession(std::optional<std::uint64_t> generation);
+    // Wakes WaitConnected to look at the state again.
+    void NotifyStateWaiters();
 
     // The session thread: replaces an expired session when asked, and keeps
     // the watches of the current one (MaintainWatches).

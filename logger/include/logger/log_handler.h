@@ -25,8 +25,10 @@ struct LogRecord {
 };
 
 // Receives records; called from whatever thread finished the record, with
-// the back end's handler lock held, so calls never overlap. A record the
-// handler writes itself goes to the default writer (standard error).
+// the back end's handler lock held, so calls never overlap and none runs
+// after SetLogHandler has replaced it. A record the handler writes itself
+// goes to the default writer (standard error); it must not call
+// SetLogHandler, which would wait for that lock.
 using LogHandler = std::function<void(const LogRecord&)>;
 
 // Replaces the handler; an empty handler restores the default, which writes
