@@ -1,4 +1,4 @@
 # The real connection against a real ZooKeeper server started by the test.
 ferrow_add_test(connection_integration_test LABEL integration TIMEOUT 300
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/connection_test.cpp
-  LIBS ferrow_connection)
+  LIBS ferrow)

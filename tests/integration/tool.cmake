@@ -1,22 +1,12 @@
 # The `ferrow` tool, publishing, the README's examples and the installed
 # package, each against the real thing: a ZooKeeper server, the built
 # programs run as child processes, a fresh install tree.
-ferrow_add_test(registration_integration_test LABEL integration TIMEOUT 300
-  SOURCES ${CMAKE_CURRENT_LIST_DIR}/registration_test.cpp
-  LIBS ferrow)
-
 ferrow_add_test(tool_integration_test LABEL integration TIMEOUT 300
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/tool_test.cpp
   LIBS ferrow)
-target_compile_definitions(tool_integration_test PRIVATE FERROW_CLI_PATH="$<TARGET_FILE:ferrow_cli>")
-add_dependencies(tool_integration_test ferrow_cli)
-
-ferrow_add_test(example_integration_test LABEL integration TIMEOUT 300
-  SOURCES ${CMAKE_CURRENT_LIST_DIR}/example_test.cpp)
-target_compile_definitions(example_integration_test PRIVATE
-  WATCH_SERVICE_PATH="$<TARGET_FILE:watch_service>"
-  PUBLISH_INSTANCE_PATH="$<TARGET_FILE:publish_instance>")
-add_dependencies(example_integration_test watch_service publish_instance)
+target_compile_definitions(tool_integration_test PRIVATE FERROW_CLI_PATH="$<TARGET_FILE:ferrow_cli>"
+  WATCH_SERVICE_PATH="$<TARGET_FILE:watch_service>" PUBLISH_INSTANCE_PATH="$<TARGET_FILE:publish_instance>")
+add_dependencies(tool_integration_test ferrow_cli watch_service publish_instance)
 
 # Installs this build into a temporary prefix and builds a consumer project
 # against it, with find_package and with pkg-config. Sanitized builds hand
@@ -26,6 +16,8 @@ if(FERROW_ASAN)
   set(consumer_flags "-fsanitize=address,undefined")
 elseif(FERROW_TSAN)
   set(consumer_flags "-fsanitize=thread")
+elseif(FERROW_COVERAGE)
+  set(consumer_flags "--coverage")
 endif()
 add_test(NAME install_integration_test
   COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/install_test.sh

@@ -22,24 +22,17 @@ void FakeConnection::SetState(int state) {
     m_state = state;
 }
 
-void FakeConnection::ScriptIssue(Kind kind, int rc) {
+void FakeConnection::Fail(Op op, int rc) {
     std::lock_guard<std::mutex> lock(m_mtx);
-    m_script[kind].push_back(rc);
+    m_forced[op].push_back(rc);
 }
 
-void FakeConnection::FailExists(std::optional<int> rc) {
-    std::lock_guard<std::mutex> lock(m_mtx);
-    m_existsRc = rc;
-}
-
-void FakeConnection::FailCreate(std::optional<int> rc) {
-    std::lock_guard<std::mutex> lock(m_mtx);
-    m_createRc = rc;
-}
-
-void FakeConnection::FailGet(std::optional<int> rc) {
-    std::lock_guard<std::mutex> lock(m_mtx);
-    m_getRc = rc;
+int FakeConnection::Forced(Op op) const {
+    std::deque<int>& forced = m_forced[op];
+    if (forced.empty()) return ZOK;
+    const int rc = forced.front();
+    forced.pop_front();
+    return rc;
 }
 
 void FakeConnection::SetNode(const String& path, const String& data) {
@@ -52,13 +45,6 @@ std::vector<FakeConnection::Request> FakeConnection::Requests() const {
     return m_requests;
 }
 
-std::size_t FakeConnection::LastGetCapacity() const {
-    std::lock_guard<std::mutex> lock(m_mtx);
-    return m_lastGetCapacity;
-}
-
-std::size_t FakeConnection::ObserverSlots() const { return GetObserversStrong().size(); }
-
 void FakeConnection::AfterRegisterWeak(std::function<void()> hook) {
     std::lock_guard<std::mutex> lock(m_mtx);
     m_afterRegisterWeak = std::move(hook);
@@ -66,42 +52,30 @@ void FakeConnection::AfterRegisterWeak(std::function<void()> hook) {
 
 void FakeConnection::RegisterWeak(std::weak_ptr<ferrow::ConnectionObserver> observer) {
     ObservableImpl::RegisterWeak(std::move(observer));
-    std::function<void()> hook;
-    {
-        std::lock_guard<std::mutex> lock(m_mtx);
-        hook = m_afterRegisterWeak;
-    }
+    std::unique_lock<std::mutex> lock(m_mtx);
+    std::function<void()> hook = m_afterRegisterWeak;
+    lock.unlock();
     if (hook) hook();
 }
 
-FakeConnection::Request FakeConnection::At(std::size_t index) const {
-    std::lock_guard<std::mutex> lock(m_mtx);
-    return m_requests.at(index);
-}
-
 void FakeConnection::FireChildren(std::size_t index, int rc, std::vector<String> children) {
-    Request request = At(index);
-    Enqueue([result = std::move(request.childrenResult), rc, children = std::move(children)] { result(rc, children); });
+    Enqueue([result = Requests().at(index).childrenResult, rc, children = std::move(children)] { result(rc, children); });
 }
 
 void FakeConnection::FireData(std::size_t index, int rc, String data) {
-    Request request = At(index);
-    Enqueue([result = std::move(request.dataResult), rc, data = std::move(data)] {
+    Enqueue([result = Requests().at(index).dataResult, rc, data = std::move(data)] {
         Stat stat{};
         result(rc, data, &stat);
     });
 }
 
-void FakeConnection::FireWatch(std::size_t index, int type, int state) {
-    Request request = At(index);
-    Enqueue([ctx = std::move(request.watch), type, state, path = request.path] { InvokeWatch(*ctx, type, state, path); });
+void FakeConnection::FireWatch(std::size_t index, int type) {
+    const Request request = Requests().at(index);
+    Enqueue([ctx = request.watch, type, path = request.path] { InvokeWatch(*ctx, type, ZOO_CONNECTED_STATE, path); });
 }
 
-void FakeConnection::SessionEvent(int type, int state) {
-    Enqueue([this, type, state] {
-        const String path;
-        NotifyObservers(&ferrow::ConnectionObserver::OnSessionEvent, type, state, path);
-    });
+void FakeConnection::SessionEvent(int state) {
+    Enqueue([this, state] { NotifyObservers(&ferrow::ConnectionObserver::OnSessionEvent, ZOO_SESSION_EVENT, state, String()); });
 }
 
 bool FakeConnection::Drain(std::chrono::milliseconds timeout) {
@@ -115,10 +89,8 @@ std::vector<std::string> FakeConnection::Errors() const {
 }
 
 void FakeConnection::Enqueue(std::function<void()> delivery) {
-    {
-        std::lock_guard<std::mutex> lock(m_mtx);
-        m_queue.push_back(std::move(delivery));
-    }
+    std::lock_guard<std::mutex> lock(m_mtx);
+    m_queue.push_back(std::move(delivery));
     m_cv.notify_all();
 }
 
@@ -136,11 +108,8 @@ void FakeConnection::Deliver() {
             delivery();
         } catch (const std::exception& e) {
             error = e.what();
-        } catch (...) {
-            error = "unknown exception";
         }
-        // The callback's captures die here, before Drain can return.
-        delivery = nullptr;
+        delivery = nullptr;  // the callback's captures die before Drain can return
         lock.lock();
         if (!error.empty()) m_errors.push_back(error);
         m_delivering = false;
@@ -155,42 +124,35 @@ int FakeConnection::State() const {
 
 int FakeConnection::Get(String path, String& out, Stat*) const {
     std::lock_guard<std::mutex> lock(m_mtx);
-    m_lastGetCapacity = out.size();
-    if (m_getRc) return *m_getRc;
     const auto node = m_nodes.find(path);
-    if (node == m_nodes.end()) return ZNONODE;
-    if (node->second.size() > out.size()) {
-        out.clear();
-        return ZBADARGUMENTS;
-    }
+    const int forced = Forced(Op::Get);
+    if (forced != ZOK || node == m_nodes.end()) return forced != ZOK ? forced : ZNONODE;
+    if (node->second.size() > out.size()) return out.clear(), ZBADARGUMENTS;
     out = node->second;
     return ZOK;
 }
 
-std::pair<int, FakeConnection::WatchHandle> FakeConnection::Record(Kind kind, String path, WatchFunction watch,
-                                                               ChildrenResult children, DataResult data) const {
+std::pair<int, FakeConnection::WatchHandle> FakeConnection::Record(Request request, WatchFunction watch) const {
     std::lock_guard<std::mutex> lock(m_mtx);
-    std::deque<int>& script = m_script[kind];
-    const int rc = script.empty() ? ZOK : script.front();
-    if (!script.empty()) script.pop_front();
-    auto ctx = std::make_shared<WatchContext>(*this, std::move(watch));
-    m_requests.push_back({kind, std::move(path), rc, ctx, std::move(children), std::move(data)});
-    return {rc, MakeWatchHandle(std::move(ctx))};
+    request.watch = std::make_shared<WatchContext>(*this, std::move(watch));
+    m_requests.push_back(request);
+    return {Forced(Op::Issue), MakeWatchHandle(request.watch)};
 }
 
 std::pair<int, FakeConnection::WatchHandle> FakeConnection::AsyncGetChildren(String path, WatchFunction watch,
                                                                          ChildrenResult result) const {
-    return Record(Kind::Children, std::move(path), std::move(watch), std::move(result), DataResult());
+    return Record({Kind::Children, std::move(path), nullptr, std::move(result), DataResult()}, std::move(watch));
 }
 
 std::pair<int, FakeConnection::WatchHandle> FakeConnection::AsyncGet(String path, WatchFunction watch,
                                                                  DataResult result) const {
-    return Record(Kind::Data, std::move(path), std::move(watch), ChildrenResult(), std::move(result));
+    return Record({Kind::Data, std::move(path), nullptr, ChildrenResult(), std::move(result)}, std::move(watch));
 }
 
 int FakeConnection::Create(String path, const String& data, const ACL_vector&, int) const {
     std::lock_guard<std::mutex> lock(m_mtx);
-    if (m_createRc) return *m_createRc;
+    const int forced = Forced(Op::Create);
+    if (forced != ZOK) return forced;
     return m_nodes.emplace(std::move(path), data).second ? ZOK : ZNODEEXISTS;
 }
 
@@ -209,7 +171,8 @@ int FakeConnection::Delete(String path, int) const {
 
 int FakeConnection::Exists(String path, Stat*) const {
     std::lock_guard<std::mutex> lock(m_mtx);
-    if (m_existsRc) return *m_existsRc;
+    const int forced = Forced(Op::Exists);
+    if (forced != ZOK) return forced;
     return m_nodes.count(path) != 0 ? ZOK : ZNONODE;
 }
 

@@ -1,0 +1,220 @@
+// The foundations every other unit stands on: log records and their back
+// end, the observer registry, watch handles, the zlib wrapper and the
+// instance envelope, and the hash of instance ids.
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <regex>
+#include <thread>
+
+#include <boost/uuid/name_generator_sha1.hpp>
+#include <boost/uuid/random_generator.hpp>
+#include <gtest/gtest.h>
+
+#include "ferrow/connection_v2.h"
+#include "ferrow/zlib.h"
+#include "tests/support/fake_connection.h"
+#include "tests/support/support.h"
+#include "utility/observable_impl.h"
+#include "utility/uuid_hash.h"
+#include "znode_data.h"
+
+namespace jx {
+namespace {
+
+using namespace logging;
+using testing::LogCapture;
+const ConstSourcePtr g_source = MakeSource("ferrow.test");
+
+int Touch(int& counter) { return ++counter; }
+
+TEST(LogTest, RecordsBelowTheMinimumAreNotEvenFormattedAndTheRestReachTheHandler) {
+    LogCapture capture(JXLOG_WARNING);
+    int evaluated = 0;
+    JXLOG(JXLOG_WARNING, g_source) << std::hex << 255 << ' ' << Touch(evaluated);
+    JXLOG(JXLOG_INFO, g_source) << "below " << Touch(evaluated);
+    JXLOG(JXLOG_ERROR, ConstSourcePtr()) << 255;  // the stream's format did not leak
+    EXPECT_EQ(evaluated, 1);
+    const auto records = capture.Records();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].message, "ff 1");
+    EXPECT_EQ(records[0].source, "ferrow.test");
+    EXPECT_EQ(records[1].message, "255");
+    EXPECT_EQ(ParseLogLevel("Warning"), JXLOG_WARNING);
+    EXPECT_EQ(ParseLogLevel("17"), JXLOG_INFO_SEARCH);
+    for (const char* garbage : {"", "verbose", "-1", "12x", "99999999999"}) EXPECT_FALSE(ParseLogLevel(garbage)) << garbage;
+}
+
+// The default handler writes whole lines to standard error; a handler that
+// throws loses no record, and one that logs does not deadlock.
+TEST(LogTest, StandardErrorGetsWholeUtcLinesFromEveryThreadAndFromFailingHandlers) {
+    LogCapture level(JXLOG_INFO);
+    std::FILE* file = std::tmpfile();
+    const int saved = ::dup(STDERR_FILENO);
+    ::dup2(::fileno(file), STDERR_FILENO);
+    LogHandler previous = SetLogHandler(LogHandler());
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < 100; ++i) JXLOG(JXLOG_INFO, g_source) << "t" << t << " " << std::string(300, 'x');
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    SetLogHandler([](const LogRecord& r) {
+        if (r.message == "throws") throw 7;
+        JXLOG(JXLOG_WARNING, g_source) << "handler saw " << r.message;
+    });
+    JXLOG(JXLOG_INFO, g_source) << "throws";
+    JXLOG(JXLOG_INFO, g_source) << "logs";
+    SetLogHandler(previous);
+    ::dup2(saved, STDERR_FILENO);
+    ::close(saved);
+    std::rewind(file);
+    std::vector<std::string> lines;
+    for (char buffer[1024]; std::fgets(buffer, sizeof buffer, file) != nullptr;) lines.push_back(buffer);
+    std::fclose(file);
+    ASSERT_EQ(lines.size(), 403u);
+    const std::regex shape(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z INFO ferrow\.test foundation_test\.cpp:\d+ t\d x{300}\n)");
+    for (size_t i = 0; i < 400; ++i) EXPECT_TRUE(std::regex_match(lines[i], shape)) << lines[i];
+    EXPECT_EQ(lines[400], "ferrow: log handler threw; record follows\n");
+    EXPECT_NE(lines[401].find(" INFO ferrow.test foundation_test.cpp:"), std::string::npos);
+    EXPECT_EQ(lines[401].substr(lines[401].size() - 8), " throws\n");
+    EXPECT_EQ(lines[402].substr(lines[402].size() - 17), "handler saw logs\n");
+}
+
+struct Listener {
+    virtual ~Listener() = default;
+    virtual void OnEvent(int value) = 0;
+};
+struct FunctionListener : Listener {
+    explicit FunctionListener(std::function<void(int)> fn) : fn(std::move(fn)) {}
+    void OnEvent(int value) override { fn(value); }
+    std::function<void(int)> fn;
+};
+struct Subject : ObservableImpl<Listener> {
+    void Notify(int value) { NotifyObservers(&Listener::OnEvent, value); }
+};
+
+TEST(ObservableTest, NotifiesLiveSlotsInOrderAndRemovalFromACallbackReturnsAtOnce) {
+    Subject subject;
+    std::vector<std::string> journal;
+    auto recorder = [&journal](std::string name) {
+        return std::make_shared<FunctionListener>([&journal, name](int v) { journal.push_back(name + std::to_string(v)); });
+    };
+    std::shared_ptr<Listener> weak = recorder("weak"), gone = recorder("gone"), remover;
+    remover = std::make_shared<FunctionListener>([&](int v) {
+        journal.push_back("remover" + std::to_string(v));
+        subject.UnregisterWeak(weak);
+        subject.UnregisterRaw(remover.get());
+    });
+    subject.RegisterShared(nullptr);
+    subject.RegisterShared(remover);
+    subject.RegisterShared(recorder("strong"));
+    subject.RegisterWeak(weak);
+    subject.RegisterWeak(gone);
+    gone.reset();
+    subject.Notify(1);  // the snapshot taken before the removals is still called
+    subject.Notify(2);
+    EXPECT_EQ(journal, (std::vector<std::string>{"remover1", "strong1", "weak1", "strong2"}));
+}
+
+TEST(ObservableTest, RemovalWaitsForANotificationRunningOnAnotherThreadAndAThrowingObserverStopsOnlyItsOwn) {
+    Subject subject;
+    std::atomic<bool> entered{false}, released{false}, removed{false};
+    auto blocker = std::make_shared<FunctionListener>([&](int v) {
+        if (v != 1) throw std::runtime_error("observer failed");
+        entered = true;
+        testing::PollUntil([&] { return released.load(); }, std::chrono::seconds(10));
+        EXPECT_FALSE(removed);
+    });
+    subject.RegisterShared(blocker);
+    std::thread notifier([&] { subject.Notify(1); });
+    ASSERT_TRUE(testing::PollUntil([&] { return entered.load(); }, std::chrono::seconds(10)));
+    std::thread remover([&] { subject.UnregisterRaw(blocker.get()), removed = true; });
+    EXPECT_FALSE(testing::PollUntil([&] { return removed.load(); }, std::chrono::milliseconds(200)));
+    released = true;
+    notifier.join();
+    remover.join();
+    EXPECT_TRUE(removed);
+    subject.RegisterShared(blocker);
+    EXPECT_THROW(subject.Notify(2), std::runtime_error);
+}
+
+TEST(WatchHandleTest, CancelInsideTheWatchRunsTheLastCompletionAfterItAndMoveAssignmentReleasesWithoutCancelling) {
+    using Context = ferrow::Connection::WatchContext;
+    struct Access : ferrow::Connection {
+        using ferrow::Connection::InvokeWatch;
+        using ferrow::Connection::MakeWatchHandle;
+    };
+    const testing::FakeConnection conn;
+    std::vector<std::string> journal;
+    ferrow::Connection::WatchHandle handle;
+    std::shared_ptr<Context> ctx;
+    ctx = std::make_shared<Context>(conn, [&](int, int, String path) {
+        journal.push_back(path);
+        ctx->Invalidate([&] { journal.push_back("replaced"); });
+        handle.Cancel([&] { journal.push_back("completion"); });
+        journal.push_back("returns");
+    });
+    handle = Access::MakeWatchHandle(ctx);
+    auto older = std::make_shared<Context>(conn, [&](int, int, String path) { journal.push_back(path); });
+    ferrow::Connection::WatchHandle moved = Access::MakeWatchHandle(older);
+    moved = Access::MakeWatchHandle(std::make_shared<Context>(conn, nullptr));
+    Access::InvokeWatch(*older, ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, "/older");  // released, not cancelled
+    Access::InvokeWatch(*ctx, ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, "/a");
+    Access::InvokeWatch(*ctx, ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, "/b");
+    EXPECT_EQ(journal, (std::vector<std::string>{"/older", "/a", "returns", "completion"}));
+    EXPECT_FALSE(ferrow::Connection::WatchHandle().Cancel(nullptr));
+}
+
+TEST(ZlibTest, DecompressionIgnoresSizeClaimsCapsItsOutputAndRefusesMalformedStreams) {
+    using namespace ferrow::zlib;
+    String text(100000, '\0');
+    for (size_t i = 0; i < text.size(); ++i) text[i] = static_cast<char>('a' + (i * 7 + i / 13) % 26);
+    const String compressed = Compress(text);
+    for (unsigned long claim : {0UL, 1UL, 100000UL, ~0UL}) EXPECT_EQ(Decompress(compressed, claim), text);
+    const String atCap(kMaxDecompressedSize, 'x');
+    EXPECT_EQ(Decompress(Compress(atCap), 0), atCap);
+    const std::pair<String, std::string> refused[] = {
+        {Compress(atCap + "x"), "inflated data exceed the size limit"},
+        {String(), "truncated zlib stream"},
+        {compressed.substr(0, compressed.size() - 3), "truncated zlib stream"},
+        {compressed + "junk", "trailing bytes after the zlib stream"},
+        {"definitely not zlib", "incorrect header check"},
+    };
+    for (const auto& [bytes, error] : refused) {
+        try {
+            Decompress(bytes, ~0UL);
+            ADD_FAILURE() << "no error for " << error;
+        } catch (const ZLibError& e) {
+            EXPECT_EQ(std::string(e.what()), error);
+        }
+    }
+}
+
+TEST(EnvelopeTest, PayloadIsReturnedAsIsOrInflatedAndUnknownCompressionIsRefused) {
+    using messaging::ferrow::ZNodeData;
+    const String raw(3 * ferrow::kDefaultInflatedSize, 'r');  // larger than the size assumed when none is given
+    ZNodeData envelope;
+    envelope.set_data(ferrow::zlib::Compress(raw));
+    envelope.set_data_compression(ZNodeData::COMP_ZLIB);
+    EXPECT_EQ(ferrow::ParseZNodeData(envelope.SerializeAsString()), raw);
+    EXPECT_EQ(ferrow::ParseZNodeData(String()), String());
+    envelope.set_data_compression(static_cast<ZNodeData::Compression>(2));
+    EXPECT_THROW(ferrow::ParseZNodeData(envelope.SerializeAsString()), std::runtime_error);
+}
+
+TEST(UuidHashTest, RandomIdsHashToTheXorOfTheirHalvesAndOthersAsBoostDoes) {
+    const boost::uuids::uuid random = boost::uuids::random_generator()();
+    std::uint64_t halves[2];
+    std::memcpy(halves, random.data, 16);
+    EXPECT_EQ(std::hash<boost::uuids::uuid>()(random), halves[0] ^ halves[1]);
+    const auto named = boost::uuids::name_generator_sha1(boost::uuids::ns::dns())("ferrow.example");
+    EXPECT_EQ(std::hash<boost::uuids::uuid>()(named), boost::uuids::hash_value(named));
+}
+
+}  // namespace
+}  // namespace jx
