@@ -202,9 +202,13 @@ TEST_P(FaultTest, WatcherAgreesWithTheTruthAfterEachFault) {
                                             : fault == Fault::Restart ? std::vector<size_t>{0}
                                                                       : std::vector<size_t>{};
         const std::int64_t session = conn->SessionId();
-        if (fault == Fault::Expire) ASSERT_TRUE(testing::ExpireSession(connect, *conn));
+        if (fault == Fault::Expire) {
+            ASSERT_TRUE(testing::ExpireSession(connect, *conn));
+        }
         for (size_t i : stopped) servers[i]->Stop();
-        if (fault == Fault::KillLeader || fault == Fault::KillFollower) ASSERT_TRUE(churn.AwaitProgress(40));
+        if (fault == Fault::KillLeader || fault == Fault::KillFollower) {
+            ASSERT_TRUE(churn.AwaitProgress(40)) << "no progress with one member down";
+        }
         std::this_thread::sleep_for(row.outage);  // the outage itself, not a wait for an outcome
         for (size_t i : stopped) servers[i]->Start();
         const auto healed = steady_clock::now();

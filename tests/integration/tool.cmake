@@ -1,12 +1,9 @@
-# The `ferrow` tool, publishing, the README's examples and the installed
-# package, each against the real thing: a ZooKeeper server, the built
-# programs run as child processes, a fresh install tree.
-ferrow_add_test(tool_integration_test LABEL integration TIMEOUT 300
-  SOURCES ${CMAKE_CURRENT_LIST_DIR}/tool_test.cpp
-  LIBS ferrow)
-target_compile_definitions(tool_integration_test PRIVATE FERROW_CLI_PATH="$<TARGET_FILE:ferrow_cli>"
-  WATCH_SERVICE_PATH="$<TARGET_FILE:watch_service>" PUBLISH_INSTANCE_PATH="$<TARGET_FILE:publish_instance>")
-add_dependencies(tool_integration_test ferrow_cli watch_service publish_instance)
+# The `ferrow` tool, the README's examples and the installed package, each
+# against the real thing: a ZooKeeper server, the built programs run as child
+# processes, a fresh install tree.
+add_test(NAME tool_integration_test
+  COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/tool_test.sh $<TARGET_FILE:ferrow_cli> $<TARGET_FILE:watch_service> $<TARGET_FILE:publish_instance>)
+set_tests_properties(tool_integration_test PROPERTIES LABELS integration TIMEOUT 300 ENVIRONMENT "${FERROW_TEST_SANITIZER_ENV}")
 
 # Installs this build into a temporary prefix and builds a consumer project
 # against it, with find_package and with pkg-config. Sanitized builds hand

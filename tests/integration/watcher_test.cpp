@@ -11,6 +11,9 @@
 #include <boost/uuid/uuid_io.hpp>
 #include <gtest/gtest.h>
 
+#include "ferrow/error.h"
+#include "ferrow/instance_data.h"
+#include "ferrow/service_registration.h"
 #include "ferrow/service_watcher.h"
 #include "ferrow/zlib.h"
 #include "tests/support/support.h"
@@ -209,6 +212,39 @@ TEST_F(WatcherTest, HostileNodesAreReportedWholeOrLoggedOrSkippedAndNeverStopThe
     EXPECT_GE(warnings, 1000u) << "one warning per foreign child at each listing";
 }
 
+TEST_F(WatcherTest, RegistrationPublishesCompressesUpdatesRefusesATakenIdAndReappearsAfterExpiry) {
+    const auto conn = testing::Connect(s_server->ConnectString());
+    String path;
+    {
+        ServiceRegistration registration(conn, "reg", MakeRecord(1));
+        path = registration.Path();
+        EXPECT_EQ(path, "/srv2/reg/" + boost::uuids::to_string(registration.Id()));
+        EXPECT_EQ(registration.Id().version(), boost::uuids::uuid::version_random_number_based);
+        EXPECT_EQ(testing::ReadNode(*conn, path), EncodeInstanceData(MakeRecord(1), false));
+    }
+    EXPECT_FALSE(testing::ReadNode(*conn, path)) << "deleted with the registration";
+    const auto large = MakeRecord(3, 4 * kCompressionThreshold);
+    const ServiceRegistration plain(conn, "reg", MakeRecord(2)), forced(conn, "reg", MakeRecord(2), true), big(conn, "reg", large);
+    EXPECT_EQ(testing::ReadNode(*conn, forced.Path()), EncodeInstanceData(MakeRecord(2), true));
+    EXPECT_TRUE(testing::SameRecord(DecodeInstanceData(*testing::ReadNode(*conn, big.Path())), large));
+    EXPECT_LT(testing::ReadNode(*conn, big.Path())->size(), large.ByteSizeLong()) << "large records are stored compressed";
+    EXPECT_THROW(ServiceRegistration(conn, "reg", plain.Id(), MakeRecord(7)), ZooError) << "a taken id";
+    EXPECT_EQ(testing::ReadNode(*conn, plain.Path()), EncodeInstanceData(MakeRecord(2), false));
+
+    ServiceRegistration registration(conn, "reg", MakeRecord(8));
+    registration.Update(MakeRecord(9));
+    EXPECT_TRUE(testing::SameRecord(registration.Record(), MakeRecord(9)));
+    const auto old = conn->SessionId();
+    ASSERT_TRUE(testing::ExpireSession(s_server->ConnectString(), *conn));
+    // Published again: owned by the connection's new session, with the latest record.
+    EXPECT_TRUE(testing::PollUntil([&] {
+        Stat stat{};
+        String bytes(kInstanceReadCapacity, '\0');
+        return conn->Get(registration.Path(), bytes, &stat) == ZOK && stat.ephemeralOwner != old &&
+               bytes == EncodeInstanceData(MakeRecord(9), false);
+    }, std::chrono::seconds(60)));
+}
+
 TEST(WatcherServerDownTest, StartedWhileTheServerIsDownDiscoversInstancesOnceConnected) {
     testing::ZkServer server;
     server.Start();
@@ -223,7 +259,7 @@ TEST(WatcherServerDownTest, StartedWhileTheServerIsDownDiscoversInstancesOnceCon
     server.Start();
     ASSERT_TRUE(watched.recorder->WaitForPicture(written));
     EXPECT_EQ(Ids(written), watched.Listed());
-    EXPECT_TRUE(watched.recorder->Snapshot().anomalies.empty());
+    EXPECT_EQ(watched.recorder->Snapshot().reports, written.size()) << "each instance added once, nothing else";
 }
 
 }  // namespace

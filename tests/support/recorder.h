@@ -4,8 +4,9 @@
 // to, every report, and the codes of the watcher's error handler, with waits
 // that end at a deadline.
 
-#include <chrono>
+#include <algorithm>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -13,6 +14,7 @@
 
 #include "ferrow/service_watcher.h"
 #include "tests/support/instances.h"
+#include "tests/support/support.h"
 
 namespace jx {
 namespace testing {
@@ -32,51 +34,87 @@ public:
         InstanceMap picture;        // added and modified records, less the removed ones
         std::vector<Event> events;  // every report in arrival order, when kept
         size_t reports = 0;
-        // Reports that contradict the picture: added while in it, modified
-        // or removed while not in it.
-        std::vector<std::string> anomalies;
         std::vector<int> errors;  // codes passed to ErrorHandler()
     };
 
     // `keepEvents` false keeps memory flat over long runs.
     explicit Recorder(bool keepEvents = true) : m_keepEvents(keepEvents) {}
 
-    void OnInstanceAdded(ferrow::ServiceWatcher&, const ferrow::ServiceId& id,
-                         const ferrow::ServiceInstanceData& record) override {
+    void OnInstanceAdded(ferrow::ServiceWatcher&, const ferrow::ServiceId& id, const ferrow::ServiceInstanceData& record) override {
         Record(Kind::Added, id, record);
     }
-    void OnInstanceModified(ferrow::ServiceWatcher&, const ferrow::ServiceId& id,
-                            const ferrow::ServiceInstanceData& record) override {
+    void OnInstanceModified(ferrow::ServiceWatcher&, const ferrow::ServiceId& id, const ferrow::ServiceInstanceData& record) override {
         Record(Kind::Modified, id, record);
     }
     void OnInstanceRemoved(ferrow::ServiceWatcher&, const ferrow::ServiceId& id) override {
         Record(Kind::Removed, id, ferrow::ServiceInstanceData());
     }
 
-    // A watcher error handler that records its codes; it holds this
-    // recorder weakly.
-    ferrow::ZkErrorHandler ErrorHandler();
-    State Snapshot() const;
-
+    // A watcher error handler that records its codes; it holds this recorder weakly.
+    ferrow::ZkErrorHandler ErrorHandler() {
+        return [me = weak_from_this()](int code) {
+            if (auto self = me.lock()) self->Update([code](State& state) { state.errors.push_back(code); });
+        };
+    }
+    State Snapshot() const {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        return m_state;
+    }
     // Waits until `holds(const State&)`; false if it still is not after `timeout`.
     template <typename Predicate>
-    bool WaitUntil(Predicate holds, std::chrono::milliseconds timeout) const {
+    bool WaitUntil(Predicate holds, std::chrono::milliseconds timeout = std::chrono::seconds(60)) const {
         std::unique_lock<std::mutex> lock(m_mtx);
         return m_cv.wait_for(lock, timeout, [&] { return holds(static_cast<const State&>(m_state)); });
     }
-    // Waits until the picture equals `expected`; the failure shows how the
+    // Waits until the picture equals `expected`; the failure says how the
     // last picture differed.
     ::testing::AssertionResult WaitForPicture(const InstanceMap& expected,
-                                              std::chrono::milliseconds timeout = std::chrono::seconds(60)) const;
+                                              std::chrono::milliseconds timeout = std::chrono::seconds(60)) const {
+        // Runs on every report: the full comparison only once the sizes agree.
+        auto same = [&](const State& state) { return state.picture.size() == expected.size() && SameInstances(expected, state.picture); };
+        if (WaitUntil(same, timeout)) {
+            return ::testing::AssertionSuccess();
+        }
+        return SameInstances(expected, Snapshot().picture);
+    }
     // Polls until the picture and `watcher.ListInstances()` both equal
     // `truth()` (which may throw while the servers do not answer). Returns
-    // the seconds taken, or a negative number after `timeout`, with `why`
+    // the seconds taken, or a negative number after `timeout` with `why`
     // saying what differed last.
     double AwaitConvergence(const ferrow::ServiceWatcher& watcher, const std::function<InstanceMap()>& truth,
-                            std::chrono::seconds timeout, std::string& why) const;
+                            std::chrono::seconds timeout, std::string& why) const {
+        const auto start = std::chrono::steady_clock::now();
+        const bool converged = PollUntil([&] {
+            try {
+                const InstanceMap expected = truth();
+                const ::testing::AssertionResult same = SameInstances(expected, Snapshot().picture);
+                std::vector<ferrow::ServiceId> listed = watcher.ListInstances(), ids;
+                std::sort(listed.begin(), listed.end());
+                for (const auto& entry : expected) ids.push_back(entry.first);
+                why = !same ? same.message() : listed != ids ? "ListInstances differs from the truth" : "";
+            } catch (const std::exception& e) {
+                why = e.what();
+            }
+            return why.empty();
+        }, timeout, std::chrono::milliseconds(50));
+        return converged ? std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() : -1;
+    }
 
 private:
-    void Record(Kind kind, const ferrow::ServiceId& id, const ferrow::ServiceInstanceData& record);
+    void Record(Kind kind, const ferrow::ServiceId& id, const ferrow::ServiceInstanceData& record) {
+        Update([&](State& state) {
+            if (kind == Kind::Removed) state.picture.erase(id);
+            else state.picture[id] = record;
+            if (m_keepEvents) state.events.push_back({kind, id, record});
+            ++state.reports;
+        });
+    }
+    template <typename F>
+    void Update(F&& change) {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        change(m_state);
+        m_cv.notify_all();
+    }
 
     const bool m_keepEvents;
     mutable std::mutex m_mtx;  // guards m_state

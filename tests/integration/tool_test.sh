@@ -1,0 +1,104 @@
+#!/usr/bin/env bash
+# tool_test.sh FERROW WATCH_SERVICE PUBLISH_INSTANCE
+# The `ferrow` tool and the README's two examples, run as a user runs them,
+# against a real ZooKeeper server that this script starts on a free loopback
+# port and kills by its process id on exit. Every check that fails prints
+# one line; the script exits 1 if any did.
+set -uo pipefail
+ferrow=$1 watch_service=$2 publish_instance=$3
+dir=$(mktemp -d) pids=() failures=0
+cleanup() { for pid in "${pids[@]}"; do kill -9 -- "-$pid" "$pid" 2>/dev/null; done; rm -rf "$dir"; }
+trap cleanup EXIT
+check() { # check WHAT ACTUAL EXPECTED
+  [ "$2" == "$3" ] || { echo "FAIL $1: expected [$3], got [$2]" >&2; failures=$((failures + 1)); }
+}
+free_port() {
+  local port
+  while port=$((20000 + RANDOM % 40000)); (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do :; done
+  echo "$port"
+}
+# line FILE N: waits up to a minute for line N of FILE and prints it.
+line() {
+  for _ in $(seq 600); do
+    [ "$(wc -l <"$1")" -ge "$2" ] && { sed -n "${2}p" "$1"; return; }
+    sleep 0.1
+  done
+}
+# exited PID: waits up to a minute for PID to end; its status is the exit code.
+exited() { timeout 60 tail --pid="$1" -f /dev/null; wait "$1"; }
+
+port=$(free_port)
+printf 'tickTime=2000\ndataDir=%s/data\nclientPort=%s\nclientPortAddress=127.0.0.1\nadmin.enableServer=false\n4lw.commands.whitelist=*\n' \
+  "$dir" "$port" >"$dir/zoo.cfg"
+setsid java -Xmx256m -cp /usr/share/java/zookeeper.jar org.apache.zookeeper.server.quorum.QuorumPeerMain "$dir/zoo.cfg" \
+  >"$dir/server.log" 2>&1 &
+pids+=($!)
+for _ in $(seq 600); do
+  (exec 3<>"/dev/tcp/127.0.0.1/$port" && echo srvr >&3 && grep -q Mode <&3) 2>/dev/null && break
+  sleep 0.1
+done
+zk=127.0.0.1:$port
+
+# Register, watch, update, list, get and unregister one instance.
+"$ferrow" --zk "$zk" watch tool --json >"$dir/watch" 2>"$dir/watch.err" & watch=$!
+"$ferrow" --zk "$zk" register tool --host 10.0.0.1 --port 8080 --zone eu-1 --meta env=prod --compress >"$dir/reg" & reg=$!
+pids+=("$watch" "$reg")
+id=$(line "$dir/reg" 1)
+added=$(line "$dir/watch" 1)
+stamp=$(grep -o '"registered_at_ms":"[0-9]*"' <<<"$added")
+record='{"host":"10.0.0.1","port":8080,"protocol":"","version":"","zone":"eu-1","weight":0,"metadata":{"env":"prod"},'$stamp'}'
+check "watch added" "$added" '{"event":"added","service":"tool","id":"'"$id"'","instance":'"$record"'}'
+"$ferrow" --zk "$zk" update tool "$id" --weight 77 --meta added=yes --remove-meta env >/dev/null
+record=${record/'"weight":0,"metadata":{"env":"prod"}'/'"weight":77,"metadata":{"added":"yes"}'}
+check "watch modified" "$(line "$dir/watch" 2)" '{"event":"modified","service":"tool","id":"'"$id"'","instance":'"$record"'}'
+check "get" "$("$ferrow" --zk "$zk" get tool "$id" --json)" '{"id":"'"$id"'","instance":'"$record"'}'
+check "list" "$("$ferrow" --zk "$zk" list tool --json)" '[{"id":"'"$id"'","instance":'"$record"'}]'
+kill -TERM "$reg"
+exited "$reg"; check "register ends on SIGTERM" $? 0
+check "watch removed" "$(line "$dir/watch" 3)" '{"event":"removed","service":"tool","id":"'"$id"'"}'
+kill -INT "$watch"
+exited "$watch"; check "watch ends on SIGINT" $? 0
+
+# Each failure: its exit code and one line on standard error, nothing on standard output.
+"$ferrow" --zk "$zk" register tool --host h --port 1 >"$dir/taken" & taken=$!
+pids+=("$taken")
+taken_id=$(line "$dir/taken" 1) missing=0b5a2e8c-1d7f-4c3a-9e2b-5f6a7b8c9d0e unreachable=127.0.0.1:$(free_port)
+fails() { # fails CODE STDERR ARGS...: STDERR whole, or for code 2 a part of the usage text
+  local code=$1 err=$2 out status
+  shift 2
+  out=$("$@" 2>"$dir/err"); status=$?
+  check "exit code of $*" "$status" "$code"
+  check "output of $*" "$out" ""
+  if [ "$code" = 2 ]; then grep -qF -- "$err" "$dir/err" || check "error of $*" "$(cat "$dir/err")" "$err"
+  else check "error of $*" "$(cat "$dir/err")" "$err"; fi
+}
+fails 1 "ferrow: cannot connect to ZooKeeper at $unreachable within 1000 ms" \
+  "$ferrow" --zk "$unreachable" --session-timeout 1000 list any
+fails 1 "ferrow: cannot connect to ZooKeeper at $unreachable within 500 ms" \
+  env FERROW_ZK="$unreachable" "$ferrow" --session-timeout 500 list any
+fails 1 "ferrow: service 'nothing' does not exist" "$ferrow" --zk "$zk" list nothing
+fails 1 "ferrow: instance $missing of service 'tool' does not exist" "$ferrow" --zk "$zk" get tool "$missing"
+fails 1 "ferrow: instance $taken_id of service 'tool' is already registered" \
+  "$ferrow" --zk "$zk" register tool --host h --port 1 --id "$taken_id"
+fails 2 "'not-a-uuid' is not a UUID" "$ferrow" --zk "$zk" get tool not-a-uuid
+fails 2 "'novalue' is not KEY=VALUE" "$ferrow" --zk "$zk" register tool --host h --port 1 --meta novalue
+
+# The README's examples: watch_service prints what publish_instance does.
+mkfifo "$dir/stdin"
+"$watch_service" "$zk" example 3 60 >"$dir/example" & example=$!
+pids+=("$example")
+check "watch_service starts" "$(line "$dir/example" 1)" "watching example"
+"$publish_instance" "$zk" example 10.1.2.3 8443 <"$dir/stdin" >"$dir/published" & publish=$!
+pids+=("$publish")
+exec 4>"$dir/stdin"
+id=$(line "$dir/published" 1)
+check "watch_service added" "$(line "$dir/example" 2)" "added $id 10.1.2.3:8443"
+echo state=draining >&4
+check "watch_service modified" "$(line "$dir/example" 3)" "modified $id 10.1.2.3:8443"
+exec 4>&-
+exited "$publish"; check "publish_instance ends with its input" $? 0
+check "watch_service removed" "$(line "$dir/example" 4)" "removed $id"
+exited "$example"; check "watch_service ends after three events" $? 0
+
+[ "$failures" = 0 ] || { echo "$failures checks failed; server log: $dir/server.log" >&2; exit 1; }
+echo "all checks passed"
