@@ -2,11 +2,9 @@
 
 #include <condition_variable>
 #include <cstring>
-#include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 #include <google/protobuf/util/message_differencer.h>
 #include <boost/lexical_cast.hpp>
@@ -14,7 +12,6 @@
 
 #include "ferrow/instance_data.h"
 #include "ferrow/zlib.h"
-#include "messaging/ferrow/service.pb.h"
 #include "tests/support/support.h"
 
 namespace jx {
@@ -27,6 +24,20 @@ namespace {
 
 void Check(int rc, const char* operation, const std::string& path) {
     if (rc != ZOK) throw std::runtime_error(std::string(operation) + " " + path + ": " + zerror(rc));
+}
+
+// The last session state of an attaching client, set on the client's thread.
+struct AttachState {
+    std::mutex mtx;
+    std::condition_variable cv;
+    int state = 0;
+};
+
+void OnAttachEvent(zhandle_t*, int type, int state, const char*, void* context) {
+    auto* attach = static_cast<AttachState*>(context);
+    std::lock_guard<std::mutex> lock(attach->mtx);
+    if (type == ZOO_SESSION_EVENT) attach->state = state;
+    attach->cv.notify_all();
 }
 
 }  // namespace
@@ -63,7 +74,7 @@ bool SameRecord(const ServiceInstanceData& a, const ServiceInstanceData& b) {
 ::testing::AssertionResult SameInstances(const InstanceMap& expected, const InstanceMap& actual) {
     std::ostringstream diff;
     for (const auto& [id, record] : expected) {
-        auto it = actual.find(id);
+        const auto it = actual.find(id);
         if (it == actual.end()) diff << "\n missing " << id;
         else if (!SameRecord(record, it->second)) diff << "\n differing " << id << ": {" << it->second.ShortDebugString() << '}';
     }
@@ -75,10 +86,7 @@ bool SameRecord(const ServiceInstanceData& a, const ServiceInstanceData& b) {
 }
 
 std::shared_ptr<ferrow::ZooKeeperConnection> Connect(const std::string& connect, std::chrono::milliseconds sessionTimeout) {
-    ferrow::ConnectionOptions options;
-    options.connect = connect;
-    options.sessionTimeout = sessionTimeout;
-    auto conn = ferrow::ZooKeeperConnection::Open(options);
+    auto conn = ferrow::ZooKeeperConnection::Open({connect, sessionTimeout, ""});
     if (!conn->WaitConnected(std::chrono::seconds(30))) throw std::runtime_error("no session with " + connect);
     return conn;
 }
@@ -91,43 +99,19 @@ std::optional<String> ReadNode(const ferrow::Connection& conn, const std::string
     return bytes;
 }
 
-namespace {
-
-// The last session state of an attaching client, set on the client's thread.
-struct AttachState {
-    std::mutex mtx;
-    std::condition_variable cv;
-    int state = 0;
-};
-
-void OnAttachEvent(zhandle_t*, int type, int state, const char*, void* context) {
-    if (type != ZOO_SESSION_EVENT) return;
-    auto* attach = static_cast<AttachState*>(context);
-    std::lock_guard<std::mutex> lock(attach->mtx);
-    attach->state = state;
-    attach->cv.notify_all();
-}
-
-}  // namespace
-
 bool ExpireSession(const std::string& connect, const ferrow::ZooKeeperConnection& conn) {
     const std::int64_t old = conn.SessionId();
-    const String password = conn.SessionPassword();
     clientid_t id{old, {}};
-    if (old == 0 || password.size() != sizeof(id.passwd)) return false;
-    std::memcpy(id.passwd, password.data(), sizeof(id.passwd));
+    std::memcpy(id.passwd, conn.SessionPassword().data(), std::min(sizeof(id.passwd), conn.SessionPassword().size()));
     const auto renewed = [&] { return conn.SessionId() != 0 && conn.SessionId() != old; };
-    for (int attempt = 0; attempt < 20 && !renewed(); ++attempt) {
+    for (int attempt = 0; attempt < 20 && old != 0 && !renewed(); ++attempt) {
         // Closing an attached client closes the session. `conn` may take the
         // session back before the close arrives, which the server then
         // refuses: only an attach refused as expired proves the session gone.
         AttachState attach;
         zhandle_t* zh = zookeeper_init(connect.c_str(), &OnAttachEvent, 10000, &id, &attach, 0);
-        if (zh == nullptr) return false;
         std::unique_lock<std::mutex> lock(attach.mtx);
-        attach.cv.wait_for(lock, std::chrono::seconds(10), [&] {
-            return attach.state == ZOO_CONNECTED_STATE || attach.state == ZOO_EXPIRED_SESSION_STATE;
-        });
+        attach.cv.wait_for(lock, std::chrono::seconds(10), [&] { return attach.state != 0 && attach.state != ZOO_CONNECTING_STATE; });
         lock.unlock();
         zookeeper_close(zh);
         PollUntil(renewed, std::chrono::seconds(attach.state == ZOO_EXPIRED_SESSION_STATE ? 30 : 3));
@@ -135,15 +119,12 @@ bool ExpireSession(const std::string& connect, const ferrow::ZooKeeperConnection
     return renewed();
 }
 
-InstanceWriter::InstanceWriter(const std::string& connect, const std::string& service,
-                               std::chrono::milliseconds sessionTimeout)
+InstanceWriter::InstanceWriter(const std::string& connect, const std::string& service, std::chrono::milliseconds sessionTimeout)
     : m_conn(Connect(connect, sessionTimeout)), m_servicePath(ferrow::ServicePath(service)) {
     ferrow::EnsurePath(*m_conn, m_servicePath, false, ZOO_OPEN_ACL_UNSAFE);
 }
 
-std::string InstanceWriter::InstancePath(const ServiceId& id) const {
-    return m_servicePath + "/" + boost::uuids::to_string(id);
-}
+std::string InstanceWriter::InstancePath(const ServiceId& id) const { return m_servicePath + "/" + boost::uuids::to_string(id); }
 
 void InstanceWriter::Create(const ServiceId& id, const ServiceInstanceData& record, Encoding encoding) const {
     CreateChild(boost::uuids::to_string(id), MakeEnvelope(record, encoding));
@@ -153,13 +134,10 @@ void InstanceWriter::Set(const ServiceId& id, const ServiceInstanceData& record,
     Check(m_conn->Set(InstancePath(id), MakeEnvelope(record, encoding), -1, nullptr), "set", InstancePath(id));
 }
 
-void InstanceWriter::Remove(const ServiceId& id) const {
-    Check(m_conn->Delete(InstancePath(id), -1), "delete", InstancePath(id));
-}
+void InstanceWriter::Remove(const ServiceId& id) const { Check(m_conn->Delete(InstancePath(id), -1), "delete", InstancePath(id)); }
 
 void InstanceWriter::CreateChild(const std::string& name, const String& bytes) const {
-    const std::string path = m_servicePath + "/" + name;
-    Check(m_conn->Create(path, bytes, ZOO_OPEN_ACL_UNSAFE, 0), "create", path);
+    Check(m_conn->Create(m_servicePath + "/" + name, bytes, ZOO_OPEN_ACL_UNSAFE, 0), "create", m_servicePath + "/" + name);
 }
 
 void InstanceWriter::CreateAll(const InstanceMap& instances) const {
@@ -167,9 +145,7 @@ void InstanceWriter::CreateAll(const InstanceMap& instances) const {
     std::vector<std::thread> threads;
     for (size_t t = 0; t < 32; ++t) {
         threads.emplace_back([&, t] {
-            for (size_t i = t; i < work.size(); i += 32) {
-                EXPECT_NO_THROW(Create(work[i].first, work[i].second, Encoding::Zlib));
-            }
+            for (size_t i = t; i < work.size(); i += 32) EXPECT_NO_THROW(Create(work[i].first, work[i].second, Encoding::Zlib));
         });
     }
     for (std::thread& thread : threads) thread.join();

@@ -1,8 +1,8 @@
 #pragma once
 
 // An observer of a ServiceWatcher that keeps the picture its reports add up
-// to, every report, and the codes of the watcher's error handler, with waits
-// that end at a deadline.
+// to, every report and the codes of the watcher's error handler, and a
+// watcher that reports to one, with waits that end at a deadline.
 
 #include <algorithm>
 #include <condition_variable>
@@ -66,40 +66,6 @@ public:
         std::unique_lock<std::mutex> lock(m_mtx);
         return m_cv.wait_for(lock, timeout, [&] { return holds(static_cast<const State&>(m_state)); });
     }
-    // Waits until the picture equals `expected`; the failure says how the
-    // last picture differed.
-    ::testing::AssertionResult WaitForPicture(const InstanceMap& expected,
-                                              std::chrono::milliseconds timeout = std::chrono::seconds(60)) const {
-        // Runs on every report: the full comparison only once the sizes agree.
-        auto same = [&](const State& state) { return state.picture.size() == expected.size() && SameInstances(expected, state.picture); };
-        if (WaitUntil(same, timeout)) {
-            return ::testing::AssertionSuccess();
-        }
-        return SameInstances(expected, Snapshot().picture);
-    }
-    // Polls until the picture and `watcher.ListInstances()` both equal
-    // `truth()` (which may throw while the servers do not answer). Returns
-    // the seconds taken, or a negative number after `timeout` with `why`
-    // saying what differed last.
-    double AwaitConvergence(const ferrow::ServiceWatcher& watcher, const std::function<InstanceMap()>& truth,
-                            std::chrono::seconds timeout, std::string& why) const {
-        const auto start = std::chrono::steady_clock::now();
-        const bool converged = PollUntil([&] {
-            try {
-                const InstanceMap expected = truth();
-                const ::testing::AssertionResult same = SameInstances(expected, Snapshot().picture);
-                std::vector<ferrow::ServiceId> listed = watcher.ListInstances(), ids;
-                std::sort(listed.begin(), listed.end());
-                for (const auto& entry : expected) ids.push_back(entry.first);
-                why = !same ? same.message() : listed != ids ? "ListInstances differs from the truth" : "";
-            } catch (const std::exception& e) {
-                why = e.what();
-            }
-            return why.empty();
-        }, timeout, std::chrono::milliseconds(50));
-        return converged ? std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() : -1;
-    }
-
 private:
     void Record(Kind kind, const ferrow::ServiceId& id, const ferrow::ServiceInstanceData& record) {
         Update([&](State& state) {
@@ -120,6 +86,44 @@ private:
     mutable std::mutex m_mtx;  // guards m_state
     mutable std::condition_variable m_cv;
     State m_state;
+};
+
+// A watcher of one service on `conn`, started, with a Recorder as its
+// observer and error handler. Destroyed watcher first, then the recorder.
+struct Watched {
+    Watched(std::shared_ptr<ferrow::ZooKeeperConnection> connection, const std::string& service, bool keepEvents = true)
+        : conn(std::move(connection)), recorder(std::make_shared<Recorder>(keepEvents)), watcher(conn, service, recorder->ErrorHandler()) {
+        watcher.RegisterShared(recorder);
+        watcher.Start();
+    }
+    // Polls until the reported picture and ListInstances both equal
+    // `truth()`, which may throw while the servers do not answer. On success
+    // `seconds` (when given) receives the time taken; after `timeout` the
+    // failure says what differed last.
+    ::testing::AssertionResult Converges(const std::function<InstanceMap()>& truth,
+                                         std::chrono::seconds timeout = std::chrono::seconds(60), double* seconds = nullptr) const {
+        const auto start = std::chrono::steady_clock::now();
+        std::string why;
+        const bool converged = PollUntil([&] {
+            try {
+                const InstanceMap expected = truth();
+                const ::testing::AssertionResult same = SameInstances(expected, recorder->Snapshot().picture);
+                std::vector<ferrow::ServiceId> listed = watcher.ListInstances(), ids;
+                std::sort(listed.begin(), listed.end());
+                for (const auto& entry : expected) ids.push_back(entry.first);
+                why = !same ? same.message() : listed != ids ? "ListInstances differs from the truth" : "";
+            } catch (const std::exception& e) {
+                why = e.what();
+            }
+            return why.empty();
+        }, timeout, std::chrono::milliseconds(50));
+        if (seconds != nullptr) *seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        return converged ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << why;
+    }
+
+    std::shared_ptr<ferrow::ZooKeeperConnection> conn;
+    std::shared_ptr<Recorder> recorder;
+    ferrow::ServiceWatcher watcher;
 };
 
 }  // namespace testing
