@@ -21,10 +21,8 @@ namespace testing {
 // FireChildren, FireData, FireWatch and SessionEvent queue a delivery that
 // runs on the double's own delivery thread, as on the real connection, and
 // Drain waits until everything queued has run. An exception escaping a
-// delivered callback is caught there and kept for Errors(). Synchronous node
-// operations work on an in-memory map (GetChildren, which the watcher never
-// calls, answers ZNOTHING). Thread-safe; must be destroyed off its delivery
-// thread.
+// delivered callback is caught there and kept for Errors(). Thread-safe;
+// must be destroyed off its delivery thread.
 class FakeConnection : public ferrow::Connection {
     // Runs `f` with m_mtx held and returns what it returns.
     template <typename F>
@@ -56,7 +54,6 @@ public:
     // Queues `rc` as the answer of the next operation `op` (for Op::Issue:
     // the code returned for issuing the next asynchronous request).
     void Fail(Op op, int rc) { Locked([&] { m_forced[op].push_back(rc); }); }
-    void SetNode(const String& path, const String& data) { Locked([&] { m_nodes[path] = data; }); }
     std::vector<Request> Requests() const { return Locked([&] { return m_requests; }); }
     std::vector<std::string> Errors() const { return Locked([&] { return m_errors; }); }
     // Runs `hook` on the registering thread right after every RegisterWeak,
@@ -94,37 +91,20 @@ public:
     std::pair<int, WatchHandle> AsyncGet(String path, WatchFunction watch, DataResult result) const override {
         return Record({Kind::Data, std::move(path), nullptr, nullptr, std::move(result)}, std::move(watch));
     }
-    int Get(String path, String& out, Stat*) const override {
-        return Locked([&]() -> int {
-            const int forced = Forced(Op::Get);
-            if (forced != ZOK || m_nodes.count(path) == 0) return forced != ZOK ? forced : ZNONODE;
-            if (m_nodes[path].size() > out.size()) return out.clear(), ZBADARGUMENTS;
-            return out = m_nodes[path], ZOK;
-        });
-    }
-    int Create(String path, const String& data, const ACL_vector&, int) const override {
-        return Locked([&]() -> int {
-            const int forced = Forced(Op::Create);
-            return forced != ZOK ? forced : m_nodes.emplace(path, data).second ? ZOK : ZNODEEXISTS;
-        });
-    }
-    int Set(String path, const String& data, int, Stat*) const override {
-        return Locked([&]() -> int { return m_nodes.count(path) != 0 ? (m_nodes[path] = data, ZOK) : ZNONODE; });
-    }
-    int Delete(String path, int) const override { return Locked([&]() -> int { return m_nodes.erase(path) != 0 ? ZOK : ZNONODE; }); }
-    int Exists(String path, Stat*) const override {
-        return Locked([&]() -> int {
-            const int forced = Forced(Op::Exists);
-            return forced != ZOK ? forced : m_nodes.count(path) != 0 ? ZOK : ZNONODE;
-        });
-    }
+    // Synchronous operations succeed unless Fail forced an answer; Get and
+    // Exists find nothing; GetChildren, which the watcher never calls, fails.
+    int Get(String, String&, Stat*) const override { return Locked([&] { return Forced(Op::Get, ZNONODE); }); }
+    int Create(String, const String&, const ACL_vector&, int) const override { return Locked([&] { return Forced(Op::Create); }); }
+    int Set(String, const String&, int, Stat*) const override { return ZOK; }
+    int Delete(String, int) const override { return ZOK; }
+    int Exists(String, Stat*) const override { return Locked([&] { return Forced(Op::Exists, ZNONODE); }); }
     int GetChildren(String, std::vector<String>&) const override { return ZNOTHING; }
 
 private:
-    // The forced answer of `op`, or ZOK; called with m_mtx held.
-    int Forced(Op op) const {
+    // The forced answer of `op`, or `otherwise`; called with m_mtx held.
+    int Forced(Op op, int otherwise = ZOK) const {
         std::deque<int>& forced = m_forced[op];
-        const int rc = forced.empty() ? ZOK : forced.front();
+        const int rc = forced.empty() ? otherwise : forced.front();
         if (!forced.empty()) forced.pop_front();
         return rc;
     }
@@ -168,7 +148,6 @@ private:
     std::condition_variable m_cv;
     int m_state = ZOO_CONNECTED_STATE;
     mutable std::map<Op, std::deque<int>> m_forced;
-    mutable std::map<String, String> m_nodes;
     mutable std::vector<Request> m_requests;
     std::deque<std::function<void()>> m_queue;
     bool m_delivering = false;

@@ -95,19 +95,16 @@ void ZkServer::Start(std::chrono::seconds deadline) {
     Stop();
     std::ostringstream log;
     log << std::ifstream(m_dir + "/server.log").rdbuf();
-    throw std::runtime_error("ZooKeeper server did not start:\n" + log.str().substr(log.str().size() > 4000 ? log.str().size() - 4000 : 0));
+    throw std::runtime_error("ZooKeeper server did not start; its log:\n" + log.str());
 }
 
 void ZkServer::Launch() {
     if (Running()) return;
     // Everything the child needs is prepared before fork: between fork and
     // exec only async-signal-safe calls are allowed.
-    std::vector<std::string> args = {"java", "-Xmx256m", "-XX:+UseSerialGC", "-XX:TieredStopAtLevel=1", "-cp",
-                                     "/usr/share/java/zookeeper.jar",
-                                     "org.apache.zookeeper.server.quorum.QuorumPeerMain", m_dir + "/zoo.cfg"};
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
+    const std::string cfg = m_dir + "/zoo.cfg";
+    const char* const argv[] = {"java", "-Xmx256m", "-XX:+UseSerialGC", "-XX:TieredStopAtLevel=1", "-cp", "/usr/share/java/zookeeper.jar",
+                                "org.apache.zookeeper.server.quorum.QuorumPeerMain", cfg.c_str(), nullptr};
     const int logFd = ::open((m_dir + "/server.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     const pid_t parent = ::getpid();
     const pid_t pid = ::fork();
@@ -117,7 +114,7 @@ void ZkServer::Launch() {
         if (::getppid() != parent) ::_exit(126);
         ::dup2(logFd, STDOUT_FILENO);
         ::dup2(logFd, STDERR_FILENO);
-        ::execvp(argv[0], argv.data());
+        ::execvp(argv[0], const_cast<char* const*>(argv));
         ::_exit(127);
     }
     ::close(logFd);

@@ -1,22 +1,17 @@
 // The foundations every other unit stands on: log records and their back
-// end, the observer registry, watch handles, the zlib wrapper and the hash
-// of instance ids.
+// end, the observer registry, watch handles and the zlib wrapper.
 
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
-#include <cstring>
 #include <regex>
 
-#include <boost/uuid/name_generator_sha1.hpp>
-#include <boost/uuid/random_generator.hpp>
 #include <gtest/gtest.h>
 
 #include "ferrow/zlib.h"
 #include "tests/support/fake_connection.h"
 #include "tests/support/support.h"
-#include "utility/uuid_hash.h"
 
 namespace jx {
 namespace {
@@ -185,15 +180,6 @@ TEST(ZlibTest, DecompressionIgnoresSizeClaimsCapsItsOutputAndRefusesMalformedStr
             EXPECT_EQ(std::string(e.what()), error);
         }
     }
-}
-
-TEST(UuidHashTest, RandomIdsHashToTheXorOfTheirHalvesAndOthersAsBoostDoes) {
-    const boost::uuids::uuid random = boost::uuids::random_generator()();
-    std::uint64_t halves[2];
-    std::memcpy(halves, random.data, 16);
-    EXPECT_EQ(std::hash<boost::uuids::uuid>()(random), halves[0] ^ halves[1]);
-    const auto named = boost::uuids::name_generator_sha1(boost::uuids::ns::dns())("ferrow.example");
-    EXPECT_EQ(std::hash<boost::uuids::uuid>()(named), boost::uuids::hash_value(named));
 }
 
 }  // namespace
