@@ -6,15 +6,25 @@
 // expiry.
 
 #include <chrono>
+#include <condition_variable>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <optional>
+#include <sstream>
+#include <stdexcept>
 #include <string>
+#include <thread>
 
+#include <boost/lexical_cast.hpp>
+#include <boost/uuid/uuid_io.hpp>
+#include <google/protobuf/util/message_differencer.h>
 #include <gtest/gtest.h>
 
-#include "ferrow/service_watcher_observer.h"
+#include "ferrow/instance_data.h"
+#include "ferrow/zlib.h"
 #include "ferrow/zookeeper_connection.h"
+#include "tests/support/support.h"
 
 namespace jx {
 namespace testing {
@@ -31,30 +41,108 @@ enum class Encoding {
 
 // A record with every field set, distinct for every `seed`, carrying
 // `metadataBytes` of extra metadata (to make large records).
-ferrow::ServiceInstanceData MakeRecord(int seed, size_t metadataBytes = 0);
+inline ferrow::ServiceInstanceData MakeRecord(int seed, size_t metadataBytes = 0) {
+    const std::string n = std::to_string(seed);
+    ferrow::ServiceInstanceData record;
+    record.set_host("host-" + n + ".test");
+    record.set_port(static_cast<uint32_t>(10000 + seed));
+    record.set_protocol(seed % 2 == 0 ? "grpc" : "http");
+    record.set_version("1." + n);
+    record.set_zone("zone-" + std::to_string(seed % 3));
+    record.set_weight(static_cast<uint32_t>(seed % 100 + 1));
+    record.set_registered_at_ms(1700000000000ULL + static_cast<uint64_t>(seed));
+    (*record.mutable_metadata())["seed"] = n;
+    std::string filler;
+    for (size_t i = 0; filler.size() < metadataBytes; ++i) filler += std::to_string(i * 7919 % 104729) + ',';
+    if (metadataBytes > 0) (*record.mutable_metadata())["filler"] = filler.substr(0, metadataBytes);
+    return record;
+}
+
 // The bytes of an instance node holding `record`.
-String MakeEnvelope(const ferrow::ServiceInstanceData& record, Encoding encoding);
+inline String MakeEnvelope(const ferrow::ServiceInstanceData& record, Encoding encoding) {
+    if (encoding != Encoding::ZlibWithoutSize) return ferrow::EncodeInstanceData(record, encoding == Encoding::Zlib);
+    messaging::ferrow::ZNodeData envelope;
+    envelope.set_data(ferrow::zlib::Compress(record.SerializeAsString()));
+    envelope.set_data_compression(messaging::ferrow::ZNodeData::COMP_ZLIB);
+    return envelope.SerializeAsString();
+}
+
 // Field-by-field equality (map fields compared as maps).
-bool SameRecord(const ferrow::ServiceInstanceData& a, const ferrow::ServiceInstanceData& b);
+inline bool SameRecord(const ferrow::ServiceInstanceData& a, const ferrow::ServiceInstanceData& b) {
+    return google::protobuf::util::MessageDifferencer::Equals(a, b);
+}
+
 // Success when both hold the same ids with the same records; otherwise a
 // failure naming the missing, unexpected and differing ids.
-::testing::AssertionResult SameInstances(const InstanceMap& expected, const InstanceMap& actual);
+inline ::testing::AssertionResult SameInstances(const InstanceMap& expected, const InstanceMap& actual) {
+    std::ostringstream diff;
+    for (const auto& [id, record] : expected) {
+        const auto it = actual.find(id);
+        if (it == actual.end()) diff << "\n missing " << id;
+        else if (!SameRecord(record, it->second)) diff << "\n differing " << id << ": {" << it->second.ShortDebugString() << '}';
+    }
+    for (const auto& entry : actual) {
+        if (expected.count(entry.first) == 0) diff << "\n unexpected " << entry.first;
+    }
+    if (diff.str().empty()) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "expected " << expected.size() << " instances, got " << actual.size() << diff.str();
+}
+
+inline void Check(int rc, const char* operation, const std::string& path) {
+    if (rc != ZOK) throw std::runtime_error(std::string(operation) + " " + path + ": " + zerror(rc));
+}
 
 // Opens a connection and waits until it is connected; throws
 // std::runtime_error when it is not within 30 s.
-std::shared_ptr<ferrow::ZooKeeperConnection> Connect(const std::string& connect,
-                                                     std::chrono::milliseconds sessionTimeout = std::chrono::seconds(10));
+inline std::shared_ptr<ferrow::ZooKeeperConnection> Connect(const std::string& connect,
+                                                            std::chrono::milliseconds sessionTimeout = std::chrono::seconds(10)) {
+    auto conn = ferrow::ZooKeeperConnection::Open({connect, sessionTimeout, ""});
+    if (!conn->WaitConnected(std::chrono::seconds(30))) throw std::runtime_error("no session with " + connect);
+    return conn;
+}
 
 // The bytes of node `path`, or nothing when it does not exist; throws
 // std::runtime_error on any other failure.
-std::optional<String> ReadNode(const ferrow::Connection& conn, const std::string& path);
+inline std::optional<String> ReadNode(const ferrow::Connection& conn, const std::string& path) {
+    String bytes(ferrow::kInstanceReadCapacity, '\0');
+    const int rc = conn.Get(path, bytes, nullptr);
+    if (rc == ZNONODE) return std::nullopt;
+    Check(rc, "get", path);
+    return bytes;
+}
 
 // Ends the session of `conn` on the server, as a server-side expiry would (a
 // second client attaches to the session and closes it), and waits until
-// `conn` runs a new session. The attaching client may take the session over
-// before `conn` notices, so this repeats; false when `conn` has no new
-// session within about a minute.
-bool ExpireSession(const std::string& connect, const ferrow::ZooKeeperConnection& conn);
+// `conn` runs a new session. `conn` may take the session back before the
+// close arrives, which the server then refuses, so this repeats: only an
+// attach refused as expired proves the session gone. False when `conn` has
+// no new session within about a minute.
+inline bool ExpireSession(const std::string& connect, const ferrow::ZooKeeperConnection& conn) {
+    struct Attach {  // the attaching client's last session state, set on its thread
+        std::mutex mtx;
+        std::condition_variable cv;
+        int state = 0;
+    };
+    const std::int64_t old = conn.SessionId();
+    clientid_t id{old, {}};
+    std::memcpy(id.passwd, conn.SessionPassword().data(), std::min(sizeof(id.passwd), conn.SessionPassword().size()));
+    const auto renewed = [&] { return conn.SessionId() != 0 && conn.SessionId() != old; };
+    for (int attempt = 0; attempt < 20 && old != 0 && !renewed(); ++attempt) {
+        Attach attach;
+        zhandle_t* zh = zookeeper_init(connect.c_str(), [](zhandle_t*, int type, int state, const char*, void* context) {
+            auto* attach = static_cast<Attach*>(context);
+            std::lock_guard<std::mutex> lock(attach->mtx);
+            if (type == ZOO_SESSION_EVENT) attach->state = state;
+            attach->cv.notify_all();
+        }, 10000, &id, &attach, 0);
+        std::unique_lock<std::mutex> lock(attach.mtx);
+        attach.cv.wait_for(lock, std::chrono::seconds(10), [&] { return attach.state != 0 && attach.state != ZOO_CONNECTING_STATE; });
+        lock.unlock();
+        zookeeper_close(zh);  // closes the session it attached to
+        PollUntil(renewed, std::chrono::seconds(attach.state == ZOO_EXPIRED_SESSION_STATE ? 30 : 3));
+    }
+    return renewed();
+}
 
 // Writes the nodes of one service, /srv2/<service>, through its own session.
 // Every operation is synchronous and throws std::runtime_error, naming the
@@ -63,22 +151,48 @@ bool ExpireSession(const std::string& connect, const ferrow::ZooKeeperConnection
 class InstanceWriter {
 public:
     InstanceWriter(const std::string& connect, const std::string& service,
-                   std::chrono::milliseconds sessionTimeout = std::chrono::seconds(30));
+                   std::chrono::milliseconds sessionTimeout = std::chrono::seconds(30))
+        : m_conn(Connect(connect, sessionTimeout)), m_servicePath(ferrow::ServicePath(service)) {
+        ferrow::EnsurePath(*m_conn, m_servicePath, false, ZOO_OPEN_ACL_UNSAFE);
+    }
 
-    std::string InstancePath(const ferrow::ServiceId& id) const;
-    void Create(const ferrow::ServiceId& id, const ferrow::ServiceInstanceData& record,
-                Encoding encoding = Encoding::Raw) const;
-    void Set(const ferrow::ServiceId& id, const ferrow::ServiceInstanceData& record,
-             Encoding encoding = Encoding::Raw) const;
-    void Remove(const ferrow::ServiceId& id) const;
+    std::string InstancePath(const ferrow::ServiceId& id) const { return m_servicePath + "/" + boost::uuids::to_string(id); }
+    void Create(const ferrow::ServiceId& id, const ferrow::ServiceInstanceData& record, Encoding encoding = Encoding::Raw) const {
+        CreateChild(boost::uuids::to_string(id), MakeEnvelope(record, encoding));
+    }
+    void Set(const ferrow::ServiceId& id, const ferrow::ServiceInstanceData& record, Encoding encoding = Encoding::Raw) const {
+        Check(m_conn->Set(InstancePath(id), MakeEnvelope(record, encoding), -1, nullptr), "set", InstancePath(id));
+    }
+    void Remove(const ferrow::ServiceId& id) const { Check(m_conn->Delete(InstancePath(id), -1), "delete", InstancePath(id)); }
     // A child of the service node with any name and bytes.
-    void CreateChild(const std::string& name, const String& bytes) const;
+    void CreateChild(const std::string& name, const String& bytes) const {
+        Check(m_conn->Create(m_servicePath + "/" + name, bytes, ZOO_OPEN_ACL_UNSAFE, 0), "create", m_servicePath + "/" + name);
+    }
     // Creates every instance of `instances`, 32 requests at a time.
-    void CreateAll(const InstanceMap& instances) const;
+    void CreateAll(const InstanceMap& instances) const {
+        const std::vector<InstanceMap::value_type> work(instances.begin(), instances.end());
+        std::vector<std::thread> threads;
+        for (size_t t = 0; t < 32; ++t) {
+            threads.emplace_back([&, t] {
+                for (size_t i = t; i < work.size(); i += 32) EXPECT_NO_THROW(Create(work[i].first, work[i].second, Encoding::Zlib));
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+    }
     // Every child named by a ServiceId, with its decoded record, as the
     // server holds them now. Children of other names are left out.
-    InstanceMap ReadTruth() const;
-    ferrow::ZooKeeperConnection& Connection() const { return *m_conn; }
+    InstanceMap ReadTruth() const {
+        std::vector<String> children;
+        Check(m_conn->GetChildren(m_servicePath, children), "list", m_servicePath);
+        InstanceMap truth;
+        for (const String& child : children) {
+            ferrow::ServiceId id;
+            if (!boost::conversion::try_lexical_convert(child, id)) continue;
+            const std::optional<String> bytes = ReadNode(*m_conn, m_servicePath + "/" + child);
+            if (bytes) truth[id] = ferrow::DecodeInstanceData(*bytes);  // else deleted since the listing
+        }
+        return truth;
+    }
 
 private:
     std::shared_ptr<ferrow::ZooKeeperConnection> m_conn;

@@ -4,22 +4,64 @@
 // (java -cp /usr/share/java/zookeeper.jar ... QuorumPeerMain) on loopback
 // ports, each in a temporary directory of its own. Not thread-safe.
 
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <memory>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "tests/support/support.h"
 
 namespace jx {
 namespace testing {
 
+// A TCP socket bound (port 0) or connected to `port` on 127.0.0.1, or -1.
+inline int LoopbackSocket(int port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+    const timeval timeout{2, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+    const auto* address = reinterpret_cast<const sockaddr*>(&addr);
+    if (fd >= 0 && (port == 0 ? ::bind(fd, address, sizeof(addr)) : ::connect(fd, address, sizeof(addr))) == 0) return fd;
+    if (fd >= 0) ::close(fd);
+    return -1;
+}
+
 // A TCP port on 127.0.0.1 that was free when the call returned.
-int FreeLoopbackPort();
+inline int FreeLoopbackPort() {
+    const int fd = LoopbackSocket(0);
+    sockaddr_in addr{};
+    socklen_t length = sizeof(addr);
+    if (fd < 0 || ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length) != 0) throw std::runtime_error("no free port");
+    ::close(fd);
+    return ntohs(addr.sin_port);
+}
 
 // The answer of a four-letter command ("srvr", "wchs", ...) sent to the
 // server on `port`; empty when it does not answer within a few seconds.
-std::string FourLetterWord(int port, const std::string& command);
+inline std::string FourLetterWord(int port, const std::string& command) {
+    const int fd = LoopbackSocket(port);
+    std::string answer;
+    if (fd >= 0 && ::send(fd, command.data(), command.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(command.size())) {
+        char buffer[4096];
+        for (ssize_t n; (n = ::recv(fd, buffer, sizeof(buffer), 0)) > 0;) answer.append(buffer, static_cast<size_t>(n));
+    }
+    if (fd >= 0) ::close(fd);
+    return answer;
+}
 
 // One server process. Its configuration, data and log (the server's output)
 // live in a temporary directory that the destructor removes. The process is
@@ -66,6 +108,107 @@ private:
     std::string m_dir;
     pid_t m_pid = -1;
 };
+
+inline ZkServer::ZkServer(const std::vector<std::string>& extraConfig)
+    : m_dir((std::filesystem::temp_directory_path() / "ferrow-zk-XXXXXX").string()) {
+    if (::mkdtemp(m_dir.data()) == nullptr) throw std::runtime_error(std::string("mkdtemp: ") + std::strerror(errno));
+    std::filesystem::create_directories(m_dir + "/data");
+    std::ofstream cfg(m_dir + "/zoo.cfg");
+    cfg << "tickTime=2000\ninitLimit=10\nsyncLimit=5\ndataDir=" << m_dir << "/data\nclientPort=" << m_clientPort
+        << "\nclientPortAddress=127.0.0.1\nadmin.enableServer=false\n4lw.commands.whitelist=*\nforceSync=no\n";
+    for (const std::string& line : extraConfig) cfg << line << '\n';
+}
+
+inline ZkServer::~ZkServer() {
+    Stop();
+    std::error_code ignored;
+    std::filesystem::remove_all(m_dir, ignored);
+}
+
+inline std::vector<std::unique_ptr<ZkServer>> ZkServer::Ensemble(int size) {
+    std::vector<std::string> lines;
+    for (int id = 1; id <= size; ++id) {
+        lines.push_back("server." + std::to_string(id) + "=127.0.0.1:" + std::to_string(FreeLoopbackPort()) + ":" +
+                        std::to_string(FreeLoopbackPort()));
+    }
+    std::vector<std::unique_ptr<ZkServer>> servers;
+    for (int id = 1; id <= size; ++id) {
+        servers.push_back(std::make_unique<ZkServer>(lines));
+        std::ofstream(servers.back()->m_dir + "/data/myid") << id << '\n';
+    }
+    return servers;
+}
+
+inline void ZkServer::Start(std::chrono::seconds deadline) {
+    Launch();
+    const bool serving = PollUntil([this] {
+        if (::waitpid(m_pid, nullptr, WNOHANG) == m_pid) m_pid = -1;
+        return m_pid < 0 || !Mode().empty();
+    }, deadline, std::chrono::milliseconds(50));
+    if (serving && m_pid > 0) return;
+    Stop();
+    std::ostringstream log;
+    log << std::ifstream(m_dir + "/server.log").rdbuf();
+    throw std::runtime_error("ZooKeeper server did not start; its log:\n" + log.str());
+}
+
+inline void ZkServer::Launch() {
+    if (Running()) return;
+    // Everything the child needs is prepared before fork: between fork and
+    // exec only async-signal-safe calls are allowed.
+    const std::string cfg = m_dir + "/zoo.cfg";
+    const char* const argv[] = {"java", "-Xmx256m", "-XX:+UseSerialGC", "-XX:TieredStopAtLevel=1", "-cp", "/usr/share/java/zookeeper.jar",
+                                "org.apache.zookeeper.server.quorum.QuorumPeerMain", cfg.c_str(), nullptr};
+    const int logFd = ::open((m_dir + "/server.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    const pid_t parent = ::getpid();
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::setpgid(0, 0);
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != parent) ::_exit(126);
+        ::dup2(logFd, STDOUT_FILENO);
+        ::dup2(logFd, STDERR_FILENO);
+        ::execvp(argv[0], const_cast<char* const*>(argv));
+        ::_exit(127);
+    }
+    ::close(logFd);
+    if (pid < 0) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
+    ::setpgid(pid, pid);  // also from here, so that Stop never races the child's own call
+    m_pid = pid;
+}
+
+inline void ZkServer::Stop() {
+    if (!Running()) return;
+    ::kill(-m_pid, SIGKILL);
+    ::kill(m_pid, SIGKILL);
+    while (::waitpid(m_pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    m_pid = -1;
+}
+
+inline void ZkServer::Pause() {
+    ::kill(-m_pid, SIGSTOP);
+    // The signal arrives asynchronously: a request sent right after kill()
+    // could still be answered. 'T' in a thread's stat line: stopped.
+    const auto allStopped = [this] {
+        std::error_code error;
+        for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(m_pid) + "/task", error)) {
+            std::string line;
+            std::getline(std::ifstream(task.path() / "stat"), line);
+            if (line.rfind(')') == std::string::npos || line.substr(line.rfind(')') + 2, 1) != "T") return false;
+        }
+        return !error;
+    };
+    if (!PollUntil(allStopped, std::chrono::seconds(10), std::chrono::milliseconds(1))) throw std::runtime_error("not stopped");
+}
+
+inline void ZkServer::Resume() { ::kill(-m_pid, SIGCONT); }
+
+inline std::string ZkServer::Mode() const {
+    const std::string answer = FourLetterWord(m_clientPort, "srvr");
+    const size_t at = answer.find("Mode: ");
+    return at == std::string::npos ? std::string() : answer.substr(at + 6, answer.find('\n', at) - at - 6);
+}
 
 }  // namespace testing
 }  // namespace jx
