@@ -25,14 +25,11 @@ constexpr int kRearmCycles = 400, kFailedReads = 10000;
 constexpr int kRearmCycles = 1500, kFailedReads = 50000;
 #endif
 
-// Strings appended from any thread; as a session observer, the states.
-struct Journal : ConnectionObserver {
+// Strings appended from any thread.
+struct Journal {
     void Add(std::string item) {
         std::lock_guard<std::mutex> lock(mtx);
         items.push_back(std::move(item));
-    }
-    void OnSessionEvent(int, int state, String) override {
-        Add(state == ZOO_CONNECTED_STATE ? "connected" : state == ZOO_EXPIRED_SESSION_STATE ? "expired" : "connecting");
     }
     std::vector<std::string> Items() {
         std::lock_guard<std::mutex> lock(mtx);
@@ -120,42 +117,6 @@ TEST_F(ConnectionTest, WatchesFireOnceInOrderOnTheDeliveryThreadAndLeaveNoBookke
     }
     ASSERT_TRUE(PollUntil([&] { return failed == kFailedReads; }, kDeadline));
     EXPECT_EQ(baseline, conn->PendingWatchCount());
-}
-
-// An observer may make synchronous calls from the new session's connected
-// event; one that throws is logged and later events still reach everyone.
-TEST_F(ConnectionTest, ExpiredSessionIsReportedOnceThenReplacedAndItsWatchesStaySilent) {
-    testing::LogCapture logs;
-    const size_t baseline = conn->PendingWatchCount();
-    struct SyncObserver : Journal {
-        void OnSessionEvent(int type, int state, String p) override {
-            if (state == ZOO_CONNECTED_STATE && !Items().empty() && Items().back() == "expired") {
-                Add(std::to_string(EnsurePath(*conn.lock(), p + "/srv2/made/in/event", false, ZOO_OPEN_ACL_UNSAFE)));
-            }
-            Journal::OnSessionEvent(type, state, p);
-            if (state == ZOO_EXPIRED_SESSION_STATE) throw std::runtime_error("observer boom");
-        }
-        std::weak_ptr<ZooKeeperConnection> conn;
-    };
-    auto sessions = std::make_shared<SyncObserver>(), others = std::make_shared<SyncObserver>();
-    sessions->conn = conn;
-    conn->RegisterShared(sessions);
-    conn->RegisterShared(others);
-    std::atomic<int> oldWatchCalls{0};
-    auto armed = conn->AsyncGet(path, [&](int, int, String) { ++oldWatchCalls; }, kIgnore);
-    const std::int64_t old = conn->SessionId();
-    ASSERT_TRUE(testing::ExpireSession(s_server->ConnectString(), *conn));
-    ASSERT_TRUE(PollUntil([&] { return sessions->Items().size() >= 3 && sessions->Items().back() == "connected"; }, kDeadline));
-    const auto events = sessions->Items();
-    EXPECT_EQ(std::vector<std::string>(events.end() - 3, events.end()), (std::vector<std::string>{"expired", "1", "connected"}));
-    EXPECT_EQ(std::count(events.begin(), events.end(), "expired"), 1);
-    EXPECT_EQ(others->Items().back(), "connected");
-    EXPECT_NE(old, conn->SessionId());
-    ASSERT_EQ(ZOK, conn->Set(path, "after", -1, nullptr));
-    Flush(*conn);
-    EXPECT_EQ(0, oldWatchCalls.load());
-    EXPECT_EQ(baseline, conn->PendingWatchCount());
-    EXPECT_EQ(logs.Count("Callback threw: observer boom", logging::JXLOG_ERROR), 1u);
 }
 
 TEST_F(ConnectionTest, SynchronousCallTimesOutWhileTheServerDoesNotAnswer) {

@@ -18,5 +18,5 @@ elseif(FERROW_COVERAGE)
 endif()
 add_test(NAME install_integration_test
   COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/install_test.sh
-    ${PROJECT_BINARY_DIR} ${CMAKE_CURRENT_LIST_DIR}/consumer "${consumer_flags}")
+    ${PROJECT_BINARY_DIR} ${CMAKE_CURRENT_LIST_DIR}/consumer ${PROJECT_SOURCE_DIR}/examples/watch_service.cpp "${consumer_flags}")
 set_tests_properties(install_integration_test PROPERTIES LABELS integration TIMEOUT 600)

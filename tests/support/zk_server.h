@@ -67,148 +67,128 @@ inline std::string FourLetterWord(int port, const std::string& command) {
 // live in a temporary directory that the destructor removes. The process is
 // always ended by its id, with SIGKILL to its own process group: by Stop(),
 // by the destructor (so also when a test fails) and by the kernel if the
-// thread that started it dies.
+// thread that started it dies. Not thread-safe.
 class ZkServer {
 public:
     // A standalone server on a free port, not started yet; `extraConfig` are
     // further zoo.cfg lines, e.g. "minSessionTimeout=20000".
-    explicit ZkServer(const std::vector<std::string>& extraConfig = {});
-    ~ZkServer();
+    explicit ZkServer(const std::vector<std::string>& extraConfig = {})
+        : m_dir((std::filesystem::temp_directory_path() / "ferrow-zk-XXXXXX").string()) {
+        if (::mkdtemp(m_dir.data()) == nullptr) throw std::runtime_error(std::string("mkdtemp: ") + std::strerror(errno));
+        std::filesystem::create_directories(m_dir + "/data");
+        std::ofstream cfg(m_dir + "/zoo.cfg");
+        cfg << "tickTime=2000\ninitLimit=10\nsyncLimit=5\ndataDir=" << m_dir << "/data\nclientPort=" << m_clientPort
+            << "\nclientPortAddress=127.0.0.1\nadmin.enableServer=false\n4lw.commands.whitelist=*\nforceSync=no\n";
+        for (const std::string& line : extraConfig) cfg << line << '\n';
+    }
+    ~ZkServer() {
+        Stop();
+        std::error_code ignored;
+        std::filesystem::remove_all(m_dir, ignored);
+    }
     ZkServer(const ZkServer&) = delete;  // owns a process and a directory
     ZkServer& operator=(const ZkServer&) = delete;
 
+    // `size` servers on loopback forming one ensemble, not started yet.
+    static std::vector<std::unique_ptr<ZkServer>> Ensemble(int size) {
+        std::vector<std::string> lines;
+        for (int id = 1; id <= size; ++id) {
+            lines.push_back("server." + std::to_string(id) + "=127.0.0.1:" + std::to_string(FreeLoopbackPort()) + ":" +
+                            std::to_string(FreeLoopbackPort()));
+        }
+        std::vector<std::unique_ptr<ZkServer>> servers;
+        for (int id = 1; id <= size; ++id) {
+            servers.push_back(std::make_unique<ZkServer>(lines));
+            std::ofstream(servers.back()->m_dir + "/data/myid") << id << '\n';
+        }
+        return servers;
+    }
+
     // Starts the process (a no-op when running) and waits until it serves
-    // clients; throws std::runtime_error, with the end of the server log,
-    // when it has not within `deadline` or the process ended.
-    void Start(std::chrono::seconds deadline = std::chrono::seconds(60));
+    // clients; throws std::runtime_error, with the server log, when it has
+    // not within `deadline` or the process ended.
+    void Start(std::chrono::seconds deadline = std::chrono::seconds(60)) {
+        Launch();
+        const bool serving = PollUntil([this] {
+            if (::waitpid(m_pid, nullptr, WNOHANG) == m_pid) m_pid = -1;
+            return m_pid < 0 || !Mode().empty();
+        }, deadline, std::chrono::milliseconds(50));
+        if (serving && m_pid > 0) return;
+        Stop();
+        std::ostringstream log;
+        log << std::ifstream(m_dir + "/server.log").rdbuf();
+        throw std::runtime_error("ZooKeeper server did not start; its log:\n" + log.str());
+    }
     // Starts the process without waiting (a no-op when running): members of
     // an ensemble serve only once enough of them run.
-    void Launch();
+    void Launch() {
+        if (Running()) return;
+        // Everything the child needs is prepared before fork: between fork
+        // and exec only async-signal-safe calls are allowed.
+        const std::string cfg = m_dir + "/zoo.cfg";
+        const char* const argv[] = {"java", "-Xmx256m", "-XX:+UseSerialGC", "-XX:TieredStopAtLevel=1", "-cp", "/usr/share/java/zookeeper.jar",
+                                    "org.apache.zookeeper.server.quorum.QuorumPeerMain", cfg.c_str(), nullptr};
+        const int logFd = ::open((m_dir + "/server.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        const pid_t parent = ::getpid();
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            ::setpgid(0, 0);
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (::getppid() != parent) ::_exit(126);
+            ::dup2(logFd, STDOUT_FILENO);
+            ::dup2(logFd, STDERR_FILENO);
+            ::execvp(argv[0], const_cast<char* const*>(argv));
+            ::_exit(127);
+        }
+        ::close(logFd);
+        if (pid < 0) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
+        ::setpgid(pid, pid);  // also from here, so that Stop never races the child's own call
+        m_pid = pid;
+    }
     // Kills the process and reaps it; the data stays for the next Start, on
     // the same port. A no-op when not running.
-    void Stop();
+    void Stop() {
+        if (!Running()) return;
+        ::kill(-m_pid, SIGKILL);
+        ::kill(m_pid, SIGKILL);
+        while (::waitpid(m_pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        m_pid = -1;
+    }
     // Freezes and thaws the process (SIGSTOP, SIGCONT): connections stay
-    // open, nothing is answered. Pause returns once every thread stopped.
-    void Pause();
-    void Resume();
+    // open, nothing is answered. Pause returns once every thread stopped
+    // ('T' in its stat line): the signal arrives asynchronously.
+    void Pause() {
+        ::kill(-m_pid, SIGSTOP);
+        const auto allStopped = [this] {
+            std::error_code error;
+            for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(m_pid) + "/task", error)) {
+                std::string line;
+                std::getline(std::ifstream(task.path() / "stat"), line);
+                if (line.rfind(')') == std::string::npos || line.substr(line.rfind(')') + 2, 1) != "T") return false;
+            }
+            return !error;
+        };
+        if (!PollUntil(allStopped, std::chrono::seconds(10), std::chrono::milliseconds(1))) throw std::runtime_error("not stopped");
+    }
+    void Resume() { ::kill(-m_pid, SIGCONT); }
 
     bool Running() const { return m_pid > 0; }
     // The role "srvr" reports ("leader", "follower", "standalone"); empty
     // when the server does not answer or serves no clients.
-    std::string Mode() const;
+    std::string Mode() const {
+        const std::string answer = FourLetterWord(m_clientPort, "srvr");
+        const size_t at = answer.find("Mode: ");
+        return at == std::string::npos ? std::string() : answer.substr(at + 6, answer.find('\n', at) - at - 6);
+    }
     int ClientPort() const { return m_clientPort; }
     std::string ConnectString() const { return "127.0.0.1:" + std::to_string(m_clientPort); }
 
-    // `size` servers on loopback forming one ensemble, not started yet.
-    static std::vector<std::unique_ptr<ZkServer>> Ensemble(int size);
-
 private:
-
     int m_clientPort = FreeLoopbackPort();
     std::string m_dir;
     pid_t m_pid = -1;
 };
-
-inline ZkServer::ZkServer(const std::vector<std::string>& extraConfig)
-    : m_dir((std::filesystem::temp_directory_path() / "ferrow-zk-XXXXXX").string()) {
-    if (::mkdtemp(m_dir.data()) == nullptr) throw std::runtime_error(std::string("mkdtemp: ") + std::strerror(errno));
-    std::filesystem::create_directories(m_dir + "/data");
-    std::ofstream cfg(m_dir + "/zoo.cfg");
-    cfg << "tickTime=2000\ninitLimit=10\nsyncLimit=5\ndataDir=" << m_dir << "/data\nclientPort=" << m_clientPort
-        << "\nclientPortAddress=127.0.0.1\nadmin.enableServer=false\n4lw.commands.whitelist=*\nforceSync=no\n";
-    for (const std::string& line : extraConfig) cfg << line << '\n';
-}
-
-inline ZkServer::~ZkServer() {
-    Stop();
-    std::error_code ignored;
-    std::filesystem::remove_all(m_dir, ignored);
-}
-
-inline std::vector<std::unique_ptr<ZkServer>> ZkServer::Ensemble(int size) {
-    std::vector<std::string> lines;
-    for (int id = 1; id <= size; ++id) {
-        lines.push_back("server." + std::to_string(id) + "=127.0.0.1:" + std::to_string(FreeLoopbackPort()) + ":" +
-                        std::to_string(FreeLoopbackPort()));
-    }
-    std::vector<std::unique_ptr<ZkServer>> servers;
-    for (int id = 1; id <= size; ++id) {
-        servers.push_back(std::make_unique<ZkServer>(lines));
-        std::ofstream(servers.back()->m_dir + "/data/myid") << id << '\n';
-    }
-    return servers;
-}
-
-inline void ZkServer::Start(std::chrono::seconds deadline) {
-    Launch();
-    const bool serving = PollUntil([this] {
-        if (::waitpid(m_pid, nullptr, WNOHANG) == m_pid) m_pid = -1;
-        return m_pid < 0 || !Mode().empty();
-    }, deadline, std::chrono::milliseconds(50));
-    if (serving && m_pid > 0) return;
-    Stop();
-    std::ostringstream log;
-    log << std::ifstream(m_dir + "/server.log").rdbuf();
-    throw std::runtime_error("ZooKeeper server did not start; its log:\n" + log.str());
-}
-
-inline void ZkServer::Launch() {
-    if (Running()) return;
-    // Everything the child needs is prepared before fork: between fork and
-    // exec only async-signal-safe calls are allowed.
-    const std::string cfg = m_dir + "/zoo.cfg";
-    const char* const argv[] = {"java", "-Xmx256m", "-XX:+UseSerialGC", "-XX:TieredStopAtLevel=1", "-cp", "/usr/share/java/zookeeper.jar",
-                                "org.apache.zookeeper.server.quorum.QuorumPeerMain", cfg.c_str(), nullptr};
-    const int logFd = ::open((m_dir + "/server.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    const pid_t parent = ::getpid();
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::setpgid(0, 0);
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (::getppid() != parent) ::_exit(126);
-        ::dup2(logFd, STDOUT_FILENO);
-        ::dup2(logFd, STDERR_FILENO);
-        ::execvp(argv[0], const_cast<char* const*>(argv));
-        ::_exit(127);
-    }
-    ::close(logFd);
-    if (pid < 0) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
-    ::setpgid(pid, pid);  // also from here, so that Stop never races the child's own call
-    m_pid = pid;
-}
-
-inline void ZkServer::Stop() {
-    if (!Running()) return;
-    ::kill(-m_pid, SIGKILL);
-    ::kill(m_pid, SIGKILL);
-    while (::waitpid(m_pid, nullptr, 0) < 0 && errno == EINTR) {
-    }
-    m_pid = -1;
-}
-
-inline void ZkServer::Pause() {
-    ::kill(-m_pid, SIGSTOP);
-    // The signal arrives asynchronously: a request sent right after kill()
-    // could still be answered. 'T' in a thread's stat line: stopped.
-    const auto allStopped = [this] {
-        std::error_code error;
-        for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(m_pid) + "/task", error)) {
-            std::string line;
-            std::getline(std::ifstream(task.path() / "stat"), line);
-            if (line.rfind(')') == std::string::npos || line.substr(line.rfind(')') + 2, 1) != "T") return false;
-        }
-        return !error;
-    };
-    if (!PollUntil(allStopped, std::chrono::seconds(10), std::chrono::milliseconds(1))) throw std::runtime_error("not stopped");
-}
-
-inline void ZkServer::Resume() { ::kill(-m_pid, SIGCONT); }
-
-inline std::string ZkServer::Mode() const {
-    const std::string answer = FourLetterWord(m_clientPort, "srvr");
-    const size_t at = answer.find("Mode: ");
-    return at == std::string::npos ? std::string() : answer.substr(at + 6, answer.find('\n', at) - at - 6);
-}
 
 }  // namespace testing
 }  // namespace jx
