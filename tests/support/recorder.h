@@ -1,8 +1,8 @@
 #pragma once
 
 // An observer of a ServiceWatcher that keeps the picture its reports add up
-// to, every report and the codes of the watcher's error handler, and a
-// watcher that reports to one, with waits that end at a deadline.
+// to, every report and the codes of the watcher's error handler; and a
+// watcher that reports to one, with a wait for agreement with the truth.
 
 #include <algorithm>
 #include <condition_variable>
@@ -14,14 +14,13 @@
 
 #include "ferrow/service_watcher.h"
 #include "tests/support/instances.h"
-#include "tests/support/support.h"
 
 namespace jx {
 namespace testing {
 
 // Reports arrive on the connection's delivery thread; every other member may
 // be called from any thread. Must be owned by a std::shared_ptr (for
-// ErrorHandler).
+// ErrorHandler, which holds it weakly).
 class Recorder : public ferrow::ServiceWatcherObserver, public std::enable_shared_from_this<Recorder> {
 public:
     enum class Kind { Added, Modified, Removed };
@@ -41,16 +40,14 @@ public:
     explicit Recorder(bool keepEvents = true) : m_keepEvents(keepEvents) {}
 
     void OnInstanceAdded(ferrow::ServiceWatcher&, const ferrow::ServiceId& id, const ferrow::ServiceInstanceData& record) override {
-        Record(Kind::Added, id, record);
+        Update([&](State& state) { Report(state, Kind::Added, id, &record); });
     }
     void OnInstanceModified(ferrow::ServiceWatcher&, const ferrow::ServiceId& id, const ferrow::ServiceInstanceData& record) override {
-        Record(Kind::Modified, id, record);
+        Update([&](State& state) { Report(state, Kind::Modified, id, &record); });
     }
     void OnInstanceRemoved(ferrow::ServiceWatcher&, const ferrow::ServiceId& id) override {
-        Record(Kind::Removed, id, ferrow::ServiceInstanceData());
+        Update([&](State& state) { Report(state, Kind::Removed, id, nullptr); });
     }
-
-    // A watcher error handler that records its codes; it holds this recorder weakly.
     ferrow::ZkErrorHandler ErrorHandler() {
         return [me = weak_from_this()](int code) {
             if (auto self = me.lock()) self->Update([code](State& state) { state.errors.push_back(code); });
@@ -66,14 +63,13 @@ public:
         std::unique_lock<std::mutex> lock(m_mtx);
         return m_cv.wait_for(lock, timeout, [&] { return holds(static_cast<const State&>(m_state)); });
     }
+
 private:
-    void Record(Kind kind, const ferrow::ServiceId& id, const ferrow::ServiceInstanceData& record) {
-        Update([&](State& state) {
-            if (kind == Kind::Removed) state.picture.erase(id);
-            else state.picture[id] = record;
-            if (m_keepEvents) state.events.push_back({kind, id, record});
-            ++state.reports;
-        });
+    void Report(State& state, Kind kind, const ferrow::ServiceId& id, const ferrow::ServiceInstanceData* record) {
+        if (record == nullptr) state.picture.erase(id);
+        else state.picture[id] = *record;
+        if (m_keepEvents) state.events.push_back({kind, id, record != nullptr ? *record : ferrow::ServiceInstanceData()});
+        ++state.reports;
     }
     template <typename F>
     void Update(F&& change) {
@@ -88,13 +84,15 @@ private:
     State m_state;
 };
 
-// A watcher of one service on `conn`, started, with a Recorder as its
-// observer and error handler. Destroyed watcher first, then the recorder.
+// A watcher of one service on `conn`, started unless `start` is false, with
+// a Recorder as its observer and error handler. Destroyed watcher first,
+// then the recorder.
+template <typename Conn = ferrow::ZooKeeperConnection>
 struct Watched {
-    Watched(std::shared_ptr<ferrow::ZooKeeperConnection> connection, const std::string& service, bool keepEvents = true)
+    Watched(std::shared_ptr<Conn> connection, const std::string& service, bool keepEvents = true, bool start = true)
         : conn(std::move(connection)), recorder(std::make_shared<Recorder>(keepEvents)), watcher(conn, service, recorder->ErrorHandler()) {
         watcher.RegisterShared(recorder);
-        watcher.Start();
+        if (start) watcher.Start();
     }
     // Polls until the reported picture and ListInstances both equal
     // `truth()`, which may throw while the servers do not answer. On success
@@ -121,7 +119,7 @@ struct Watched {
         return converged ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << why;
     }
 
-    std::shared_ptr<ferrow::ZooKeeperConnection> conn;
+    std::shared_ptr<Conn> conn;
     std::shared_ptr<Recorder> recorder;
     ferrow::ServiceWatcher watcher;
 };

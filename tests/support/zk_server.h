@@ -155,24 +155,6 @@ public:
         }
         m_pid = -1;
     }
-    // Freezes and thaws the process (SIGSTOP, SIGCONT): connections stay
-    // open, nothing is answered. Pause returns once every thread stopped
-    // ('T' in its stat line): the signal arrives asynchronously.
-    void Pause() {
-        ::kill(-m_pid, SIGSTOP);
-        const auto allStopped = [this] {
-            std::error_code error;
-            for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(m_pid) + "/task", error)) {
-                std::string line;
-                std::getline(std::ifstream(task.path() / "stat"), line);
-                if (line.rfind(')') == std::string::npos || line.substr(line.rfind(')') + 2, 1) != "T") return false;
-            }
-            return !error;
-        };
-        if (!PollUntil(allStopped, std::chrono::seconds(10), std::chrono::milliseconds(1))) throw std::runtime_error("not stopped");
-    }
-    void Resume() { ::kill(-m_pid, SIGCONT); }
-
     bool Running() const { return m_pid > 0; }
     // The role "srvr" reports ("leader", "follower", "standalone"); empty
     // when the server does not answer or serves no clients.
