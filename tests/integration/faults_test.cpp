@@ -6,10 +6,11 @@
 // the soak row (memory and descriptors flat through repeated faults) runs
 // only on request.
 
-#include <dirent.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <thread>
@@ -49,8 +50,10 @@ std::ostream& operator<<(std::ostream& out, const Row& row) { return out << row.
 // counted and the churn goes on after a short pause.
 class Churn {
 public:
-    Churn(const std::string& connect, const std::string& service, std::vector<ServiceId> live)
-        : m_writer(connect, service, milliseconds(4000)), m_live(std::move(live)) {}
+    Churn(const std::string& connect, const std::string& service, const testing::InstanceMap& live)
+        : m_writer(connect, service, milliseconds(4000)) {
+        for (const auto& entry : live) m_live.push_back(entry.first);
+    }
     ~Churn() { Stop(); }
     void Start() {
         m_stop = false;
@@ -121,16 +124,10 @@ size_t Leader(const Servers& servers) {
 }
 
 // Resident memory (KiB) and open descriptors of this process.
-std::pair<long, size_t> Usage() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line) && line.rfind("VmRSS:", 0) != 0) {
-    }
-    size_t fds = 0;
-    DIR* dir = ::opendir("/proc/self/fd");
-    while (::readdir(dir) != nullptr) ++fds;
-    ::closedir(dir);
-    return {std::stol(line.substr(6)), fds};
+std::pair<long, long> Usage() {
+    long size = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> size >> resident;
+    return {resident * (::sysconf(_SC_PAGESIZE) / 1024), std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {})};
 }
 
 class FaultTest : public ::testing::TestWithParam<Row> {
@@ -155,18 +152,16 @@ TEST_P(FaultTest, WatcherAgreesWithTheTruthAfterEachFault) {
     boost::uuids::random_generator generate;
     for (size_t i = 0; i < row.preloaded; ++i) preloaded.emplace(generate(), testing::MakeRecord(static_cast<int>(i)));
     truth.CreateAll(preloaded);
-    std::vector<ServiceId> ids;
-    for (const auto& entry : preloaded) ids.push_back(entry.first);
     const auto started = std::chrono::steady_clock::now();
     testing::Watched watched(testing::Connect(connect, row.session), row.name, row.cycles != 0);
     double taken = 0;
     ASSERT_TRUE(watched.Converges([&] { return preloaded; }, seconds(120), &taken));
     std::printf("[ watching  ] %zu instances in %.1f s\n", row.preloaded, taken);
 
-    Churn churn(connect, row.name, ids);
+    Churn churn(connect, row.name, preloaded);
     const char* soak = std::getenv("FERROW_SOAK_SECONDS");
     const auto until = started + seconds(soak != nullptr ? std::atol(soak) : 600);
-    std::vector<std::pair<long, size_t>> usage;  // after each cycle
+    std::vector<std::pair<long, long>> usage;  // after each cycle
     for (int cycle = 0; row.cycles == 0 ? std::chrono::steady_clock::now() < until : cycle < row.cycles; ++cycle) {
         churn.Start();
         ASSERT_TRUE(churn.AwaitProgress(40)) << "the publisher made no progress";

@@ -9,21 +9,13 @@ ferrow=$1 watch_service=$2 publish_instance=$3
 dir=$(mktemp -d) pids=() failures=0
 cleanup() { for pid in "${pids[@]}"; do kill -9 -- "-$pid" "$pid" 2>/dev/null; done; rm -rf "$dir"; }
 trap cleanup EXIT
-check() { # check WHAT ACTUAL EXPECTED
-  [ "$2" == "$3" ] || { echo "FAIL $1: expected [$3], got [$2]" >&2; failures=$((failures + 1)); }
-}
-free_port() {
-  local port
-  while port=$((20000 + RANDOM % 40000)); (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do :; done
-  echo "$port"
-}
-# line FILE N: waits up to a minute for line N of FILE and prints it.
-line() {
-  for _ in $(seq 600); do
-    [ "$(wc -l <"$1")" -ge "$2" ] && { sed -n "${2}p" "$1"; return; }
-    sleep 0.1
-  done
-}
+check() { [ "$2" == "$3" ] || { echo "FAIL $1: expected [$3], got [$2]" >&2; failures=$((failures + 1)); }; }  # WHAT ACTUAL EXPECTED
+# until_true COMMAND...: runs COMMAND every 0.1 s until it succeeds, for a minute at most.
+until_true() { for _ in $(seq 600); do "$@" && return; sleep 0.1; done; return 1; }
+free_port() { local p; while p=$((20000 + RANDOM % 40000)); (exec 3<>"/dev/tcp/127.0.0.1/$p") 2>/dev/null; do :; done; echo "$p"; }
+# line FILE N: waits for line N of FILE and prints it.
+has_lines() { [ "$(wc -l <"$1")" -ge "$2" ]; }
+line() { until_true has_lines "$1" "$2" && sed -n "${2}p" "$1"; }
 # exited PID: waits up to a minute for PID to end; its status is the exit code.
 exited() { timeout 60 tail --pid="$1" -f /dev/null; wait "$1"; }
 
@@ -33,10 +25,8 @@ printf 'tickTime=2000\ndataDir=%s/data\nclientPort=%s\nclientPortAddress=127.0.0
 setsid java -Xmx256m -cp /usr/share/java/zookeeper.jar org.apache.zookeeper.server.quorum.QuorumPeerMain "$dir/zoo.cfg" \
   >"$dir/server.log" 2>&1 &
 pids+=($!)
-for _ in $(seq 600); do
-  (exec 3<>"/dev/tcp/127.0.0.1/$port" && echo srvr >&3 && grep -q Mode <&3) 2>/dev/null && break
-  sleep 0.1
-done
+serving() { (exec 3<>"/dev/tcp/127.0.0.1/$port" && echo srvr >&3 && grep -q Mode <&3) 2>/dev/null; }
+until_true serving
 zk=127.0.0.1:$port
 
 # Register, watch, update, list, get and unregister one instance.
