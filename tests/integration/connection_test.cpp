@@ -73,9 +73,9 @@ TEST_F(ConnectionTest, WatchesFireOnceInOrderOnTheDeliveryThreadAndLeaveNoBookke
     Connection::WatchHandle handles[4];
     {
         std::lock_guard<std::mutex> lock(issuerMtx);
-        handles[0] = conn->AsyncGet(path, [&, raw = conn.get()](int type, int, String node) {
+        handles[0] = conn->AsyncGet(path, [&, weak = std::weak_ptr<ZooKeeperConnection>(conn)](int type, int, String node) {
             String data(16, '\0');
-            raw->Get(node, data, nullptr);  // a synchronous call on the delivery thread
+            if (auto self = weak.lock()) self->Get(node, data, nullptr);  // a synchronous call on the delivery thread
             record(type == ZOO_CHANGED_EVENT ? "changed " + data : "?");
         }, [&](int rc, String, const Stat*) { record("read " + std::to_string(rc)); }).second;
         handles[1] = conn->AsyncGetChildren(path, [&](int type, int, String) { record(type == ZOO_CHILD_EVENT ? "child" : "?"); },

@@ -32,16 +32,14 @@ class FakeConnection : public ferrow::Connection {
     }
 
 public:
-    enum class Kind { Children, Data };
     // Operations whose answer Fail can force.
     enum class Op { Issue, Exists, Create, Get };
     // One AsyncGetChildren or AsyncGet request.
     struct Request {
-        Kind kind;
         String path;
         std::shared_ptr<WatchContext> watch;
-        ChildrenResult childrenResult;  // set for Kind::Children
-        DataResult dataResult;          // set for Kind::Data
+        ChildrenResult childrenResult;  // set for AsyncGetChildren
+        DataResult dataResult;          // set for AsyncGet
     };
 
     FakeConnection() : m_thread([this] { Deliver(); }) {}
@@ -86,10 +84,10 @@ public:
 
     int State() const override { return Locked([&] { return m_state; }); }
     std::pair<int, WatchHandle> AsyncGetChildren(String path, WatchFunction watch, ChildrenResult result) const override {
-        return Record({Kind::Children, std::move(path), nullptr, std::move(result), nullptr}, std::move(watch));
+        return Record({std::move(path), nullptr, std::move(result), nullptr}, std::move(watch));
     }
     std::pair<int, WatchHandle> AsyncGet(String path, WatchFunction watch, DataResult result) const override {
-        return Record({Kind::Data, std::move(path), nullptr, nullptr, std::move(result)}, std::move(watch));
+        return Record({std::move(path), nullptr, nullptr, std::move(result)}, std::move(watch));
     }
     // Synchronous operations succeed unless Fail forced an answer; Get and
     // Exists find nothing; GetChildren, which the watcher never calls, fails.

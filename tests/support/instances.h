@@ -58,13 +58,21 @@ inline ferrow::ServiceInstanceData MakeRecord(int seed, size_t metadataBytes = 0
     return record;
 }
 
+// The bytes of an envelope around `payload` as stated, true or not: its
+// compression code (0 none, 1 zlib, others unknown) and, when given, the
+// inflated size it claims.
+inline String Envelope(const String& payload, int compression, std::optional<std::uint64_t> size = std::nullopt) {
+    messaging::ferrow::ZNodeData envelope;
+    envelope.set_data(payload);
+    envelope.set_data_compression(static_cast<messaging::ferrow::ZNodeData::Compression>(compression));
+    if (size) envelope.set_data_size(*size);
+    return envelope.SerializeAsString();
+}
+
 // The bytes of an instance node holding `record`.
 inline String MakeEnvelope(const ferrow::ServiceInstanceData& record, Encoding encoding) {
     if (encoding != Encoding::ZlibWithoutSize) return ferrow::EncodeInstanceData(record, encoding == Encoding::Zlib);
-    messaging::ferrow::ZNodeData envelope;
-    envelope.set_data(ferrow::zlib::Compress(record.SerializeAsString()));
-    envelope.set_data_compression(messaging::ferrow::ZNodeData::COMP_ZLIB);
-    return envelope.SerializeAsString();
+    return Envelope(ferrow::zlib::Compress(record.SerializeAsString()), messaging::ferrow::ZNodeData::COMP_ZLIB);
 }
 
 // Field-by-field equality (map fields compared as maps).
@@ -124,8 +132,9 @@ inline bool ExpireSession(const std::string& connect, const ferrow::ZooKeeperCon
         int state = 0;
     };
     const std::int64_t old = conn.SessionId();
+    const String password = conn.SessionPassword();
     clientid_t id{old, {}};
-    std::memcpy(id.passwd, conn.SessionPassword().data(), std::min(sizeof(id.passwd), conn.SessionPassword().size()));
+    std::memcpy(id.passwd, password.data(), std::min(sizeof(id.passwd), password.size()));
     const auto renewed = [&] { return conn.SessionId() != 0 && conn.SessionId() != old; };
     for (int attempt = 0; attempt < 20 && old != 0 && !renewed(); ++attempt) {
         Attach attach;

@@ -31,12 +31,13 @@ namespace testing {
 // A TCP socket bound (port 0) or connected to `port` on 127.0.0.1, or -1.
 inline int LoopbackSocket(int port) {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
     sockaddr_in addr{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
     const timeval timeout{2, 0};
     ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
     const auto* address = reinterpret_cast<const sockaddr*>(&addr);
-    if (fd >= 0 && (port == 0 ? ::bind(fd, address, sizeof(addr)) : ::connect(fd, address, sizeof(addr))) == 0) return fd;
-    if (fd >= 0) ::close(fd);
+    if ((port == 0 ? ::bind(fd, address, sizeof(addr)) : ::connect(fd, address, sizeof(addr))) == 0) return fd;
+    ::close(fd);
     return -1;
 }
 
