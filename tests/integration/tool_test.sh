@@ -10,14 +10,18 @@ dir=$(mktemp -d) pids=() failures=0
 cleanup() { for pid in "${pids[@]}"; do kill -9 -- "-$pid" "$pid" 2>/dev/null; done; rm -rf "$dir"; }
 trap cleanup EXIT
 check() { [ "$2" == "$3" ] || { echo "FAIL $1: expected [$3], got [$2]" >&2; failures=$((failures + 1)); }; }  # WHAT ACTUAL EXPECTED
-# until_true COMMAND...: runs COMMAND every 0.1 s until it succeeds, for a minute at most.
-until_true() { for _ in $(seq 600); do "$@" && return; sleep 0.1; done; return 1; }
-free_port() { local p; while p=$((20000 + RANDOM % 40000)); (exec 3<>"/dev/tcp/127.0.0.1/$p") 2>/dev/null; do :; done; echo "$p"; }
+# until_true COMMAND...: runs COMMAND every 0.1 s until it succeeds, for a
+# minute at most, and never past the script's own four-minute deadline.
+until_true() { for _ in $(seq 600); do "$@" && return; [ "$SECONDS" -lt 240 ] || return 1; sleep 0.1; done; return 1; }
+# A port below the kernel's ephemeral range, where other tests' servers and
+# every client connection take theirs, and free now.
+free_port() { local p; while p=$((10000 + RANDOM % 20000)); (exec 3<>"/dev/tcp/127.0.0.1/$p") 2>/dev/null; do :; done; echo "$p"; }
 # line FILE N: waits for line N of FILE and prints it.
 has_lines() { [ "$(wc -l <"$1")" -ge "$2" ]; }
 line() { until_true has_lines "$1" "$2" && sed -n "${2}p" "$1"; }
-# exited PID: waits up to a minute for PID to end; its status is the exit code.
-exited() { timeout 60 tail --pid="$1" -f /dev/null; wait "$1"; }
+# exited PID: waits up to a minute for PID to end, then kills it; its
+# status is the exit code (137 when killed).
+exited() { timeout 60 tail --pid="$1" -f /dev/null || kill -9 "$1" 2>/dev/null; wait "$1"; }
 
 port=$(free_port)
 printf 'tickTime=2000\ndataDir=%s/data\nclientPort=%s\nclientPortAddress=127.0.0.1\nadmin.enableServer=false\n4lw.commands.whitelist=*\n' \
@@ -26,12 +30,12 @@ setsid java -Xmx256m -cp /usr/share/java/zookeeper.jar org.apache.zookeeper.serv
   >"$dir/server.log" 2>&1 &
 pids+=($!)
 serving() { (exec 3<>"/dev/tcp/127.0.0.1/$port" && echo srvr >&3 && grep -q Mode <&3) 2>/dev/null; }
-until_true serving
+until_true serving || { echo "FAIL: the server did not start:" >&2; cat "$dir/server.log" >&2; exit 1; }
 zk=127.0.0.1:$port
 
 # Register, watch, update, list, get and unregister one instance.
 "$ferrow" --zk "$zk" watch tool --json >"$dir/watch" 2>"$dir/watch.err" & watch=$!
-"$ferrow" --zk "$zk" register tool --host 10.0.0.1 --port 8080 --zone eu-1 --meta env=prod --compress >"$dir/reg" & reg=$!
+"$ferrow" --zk "$zk" register tool --host 10.0.0.1 --port 8080 --zone eu-1 --meta env=prod --compress >"$dir/reg" 2>"$dir/reg.err" & reg=$!
 pids+=("$watch" "$reg")
 id=$(line "$dir/reg" 1)
 added=$(line "$dir/watch" 1)
@@ -50,7 +54,7 @@ kill -INT "$watch"
 exited "$watch"; check "watch ends on SIGINT" $? 0
 
 # Each failure: its exit code and one line on standard error, nothing on standard output.
-"$ferrow" --zk "$zk" register tool --host h --port 1 >"$dir/taken" & taken=$!
+"$ferrow" --zk "$zk" register tool --host h --port 1 >"$dir/taken" 2>/dev/null & taken=$!
 pids+=("$taken")
 taken_id=$(line "$dir/taken" 1) missing=0b5a2e8c-1d7f-4c3a-9e2b-5f6a7b8c9d0e unreachable=127.0.0.1:$(free_port)
 fails() { # fails CODE STDERR ARGS...: STDERR whole, or for code 2 a part of the usage text
@@ -75,10 +79,10 @@ fails 2 "'novalue' is not KEY=VALUE" "$ferrow" --zk "$zk" register tool --host h
 
 # The README's examples: watch_service prints what publish_instance does.
 mkfifo "$dir/stdin"
-"$watch_service" "$zk" example 3 60 >"$dir/example" & example=$!
+"$watch_service" "$zk" example 3 60 >"$dir/example" 2>/dev/null & example=$!
 pids+=("$example")
 check "watch_service starts" "$(line "$dir/example" 1)" "watching example"
-"$publish_instance" "$zk" example 10.1.2.3 8443 <"$dir/stdin" >"$dir/published" & publish=$!
+"$publish_instance" "$zk" example 10.1.2.3 8443 <"$dir/stdin" >"$dir/published" 2>/dev/null & publish=$!
 pids+=("$publish")
 exec 4>"$dir/stdin"
 id=$(line "$dir/published" 1)
