@@ -25,21 +25,6 @@ constexpr int kRearmCycles = 400, kFailedReads = 10000;
 constexpr int kRearmCycles = 1500, kFailedReads = 50000;
 #endif
 
-// Strings appended from any thread.
-struct Journal {
-    void Add(std::string item) {
-        std::lock_guard<std::mutex> lock(mtx);
-        items.push_back(std::move(item));
-    }
-    std::vector<std::string> Items() {
-        std::lock_guard<std::mutex> lock(mtx);
-        return items;
-    }
-    bool Has(size_t count) { return PollUntil([&] { return Items().size() >= count; }, kDeadline); }
-    std::mutex mtx;
-    std::vector<std::string> items;
-};
-
 // Once the result of a read issued now has been delivered, everything the
 // client produced before it has been too.
 void Flush(const Connection& conn) {
@@ -64,11 +49,15 @@ protected:
 
 TEST_F(ConnectionTest, WatchesFireOnceInOrderOnTheDeliveryThreadAndLeaveNoBookkeepingBehind) {
     const size_t baseline = conn->PendingWatchCount();
-    Journal journal;
-    std::mutex issuerMtx;  // held by the issuer across every request: no callback may run inside one
+    std::vector<std::string> journal;
+    std::mutex issuerMtx;  // guards journal; held by the issuer across every request: no callback may run inside one
     auto record = [&, issuer = std::this_thread::get_id()](std::string what) {
         std::lock_guard<std::mutex> lock(issuerMtx);
-        journal.Add(std::this_thread::get_id() == issuer ? "on the issuer" : what);
+        journal.push_back(std::this_thread::get_id() == issuer ? "on the issuer" : what);
+    };
+    auto items = [&] {
+        std::lock_guard<std::mutex> lock(issuerMtx);
+        return journal;
     };
     Connection::WatchHandle handles[4];
     {
@@ -90,11 +79,11 @@ TEST_F(ConnectionTest, WatchesFireOnceInOrderOnTheDeliveryThreadAndLeaveNoBookke
         ASSERT_EQ(ZOK, conn->Create(path + "/a", "", ZOO_OPEN_ACL_UNSAFE, 0));
         for (int i = 0; i < 3; ++i) conn->AsyncGet(path, nullptr, [&, i](int, String, const Stat*) { record(std::to_string(i)); });
     }
-    ASSERT_TRUE(journal.Has(9));
+    ASSERT_TRUE(PollUntil([&] { return items().size() >= 9; }, kDeadline));
     ASSERT_EQ(ZOK, conn->Set(path, "v2", -1, nullptr));
     ASSERT_EQ(ZOK, conn->Create(path + "/b", "", ZOO_OPEN_ACL_UNSAFE, 0));
     Flush(*conn);
-    EXPECT_EQ(journal.Items(), (std::vector<std::string>{"read 0", "list 0", "changed v1", "cancelled in the call", "completion",
+    EXPECT_EQ(items(), (std::vector<std::string>{"read 0", "list 0", "changed v1", "cancelled in the call", "completion",
                                                         "child", "0", "1", "2"}));
 
     // A watch re-armed from its own callback, many times; then reads of a

@@ -73,33 +73,25 @@ public:
 private:
     void Run() {
         for (int version = 0; !m_stop; ++version) {
+            const bool create = m_live.empty() || (m_live.size() < 60 && m_random() % 100 < 40);
+            if (create) m_live.push_back(m_generate());
+            std::swap(m_live[m_random() % m_live.size()], m_live.back());  // the instance written: the last
+            const auto encoding = static_cast<testing::Encoding>(m_random() % 3);
             const unsigned roll = m_random() % 100;
-            size_t index = m_live.empty() ? 0 : m_random() % m_live.size();
             try {
-                const auto encoding = static_cast<testing::Encoding>(m_random() % 3);
-                if (m_live.empty() || (m_live.size() < 60 && roll < 40)) {
-                    index = m_live.size();
-                    m_live.push_back(m_generate());
-                    m_writer.Create(m_live[index], testing::MakeRecord(version), encoding);
-                } else if (roll < 75) {
-                    m_writer.Set(m_live[index], testing::MakeRecord(version), encoding);
-                } else {
-                    m_writer.Remove(m_live[index]);
-                    Forget(index);
-                }
+                if (create) m_writer.Create(m_live.back(), testing::MakeRecord(version), encoding);
+                else if (roll < 60) m_writer.Set(m_live.back(), testing::MakeRecord(version), encoding);
+                else m_writer.Remove(m_live.back());
+                if (!create && roll >= 60) m_live.pop_back();
                 ++m_succeeded;
             } catch (const std::runtime_error&) {
                 // Whether the write took place is unknown: the instance is
                 // no longer churned, and the truth says whether it exists.
-                Forget(index);
+                m_live.pop_back();
                 ++m_failed;
                 std::this_thread::sleep_for(milliseconds(20));  // paces retries through an outage
             }
         }
-    }
-    void Forget(size_t index) {
-        m_live[index] = m_live.back();
-        m_live.pop_back();
     }
 
     testing::InstanceWriter m_writer;
@@ -192,6 +184,7 @@ TEST_P(FaultTest, WatcherAgreesWithTheTruthAfterEachFault) {
                     std::chrono::duration<double>(std::chrono::steady_clock::now() - healed).count(), state.picture.size(),
                     static_cast<unsigned long long>(churn.m_failed), state.reports, watched.conn->SessionId() == session ? "kept" : "replaced");
         EXPECT_TRUE(state.errors.empty()) << "the error handler was called, first with " << state.errors.front();
+        EXPECT_EQ(watched.conn->PendingWatchCount(), state.picture.size() + 1) << "the service and each instance, nothing left behind";
         usage.push_back(Usage());
     }
     // The soak: after a warm-up third of the run, resident memory and open

@@ -1,14 +1,12 @@
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ferrow/connection_v2.h"
@@ -18,11 +16,9 @@ namespace testing {
 
 // A scripted Connection for unit tests that need exact result codes and
 // orderings. Requests are recorded and answered only when the test says so:
-// FireChildren, FireData, FireWatch and SessionEvent queue a delivery that
-// runs on the double's own delivery thread, as on the real connection, and
-// Drain waits until everything queued has run. An exception escaping a
-// delivered callback is caught there and kept for Errors(). Thread-safe;
-// must be destroyed off its delivery thread.
+// FireChildren, FireData, FireWatch and SessionEvent run the callback at
+// once on the calling thread, with no lock of the double held, as the real
+// connection's delivery thread would run it. Thread-safe.
 class FakeConnection : public ferrow::Connection {
     // Runs `f` with m_mtx held and returns what it returns.
     template <typename F>
@@ -42,18 +38,11 @@ public:
         DataResult dataResult;          // set for AsyncGet
     };
 
-    FakeConnection() : m_thread([this] { Deliver(); }) {}
-    ~FakeConnection() override {
-        Enqueue(nullptr);  // the delivery thread's signal to stop
-        m_thread.join();
-    }
-
     void SetState(int state) { Locked([&] { m_state = state; }); }
     // Queues `rc` as the answer of the next operation `op` (for Op::Issue:
     // the code returned for issuing the next asynchronous request).
     void Fail(Op op, int rc) { Locked([&] { m_forced[op].push_back(rc); }); }
     std::vector<Request> Requests() const { return Locked([&] { return m_requests; }); }
-    std::vector<std::string> Errors() const { return Locked([&] { return m_errors; }); }
     // Runs `hook` on the registering thread right after every RegisterWeak,
     // so that a test can deliver events before the registrant's next step.
     void AfterRegisterWeak(std::function<void()> hook) { Locked([&] { m_afterRegisterWeak = std::move(hook); }); }
@@ -62,25 +51,20 @@ public:
         if (const auto hook = Locked([&] { return m_afterRegisterWeak; })) hook();
     }
 
-    // Queue deliveries for request `index` (0-based, in request order).
+    // Deliver to request `index` (0-based, in request order).
     void FireChildren(std::size_t index, int rc, std::vector<String> children) {
-        Enqueue([result = Requests().at(index).childrenResult, rc, children] { result(rc, children); });
+        Requests().at(index).childrenResult(rc, std::move(children));
     }
     void FireData(std::size_t index, int rc, String data) {
-        Enqueue([result = Requests().at(index).dataResult, rc, data, stat = Stat{}] { result(rc, data, &stat); });
+        const Stat stat{};
+        Requests().at(index).dataResult(rc, std::move(data), &stat);
     }
     void FireWatch(std::size_t index, int type) {
-        Enqueue([r = Requests().at(index), type] { InvokeWatch(*r.watch, type, ZOO_CONNECTED_STATE, r.path); });
+        const Request request = Requests().at(index);
+        InvokeWatch(*request.watch, type, ZOO_CONNECTED_STATE, request.path);
     }
-    // Queues a session event to the registered ConnectionObservers.
-    void SessionEvent(int state) {
-        Enqueue([this, state] { NotifyObservers(&ferrow::ConnectionObserver::OnSessionEvent, ZOO_SESSION_EVENT, state, String()); });
-    }
-    // Waits until every queued delivery has run; false after `timeout`.
-    bool Drain(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-        std::unique_lock<std::mutex> lock(m_mtx);
-        return m_cv.wait_for(lock, timeout, [this] { return m_queue.empty() && !m_delivering; });
-    }
+    // A session event to the registered ConnectionObservers.
+    void SessionEvent(int state) { NotifyObservers(&ferrow::ConnectionObserver::OnSessionEvent, ZOO_SESSION_EVENT, state, String()); }
 
     int State() const override { return Locked([&] { return m_state; }); }
     std::pair<int, WatchHandle> AsyncGetChildren(String path, WatchFunction watch, ChildrenResult result) const override {
@@ -89,13 +73,22 @@ public:
     std::pair<int, WatchHandle> AsyncGet(String path, WatchFunction watch, DataResult result) const override {
         return Record({std::move(path), nullptr, nullptr, std::move(result)}, std::move(watch));
     }
-    // Synchronous operations succeed unless Fail forced an answer; Get and
-    // Exists find nothing; GetChildren, which the watcher never calls, fails.
+    // Unless Fail forced an answer: Create and Exists know the paths created
+    // so far (never deleted, holding no data), Get finds nothing, Set and
+    // Delete succeed, and GetChildren, which the watcher never calls, fails.
     int Get(String, String&, Stat*) const override { return Locked([&] { return Forced(Op::Get, ZNONODE); }); }
-    int Create(String, const String&, const ACL_vector&, int) const override { return Locked([&] { return Forced(Op::Create); }); }
+    int Create(String path, const String&, const ACL_vector&, int) const override {
+        return Locked([&] {
+            const int rc = Forced(Op::Create, m_created.count(path) != 0 ? ZNODEEXISTS : ZOK);
+            if (rc == ZOK) m_created.insert(path);
+            return rc;
+        });
+    }
     int Set(String, const String&, int, Stat*) const override { return ZOK; }
     int Delete(String, int) const override { return ZOK; }
-    int Exists(String, Stat*) const override { return Locked([&] { return Forced(Op::Exists, ZNONODE); }); }
+    int Exists(String path, Stat*) const override {
+        return Locked([&] { return Forced(Op::Exists, m_created.count(path) != 0 ? ZOK : ZNONODE); });
+    }
     int GetChildren(String, std::vector<String>&) const override { return ZNOTHING; }
 
 private:
@@ -113,45 +106,13 @@ private:
             return std::make_pair(Forced(Op::Issue), MakeWatchHandle(request.watch));
         });
     }
-    void Enqueue(std::function<void()> delivery) {
-        Locked([&] { m_queue.push_back(std::move(delivery)); });
-        m_cv.notify_all();
-    }
-    // The delivery thread: runs each delivery with no lock held; an empty
-    // one ends it.
-    void Deliver() {
-        std::unique_lock<std::mutex> lock(m_mtx);
-        for (;;) {
-            m_cv.wait(lock, [this] { return !m_queue.empty(); });
-            std::function<void()> delivery = std::move(m_queue.front());
-            m_queue.pop_front();
-            if (!delivery) return;
-            m_delivering = true;
-            lock.unlock();
-            std::string error;
-            try {
-                delivery();
-            } catch (const std::exception& e) {
-                error = e.what();
-            }
-            delivery = nullptr;  // the callback's captures die before Drain can return
-            lock.lock();
-            if (!error.empty()) m_errors.push_back(error);
-            m_delivering = false;
-            m_cv.notify_all();
-        }
-    }
 
-    mutable std::mutex m_mtx;  // guards every member below except m_thread
-    std::condition_variable m_cv;
+    mutable std::mutex m_mtx;  // guards every member below
     int m_state = ZOO_CONNECTED_STATE;
     mutable std::map<Op, std::deque<int>> m_forced;
     mutable std::vector<Request> m_requests;
-    std::deque<std::function<void()>> m_queue;
-    bool m_delivering = false;
-    std::vector<std::string> m_errors;
+    mutable std::set<String> m_created;
     std::function<void()> m_afterRegisterWeak;
-    std::thread m_thread;
 };
 
 }  // namespace testing

@@ -6,7 +6,6 @@
 // expiry.
 
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -52,9 +51,7 @@ inline ferrow::ServiceInstanceData MakeRecord(int seed, size_t metadataBytes = 0
     record.set_weight(static_cast<uint32_t>(seed % 100 + 1));
     record.set_registered_at_ms(1700000000000ULL + static_cast<uint64_t>(seed));
     (*record.mutable_metadata())["seed"] = n;
-    std::string filler;
-    for (size_t i = 0; filler.size() < metadataBytes; ++i) filler += std::to_string(i * 7919 % 104729) + ',';
-    if (metadataBytes > 0) (*record.mutable_metadata())["filler"] = filler.substr(0, metadataBytes);
+    if (metadataBytes > 0) (*record.mutable_metadata())["filler"] = std::string(metadataBytes, 'f');
     return record;
 }
 
@@ -85,9 +82,7 @@ inline bool SameRecord(const ferrow::ServiceInstanceData& a, const ferrow::Servi
 inline ::testing::AssertionResult SameInstances(const InstanceMap& expected, const InstanceMap& actual) {
     std::ostringstream diff;
     for (const auto& [id, record] : expected) {
-        const auto it = actual.find(id);
-        if (it == actual.end()) diff << "\n missing " << id;
-        else if (!SameRecord(record, it->second)) diff << "\n differing " << id << ": {" << it->second.ShortDebugString() << '}';
+        if (actual.count(id) == 0 || !SameRecord(record, actual.at(id))) diff << "\n missing or differing " << id;
     }
     for (const auto& entry : actual) {
         if (expected.count(entry.first) == 0) diff << "\n unexpected " << entry.first;
@@ -126,29 +121,18 @@ inline std::optional<String> ReadNode(const ferrow::Connection& conn, const std:
 // attach refused as expired proves the session gone. False when `conn` has
 // no new session within about a minute.
 inline bool ExpireSession(const std::string& connect, const ferrow::ZooKeeperConnection& conn) {
-    struct Attach {  // the attaching client's last session state, set on its thread
-        std::mutex mtx;
-        std::condition_variable cv;
-        int state = 0;
-    };
     const std::int64_t old = conn.SessionId();
     const String password = conn.SessionPassword();
     clientid_t id{old, {}};
     std::memcpy(id.passwd, password.data(), std::min(sizeof(id.passwd), password.size()));
     const auto renewed = [&] { return conn.SessionId() != 0 && conn.SessionId() != old; };
     for (int attempt = 0; attempt < 20 && old != 0 && !renewed(); ++attempt) {
-        Attach attach;
-        zhandle_t* zh = zookeeper_init(connect.c_str(), [](zhandle_t*, int type, int state, const char*, void* context) {
-            auto* attach = static_cast<Attach*>(context);
-            std::lock_guard<std::mutex> lock(attach->mtx);
-            if (type == ZOO_SESSION_EVENT) attach->state = state;
-            attach->cv.notify_all();
-        }, 10000, &id, &attach, 0);
-        std::unique_lock<std::mutex> lock(attach.mtx);
-        attach.cv.wait_for(lock, std::chrono::seconds(10), [&] { return attach.state != 0 && attach.state != ZOO_CONNECTING_STATE; });
-        lock.unlock();
+        zhandle_t* zh = zookeeper_init(connect.c_str(), nullptr, 10000, &id, nullptr, 0);
+        PollUntil([zh] { return zoo_state(zh) == ZOO_CONNECTED_STATE || zoo_state(zh) == ZOO_EXPIRED_SESSION_STATE; },
+                  std::chrono::seconds(10));
+        const bool expired = zoo_state(zh) == ZOO_EXPIRED_SESSION_STATE;
         zookeeper_close(zh);  // closes the session it attached to
-        PollUntil(renewed, std::chrono::seconds(attach.state == ZOO_EXPIRED_SESSION_STATE ? 30 : 3));
+        PollUntil(renewed, std::chrono::seconds(expired ? 30 : 3));
     }
     return renewed();
 }

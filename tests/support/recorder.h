@@ -5,7 +5,6 @@
 // watcher that reports to one, with a wait for agreement with the truth.
 
 #include <algorithm>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -40,47 +39,38 @@ public:
     explicit Recorder(bool keepEvents = true) : m_keepEvents(keepEvents) {}
 
     void OnInstanceAdded(ferrow::ServiceWatcher&, const ferrow::ServiceId& id, const ferrow::ServiceInstanceData& record) override {
-        Update([&](State& state) { Report(state, Kind::Added, id, &record); });
+        Report(Kind::Added, id, &record);
     }
     void OnInstanceModified(ferrow::ServiceWatcher&, const ferrow::ServiceId& id, const ferrow::ServiceInstanceData& record) override {
-        Update([&](State& state) { Report(state, Kind::Modified, id, &record); });
+        Report(Kind::Modified, id, &record);
     }
     void OnInstanceRemoved(ferrow::ServiceWatcher&, const ferrow::ServiceId& id) override {
-        Update([&](State& state) { Report(state, Kind::Removed, id, nullptr); });
+        Report(Kind::Removed, id, nullptr);
     }
     ferrow::ZkErrorHandler ErrorHandler() {
         return [me = weak_from_this()](int code) {
-            if (auto self = me.lock()) self->Update([code](State& state) { state.errors.push_back(code); });
+            const auto self = me.lock();
+            if (!self) return;
+            std::lock_guard<std::mutex> lock(self->m_mtx);
+            self->m_state.errors.push_back(code);
         };
     }
     State Snapshot() const {
         std::lock_guard<std::mutex> lock(m_mtx);
         return m_state;
     }
-    // Waits until `holds(const State&)`; false if it still is not after `timeout`.
-    template <typename Predicate>
-    bool WaitUntil(Predicate holds, std::chrono::milliseconds timeout = std::chrono::seconds(60)) const {
-        std::unique_lock<std::mutex> lock(m_mtx);
-        return m_cv.wait_for(lock, timeout, [&] { return holds(static_cast<const State&>(m_state)); });
-    }
 
 private:
-    void Report(State& state, Kind kind, const ferrow::ServiceId& id, const ferrow::ServiceInstanceData* record) {
-        if (record == nullptr) state.picture.erase(id);
-        else state.picture[id] = *record;
-        if (m_keepEvents) state.events.push_back({kind, id, record != nullptr ? *record : ferrow::ServiceInstanceData()});
-        ++state.reports;
-    }
-    template <typename F>
-    void Update(F&& change) {
+    void Report(Kind kind, const ferrow::ServiceId& id, const ferrow::ServiceInstanceData* record) {
         std::lock_guard<std::mutex> lock(m_mtx);
-        change(m_state);
-        m_cv.notify_all();
+        if (record == nullptr) m_state.picture.erase(id);
+        else m_state.picture[id] = *record;
+        if (m_keepEvents) m_state.events.push_back({kind, id, record != nullptr ? *record : ferrow::ServiceInstanceData()});
+        ++m_state.reports;
     }
 
     const bool m_keepEvents;
     mutable std::mutex m_mtx;  // guards m_state
-    mutable std::condition_variable m_cv;
     State m_state;
 };
 

@@ -1,10 +1,7 @@
 // The foundations every other unit stands on: log records and their back
 // end, the observer registry, watch handles and the zlib wrapper.
 
-#include <unistd.h>
-
 #include <atomic>
-#include <cstdio>
 #include <regex>
 
 #include <gtest/gtest.h>
@@ -37,9 +34,7 @@ TEST(LogTest, RecordsReachTheHandlerOrStandardErrorWholeAndNeverVanish) {
 
     // A handler that throws loses no record (it goes to standard error);
     // one that logs does not deadlock (its own record goes there too).
-    std::FILE* file = std::tmpfile();
-    const int saved = ::dup(STDERR_FILENO);
-    ::dup2(::fileno(file), STDERR_FILENO);
+    ::testing::internal::CaptureStderr();
     LogHandler previous = SetLogHandler([](const LogRecord& r) {
         if (r.message == "throws") throw 7;
         JXLOG(JXLOG_WARNING, g_source) << "handler saw it";
@@ -47,12 +42,7 @@ TEST(LogTest, RecordsReachTheHandlerOrStandardErrorWholeAndNeverVanish) {
     JXLOG(JXLOG_INFO, g_source) << "throws";
     JXLOG(JXLOG_INFO, g_source) << "logs";
     SetLogHandler(previous);
-    ::dup2(saved, STDERR_FILENO);
-    ::close(saved);
-    std::rewind(file);
-    std::string text(4096, '\0');
-    text.resize(std::fread(text.data(), 1, text.size(), file));
-    std::fclose(file);
+    const std::string text = ::testing::internal::GetCapturedStderr();
     const std::string stamp = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z )";
     EXPECT_TRUE(std::regex_match(text, std::regex("ferrow: log handler threw; record follows\n" + stamp +
                                                   R"(INFO ferrow\.test foundation_test\.cpp:\d+ throws\n)" + stamp +
