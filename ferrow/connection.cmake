@@ -1,7 +1,9 @@
 add_library(ferrow_connection
   source/connection_v2.cpp
   source/delivery_queue.cpp
-  source/zookeeper_connection.cpp)
+  source/zookeeper_connection.cpp
+  source/connection_requests.cpp
+  source/watch_registry.cpp)
 add_library(ferrow::connection ALIAS ferrow_connection)
 target_include_directories(ferrow_connection PUBLIC
   $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>

@@ -31,6 +31,44 @@ protected:
     testing::InstanceWriter writer{s_server->ConnectString(), name};
 };
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int kCycles = 200;
+#else
+constexpr int kCycles = 1000;
+#endif
+
+// A process that follows services in turn on one connection: each destroyed
+// watcher's watches leave the connection, the client and the server, and
+// the watches a live watcher shares with it stay.
+TEST_F(WatcherTest, DestroyedWatchersLeaveNoWatchBehind) {
+    InstanceMap instances;
+    for (int i = 0; i < 50; ++i) instances.emplace(g_generate(), MakeRecord(i));
+    writer.CreateAll(instances);
+    const auto conn = testing::Connect(s_server->ConnectString());
+    const auto serverWatches = [] {
+        const std::string answer = testing::FourLetterWord(s_server->ClientPort(), "wchs");
+        const size_t at = answer.find("Total watches:");
+        return at == std::string::npos ? -1 : std::atol(answer.c_str() + at + 14);
+    };  // counts data watches only, not the service's child watch
+    // Without a live watcher, then with one that needs the service and its 50 instances.
+    for (const auto& [live, dataWatches] : {std::pair<size_t, long>{0, 0}, {51, 50}}) {
+        testing::Watched kept(conn, name, false, live != 0);
+        const auto start = std::chrono::steady_clock::now();
+        for (int cycle = 0; cycle < (live != 0 ? kCycles / 10 : kCycles); ++cycle) {
+            testing::Watched watched(conn, name, false);
+            ASSERT_TRUE(testing::PollUntil([&] { return watched.recorder->Snapshot().reports == 50; }, std::chrono::seconds(30),
+                                           std::chrono::milliseconds(1)));
+        }
+        const auto destroyed = std::chrono::steady_clock::now();
+        EXPECT_TRUE(testing::PollUntil([&] { return conn->PendingWatchCount() == live && serverWatches() == dataWatches; },
+                                       std::chrono::seconds(30)))
+            << conn->PendingWatchCount() << " watches in the connection, " << serverWatches() << " on the server";
+        std::printf("[ withdrawn ] %zu live watches: cycles took %.1f s, the withdrawal %.2f s more\n", live,
+                    std::chrono::duration<double>(destroyed - start).count(),
+                    std::chrono::duration<double>(std::chrono::steady_clock::now() - destroyed).count());
+    }
+}
+
 // Each hostile node ends as its decoding decides, and a well-formed instance
 // written after all of them still arrives.
 TEST_F(WatcherTest, HostileNodesAreReportedWholeOrLoggedOrSkippedAndNeverStopTheOthers) {

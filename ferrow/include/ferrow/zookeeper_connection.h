@@ -38,6 +38,15 @@
 // (ZOO_CHILD_EVENT), the others stay armed silently. These events follow the
 // connected session event, in the same session; nothing else is observable.
 //
+// Cancelled watches. Destroying (or cancelling) the handle of a watch that
+// has not fired withdraws it: the connection stops holding it, and the
+// session thread asks the client and, while connected, the server to forget
+// it (the server keeps one watch per node and kind for the whole session, so
+// it is asked only when no other watch of the session is on that node).
+// Neither the cancellation nor the destruction of a handle waits for this.
+// Moving a handle only releases the watch, which stays registered until its
+// one event.
+//
 // Destruction closes the session and joins every thread; no callback runs
 // after the destructor returns, and deliveries still queued are dropped.
 // When the last reference goes away on the delivery thread itself, the
@@ -106,8 +115,8 @@ public:
 
     // Watch bookkeeping records alive: one per watch the client may still
     // deliver or the connection will arm again, freed when its node event is
-    // delivered, its read fails or its session is closed. For diagnostics and
-    // tests.
+    // delivered, its read fails, its withdrawal after a cancellation is done
+    // or its session is closed. For diagnostics and tests.
     size_t PendingWatchCount() const;
 
     // Above this estimated size of the request that re-registers a session's
@@ -166,6 +175,17 @@ private:
     // while `allowed()` holds; records the outcome of each.
     template <typename Allowed>
     void Unregister(Session& session, const std::vector<WatchRecord*>& records, Allowed&& allowed);
+    // While connected: withdraws `records` (armed, cancelled or reported
+    // already, marked busy) from the client, and from the server for the
+    // last watch of a node; OnWithdrawn completes the server's part.
+    void Withdraw(Session& session, const std::vector<WatchRecord*>& records);
+    static void OnWithdrawn(int rc, const void* data);
+    // The handle given out for `record`, whose context is `ctx`: when the
+    // handle cancels the watch, WithdrawWatch runs.
+    WatchHandle HandleFor(const Session& session, WatchRecord* record, std::shared_ptr<WatchContext> ctx) const;
+    // On the thread that cancelled the context `ctx` of `record`, a record of
+    // session `generation`: drops the context and has the record withdrawn.
+    void WithdrawWatch(std::uint64_t generation, WatchRecord* record, const WatchContext* ctx);
     // Issues the read that arms `record` again; its completion compares the
     // node with the record.
     void Rearm(Session& session, WatchRecord* record);
@@ -200,7 +220,9 @@ private:
     static std::shared_ptr<WatchContext> Settle(Session& session, WatchRecord* record, int rc, std::int64_t zxid);
     static void OnRearmData(int rc, const char* value, int len, const Stat* stat, const void* data);
     static void OnRearmChildren(int rc, const String_vector* strings, const Stat* stat, const void* data);
-    // The re-arm read of `record` completed with `rc` and the node's `zxid`.
+    // The re-arm read of `record` completed (or was refused) with `rc` and
+    // the node's `zxid`. A refusal other than a lost connection is reported
+    // as a change of the node, so that its owner reads it again.
     static void FinishRearm(WatchRecord* record, int rc, std::int64_t zxid);
 
     const ConnectionOptions m_options;

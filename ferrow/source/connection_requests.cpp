@@ -1,0 +1,279 @@
+// Requests of a ZooKeeperConnection: synchronous calls and asynchronous reads
+// with the watches they register.
+
+#include "ferrow/zookeeper_connection.h"
+
+#include <utility>
+
+#include "connection_session.h"
+#include "delivery_queue.h"
+#include "ferrow/error.h"
+
+namespace jx {
+namespace ferrow {
+
+namespace details {
+
+// The state of one synchronous request, shared by the waiting caller and the
+// C client's completion (which owns a heap-held shared_ptr to it), so that a
+// completion arriving after the caller gave up touches no freed memory. The
+// completion fills the fields under m_mtx before setting m_done.
+struct SyncCall {
+    explicit SyncCall(size_t capacity = 0) : m_capacity(capacity) {}
+
+    std::mutex m_mtx;
+    std::condition_variable m_cv;
+    bool m_done = false;
+    int m_rc = ZOK;
+    const size_t m_capacity;  // Get only: the largest node accepted
+    Outstanding* m_outstanding = nullptr;  // of the session it was issued on
+    String m_data;
+    Stat m_stat{};
+    std::vector<String> m_children;
+};
+
+}  // namespace details
+
+namespace {
+
+using details::SyncCall;
+
+// Takes ownership of the context handed to a synchronous request's completion.
+std::unique_ptr<std::shared_ptr<SyncCall>> AdoptSync(const void* data) {
+    return std::unique_ptr<std::shared_ptr<SyncCall>>(
+        static_cast<std::shared_ptr<SyncCall>*>(const_cast<void*>(data)));
+}
+
+// Completes a synchronous request: `fill` runs under the call's lock, then
+// the waiter (if still waiting) is woken.
+template <typename Fill>
+void FinishSync(const void* data, int rc, Fill&& fill) {
+    std::unique_ptr<std::shared_ptr<SyncCall>> holder = AdoptSync(data);
+    SyncCall& call = **holder;
+    call.m_outstanding->Remove(data);
+    {
+        std::lock_guard<std::mutex> lock(call.m_mtx);
+        call.m_rc = rc;
+        if (rc == ZOK) fill(call);
+        call.m_done = true;
+    }
+    call.m_cv.notify_all();
+}
+
+void SyncVoidDone(int rc, const void* data) {
+    FinishSync(data, rc, [](SyncCall&) {});
+}
+
+void SyncStringDone(int rc, const char*, const void* data) {
+    FinishSync(data, rc, [](SyncCall&) {});
+}
+
+void SyncStatDone(int rc, const Stat* stat, const void* data) {
+    FinishSync(data, rc, [stat](SyncCall& call) {
+        if (stat) call.m_stat = *stat;
+    });
+}
+
+void SyncDataDone(int rc, const char* value, int len, const Stat* stat, const void* data) {
+    const size_t size = len > 0 ? static_cast<size_t>(len) : 0;
+    const size_t capacity = (*static_cast<const std::shared_ptr<SyncCall>*>(data))->m_capacity;
+    FinishSync(data, (rc == ZOK && size > capacity) ? ZBADARGUMENTS : rc, [&](SyncCall& call) {
+        call.m_data.assign(value != nullptr ? value : "", size);
+        if (stat) call.m_stat = *stat;
+    });
+}
+
+void SyncStringsDone(int rc, const String_vector* strings, const void* data) {
+    FinishSync(data, rc, [strings](SyncCall& call) {
+        if (strings == nullptr) return;
+        for (int i = 0; i < strings->count; ++i) call.m_children.emplace_back(strings->data[i]);
+    });
+}
+
+std::vector<String> ToNames(const String_vector* strings) {
+    std::vector<String> names;
+    if (strings == nullptr) return names;
+    names.reserve(static_cast<size_t>(strings->count));
+    for (int i = 0; i < strings->count; ++i) names.emplace_back(strings->data[i]);
+    return names;
+}
+
+// What one watch adds to the request that re-registers the watches after a
+
+}  // namespace
+
+// A request that dies with its session completes with ZCLOSING: its handle
+// is being closed. The expiry itself reaches the observers as a session
+// event, and a new session follows; the request is not the caller's error.
+int ZooKeeperConnection::ResultCode(int rc) { return rc == ZSESSIONEXPIRED ? ZCLOSING : rc; }
+
+void ZooKeeperConnection::OnClientData(int clientRc, const char* value, int len, const Stat* stat, const void* data) {
+    std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
+    Session& session = *request->m_session;
+    session.m_outstanding.Remove(data);
+    const int rc = ResultCode(clientRc);
+    std::shared_ptr<WatchContext> unused = Settle(session, request->m_record, rc, stat != nullptr ? stat->mzxid : 0);
+    String bytes = (rc == ZOK && value != nullptr && len > 0) ? String(value, static_cast<size_t>(len)) : String();
+    const bool hasStat = rc == ZOK && stat != nullptr;
+    const Stat copy = hasStat ? *stat : Stat{};
+    session.m_conn.m_queue->Push(
+        session.m_generation, true,
+        [result = std::move(request->m_onData), unused = std::move(unused), rc, bytes = std::move(bytes), hasStat, copy]() mutable {
+            result(rc, std::move(bytes), hasStat ? &copy : nullptr);
+        });
+}
+
+void ZooKeeperConnection::OnClientChildren(int clientRc, const String_vector* strings, const Stat* stat,
+                                           const void* data) {
+    std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
+    Session& session = *request->m_session;
+    session.m_outstanding.Remove(data);
+    const int rc = ResultCode(clientRc);
+    std::shared_ptr<WatchContext> unused = Settle(session, request->m_record, rc, stat != nullptr ? stat->pzxid : 0);
+    session.m_conn.m_queue->Push(
+        session.m_generation, true,
+        [result = std::move(request->m_onChildren), unused = std::move(unused), rc, names = ToNames(strings)]() mutable {
+            result(rc, std::move(names));
+        });
+}
+
+template <typename Issue>
+int ZooKeeperConnection::RunSync(const std::shared_ptr<SyncCall>& call, Issue&& issue) const {
+    auto context = std::make_unique<std::shared_ptr<SyncCall>>(call);
+    {
+        std::shared_lock<std::shared_mutex> lock(m_sessionMtx);
+        if (!m_session) return ZINVALIDSTATE;
+        details::Outstanding& outstanding = m_session->m_outstanding;
+        call->m_outstanding = &outstanding;
+        const void* raw = context.get();
+        outstanding.Add(raw, [](const void* context) { SyncVoidDone(ZCLOSING, context); });
+        const int rc = issue(m_session->m_zh, raw);
+        if (rc != ZOK) {  // the completion will never run
+            outstanding.Remove(raw);
+            return rc;
+        }
+    }
+    context.release();  // owned by the completion now
+    std::unique_lock<std::mutex> lock(call->m_mtx);
+    if (!call->m_cv.wait_for(lock, m_options.sessionTimeout, [&] { return call->m_done; })) {
+        return ZOPERATIONTIMEOUT;
+    }
+    return call->m_rc;
+}
+
+template <typename Issue>
+std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String path, bool child, WatchFunction watch,
+                                                                      std::unique_ptr<AsyncRequest> request,
+                                                                      Issue&& issue) const {
+    // An empty watch function sets no watch at all.
+    std::shared_ptr<WatchContext> ctx;
+    if (watch) ctx = std::make_shared<WatchContext>(*this, std::move(watch));
+    // Declared before the lock: a refused request's callbacks are destroyed
+    // after it is released.
+    std::unique_ptr<WatchRecord> refusedRecord;
+    std::shared_lock<std::shared_mutex> lock(m_sessionMtx);
+    if (!m_session) return {ZINVALIDSTATE, WatchHandle()};
+    Session& session = *m_session;
+    request->m_session = &session;
+    if (ctx) request->m_record = session.AddWatch(ctx, path, child);
+    WatchRecord* record = request->m_record;
+    AsyncRequest* raw = request.release();
+    session.m_outstanding.Add(raw, [](const void* context) {
+        if (static_cast<const AsyncRequest*>(context)->m_onChildren) {
+            OnClientChildren(ZCLOSING, nullptr, nullptr, context);
+        } else {
+            OnClientData(ZCLOSING, nullptr, 0, nullptr, context);
+        }
+    });
+    const int rc = issue(session.m_zh, path.c_str(), record, raw);
+    if (rc != ZOK) {
+        // Neither the watcher nor the completion will ever be called.
+        session.m_outstanding.Remove(raw);
+        request.reset(raw);
+        if (record) refusedRecord = session.TakeWatch(record);
+        return {rc, WatchHandle()};
+    }
+    return {ZOK, ctx ? HandleFor(session, record, std::move(ctx)) : WatchHandle()};
+}
+
+std::pair<int, Connection::WatchHandle> ZooKeeperConnection::AsyncGet(String path, WatchFunction watch,
+                                                                      DataResult result) const {
+    auto request = std::make_unique<AsyncRequest>();
+    request->m_onData = std::move(result);
+    return RunAsync(std::move(path), false, std::move(watch), std::move(request),
+                    [](zhandle_t* zh, const char* node, WatchRecord* record, AsyncRequest* context) {
+                        if (record == nullptr) return zoo_aget(zh, node, 0, &OnClientData, context);
+                        return zoo_awget(zh, node, &OnClientWatchEvent, record, &OnClientData, context);
+                    });
+}
+
+std::pair<int, Connection::WatchHandle> ZooKeeperConnection::AsyncGetChildren(String path, WatchFunction watch,
+                                                                              ChildrenResult result) const {
+    auto request = std::make_unique<AsyncRequest>();
+    request->m_onChildren = std::move(result);
+    return RunAsync(std::move(path), true, std::move(watch), std::move(request),
+                    [](zhandle_t* zh, const char* node, WatchRecord* record, AsyncRequest* context) {
+                        if (record == nullptr) return zoo_aget_children2(zh, node, 0, &OnClientChildren, context);
+                        return zoo_awget_children2(zh, node, &OnClientWatchEvent, record, &OnClientChildren,
+                                                   context);
+                    });
+}
+
+int ZooKeeperConnection::Get(String path, String& out, Stat* stat) const {
+    auto call = std::make_shared<SyncCall>(out.size());
+    const int rc = RunSync(call, [&](zhandle_t* zh, const void* ctx) {
+        return zoo_aget(zh, path.c_str(), 0, &SyncDataDone, ctx);
+    });
+    out.clear();
+    if (rc != ZOK) return rc;
+    out.swap(call->m_data);
+    if (stat) *stat = call->m_stat;
+    return ZOK;
+}
+
+int ZooKeeperConnection::Create(String path, const String& data, const ACL_vector& acl, int flags) const {
+    auto call = std::make_shared<SyncCall>();
+    return RunSync(call, [&](zhandle_t* zh, const void* ctx) {
+        return zoo_acreate(zh, path.c_str(), data.data(), static_cast<int>(data.size()), &acl, flags,
+                           &SyncStringDone, ctx);
+    });
+}
+
+int ZooKeeperConnection::Set(String path, const String& data, int version, Stat* stat) const {
+    auto call = std::make_shared<SyncCall>();
+    const int rc = RunSync(call, [&](zhandle_t* zh, const void* ctx) {
+        return zoo_aset(zh, path.c_str(), data.data(), static_cast<int>(data.size()), version, &SyncStatDone,
+                        ctx);
+    });
+    if (rc == ZOK && stat) *stat = call->m_stat;
+    return rc;
+}
+
+int ZooKeeperConnection::Delete(String path, int version) const {
+    auto call = std::make_shared<SyncCall>();
+    return RunSync(call, [&](zhandle_t* zh, const void* ctx) {
+        return zoo_adelete(zh, path.c_str(), version, &SyncVoidDone, ctx);
+    });
+}
+
+int ZooKeeperConnection::Exists(String path, Stat* stat) const {
+    auto call = std::make_shared<SyncCall>();
+    const int rc = RunSync(call, [&](zhandle_t* zh, const void* ctx) {
+        return zoo_aexists(zh, path.c_str(), 0, &SyncStatDone, ctx);
+    });
+    if (rc == ZOK && stat) *stat = call->m_stat;
+    return rc;
+}
+
+int ZooKeeperConnection::GetChildren(String path, std::vector<String>& children) const {
+    auto call = std::make_shared<SyncCall>();
+    const int rc = RunSync(call, [&](zhandle_t* zh, const void* ctx) {
+        return zoo_aget_children(zh, path.c_str(), 0, &SyncStringsDone, ctx);
+    });
+    children.clear();
+    if (rc == ZOK) children.swap(call->m_children);
+    return rc;
+}
+
+}  // namespace ferrow
+}  // namespace jx

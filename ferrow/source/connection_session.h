@@ -1,0 +1,133 @@
+#pragma once
+
+// The parts of a ZooKeeperConnection that its three source files share: one
+// client handle with its registry of watch records, and the completion
+// context of an asynchronous read. zookeeper_connection.cpp runs the
+// session's life, connection_requests.cpp the requests, watch_registry.cpp
+// the watches.
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+
+#include "ferrow/zookeeper_connection.h"
+
+namespace jx {
+namespace ferrow {
+namespace details {
+
+// Completion contexts that the client has accepted and not yet completed,
+// each with the function that completes it if the client never does:
+// zookeeper_close does not complete every request still queued. Once the
+// handle is closed no completion can run any more, so the leftovers are
+// completed from there. A plain function pointer: no allocation per request.
+class Outstanding {
+public:
+    using Abandon = void (*)(const void* context);
+
+    void Add(const void* context, Abandon abandon) {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        m_abandon.emplace(context, abandon);
+    }
+    // Called first by every completion.
+    void Remove(const void* context) {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        m_abandon.erase(context);
+    }
+    // Only once the handle is closed: completes every leftover context.
+    void AbandonAll() {
+        std::unordered_map<const void*, Abandon> left;
+        {
+            std::lock_guard<std::mutex> lock(m_mtx);
+            left.swap(m_abandon);
+        }
+        for (const auto& entry : left) entry.second(entry.first);
+    }
+
+private:
+    std::mutex m_mtx;
+    std::unordered_map<const void*, Abandon> m_abandon;  // guarded by m_mtx
+};
+
+}  // namespace details
+
+// One watch of a session. Owned by its session's registry; the client holds
+// its address as the watcher context while the watch is registered there.
+//
+// A record whose m_ctx is null is no longer wanted: its one event was
+// delivered (or reported by a re-arm), or its handle cancelled it. Once the
+// client holds it (kArmed), the session thread withdraws it from the client
+// and the server; in any other state the completion that settles it frees it.
+struct ZooKeeperConnection::WatchRecord {
+    enum class State {
+        kReading,    // the read that registers it is in flight
+        kArmed,      // the client holds the registration
+        kTakenOut,   // taken out of the client; armed again once connected
+        kRearming,   // the read that arms it again is in flight
+    };
+
+    WatchRecord(Session& session, std::shared_ptr<WatchContext> ctx, String path, bool child)
+        : m_session(session), m_path(std::move(path)), m_child(child), m_ctx(std::move(ctx)) {}
+
+    Session& m_session;
+    const String m_path;
+    const bool m_child;  // a child watch; a data watch otherwise
+
+    // The fields below are guarded by m_session.m_watchMtx.
+    // Moved out before the record is freed on a client thread, so that the
+    // context (and the user's function in it) is released on the delivery
+    // thread: it may hold the last reference to the connection.
+    std::shared_ptr<WatchContext> m_ctx;
+    State m_state = State::kReading;
+    // The node's mzxid (pzxid for a child watch) when the watch was armed.
+    std::int64_t m_zxid = 0;
+    // The session thread or a removal request in flight is taking the
+    // registration away; a firing meanwhile sets m_fired and leaves the
+    // freeing to whoever set m_busy.
+    bool m_busy = false;
+    bool m_fired = false;
+};
+
+// One client handle and the watch records registered through it. Outlives
+// the handle: it is destroyed only after zookeeper_close returned.
+struct ZooKeeperConnection::Session {
+    Session(ZooKeeperConnection& conn, std::uint64_t generation) : m_conn(conn), m_generation(generation) {}
+
+    // Adds a record in state kReading.
+    WatchRecord* AddWatch(std::shared_ptr<WatchContext> ctx, String path, bool child);
+    // Removes `record` from the registry and returns it (null if absent).
+    std::unique_ptr<WatchRecord> TakeWatch(WatchRecord* record);
+    // As TakeWatch; requires m_watchMtx held.
+    std::unique_ptr<WatchRecord> TakeWatchLocked(WatchRecord* record);
+    // How many records watch the node of `record` the same way (itself
+    // included); requires m_watchMtx held. The server keeps one watch per
+    // node and kind for all of them.
+    std::uint32_t SharersLocked(const WatchRecord& record) const;
+    // Moves every record out (the handle is closed; nothing can fire).
+    std::unordered_map<WatchRecord*, std::unique_ptr<WatchRecord>> TakeAll();
+
+    ZooKeeperConnection& m_conn;
+    const std::uint64_t m_generation;
+    zhandle_t* m_zh = nullptr;
+    std::mutex m_watchMtx;
+    std::unordered_map<WatchRecord*, std::unique_ptr<WatchRecord>> m_watches;  // guarded by m_watchMtx
+    // Records per watched node and kind, by a hash of both: a collision only
+    // makes a withdrawal stay local, leaving the server one watch until it
+    // fires.
+    std::unordered_map<std::size_t, std::uint32_t> m_sharers;  // guarded by m_watchMtx
+    size_t m_resetBytes = 0;  // guarded by m_watchMtx: estimate over m_watches
+    details::Outstanding m_outstanding;
+};
+
+// The completion context of an asynchronous read; exactly one of the two
+// results is set. m_record is null for a read that sets no watch.
+struct ZooKeeperConnection::AsyncRequest {
+    Session* m_session = nullptr;
+    WatchRecord* m_record = nullptr;
+    DataResult m_onData;
+    ChildrenResult m_onChildren;
+};
+
+}  // namespace ferrow
+}  // namespace jx

@@ -1,0 +1,357 @@
+// The watches of a ZooKeeperConnection: the registry of each session, the
+// withdrawal of cancelled watches, and the re-arming around reconnections.
+
+#include "ferrow/zookeeper_connection.h"
+
+#include <functional>
+#include <shared_mutex>
+#include <utility>
+
+#include "connection_session.h"
+#include "delivery_queue.h"
+#include "logger/logger.h"
+
+namespace jx {
+namespace ferrow {
+
+namespace {
+
+const logging::ConstSourcePtr g_log = logging::MakeSource("ferrow.connection");
+
+// What one watch adds to the request that re-registers the watches after a
+// reconnection: its path and the path's length field.
+size_t ResetRequestBytes(const String& path) { return path.size() + 4; }
+
+// The key of a watched node and kind in Session::m_sharers.
+std::size_t SharerKey(const String& path, bool child) { return std::hash<String>{}(path) * 2 + (child ? 1 : 0); }
+
+ZooWatcherType WatcherType(bool child) { return child ? ZWATCHTYPE_CHILD : ZWATCHTYPE_DATA; }
+
+// zoo_aremove_all_watches declares its completion as a pointer to a
+// completion function but stores and calls the pointer it is given as the
+// function itself.
+void_completion_t* AsDeclared(void_completion_t completion) { return reinterpret_cast<void_completion_t*>(completion); }
+
+}  // namespace
+
+ZooKeeperConnection::WatchRecord* ZooKeeperConnection::Session::AddWatch(std::shared_ptr<WatchContext> ctx, String path,
+                                                                         bool child) {
+    auto record = std::make_unique<WatchRecord>(*this, std::move(ctx), std::move(path), child);
+    WatchRecord* raw = record.get();
+    {
+        std::lock_guard<std::mutex> lock(m_watchMtx);
+        m_resetBytes += ResetRequestBytes(raw->m_path);
+        ++m_sharers[SharerKey(raw->m_path, raw->m_child)];
+        m_watches.emplace(raw, std::move(record));
+    }
+    ++m_conn.m_pendingWatches;
+    return raw;
+}
+
+std::unique_ptr<ZooKeeperConnection::WatchRecord> ZooKeeperConnection::Session::TakeWatch(WatchRecord* record) {
+    std::lock_guard<std::mutex> lock(m_watchMtx);
+    return TakeWatchLocked(record);
+}
+
+std::unique_ptr<ZooKeeperConnection::WatchRecord> ZooKeeperConnection::Session::TakeWatchLocked(WatchRecord* record) {
+    std::unique_ptr<WatchRecord> taken;
+    auto it = m_watches.find(record);
+    if (it == m_watches.end()) return taken;
+    taken = std::move(it->second);
+    m_watches.erase(it);
+    m_resetBytes -= ResetRequestBytes(taken->m_path);
+    const auto sharers = m_sharers.find(SharerKey(taken->m_path, taken->m_child));
+    if (--sharers->second == 0) m_sharers.erase(sharers);
+    --m_conn.m_pendingWatches;
+    return taken;
+}
+
+std::uint32_t ZooKeeperConnection::Session::SharersLocked(const WatchRecord& record) const {
+    const auto it = m_sharers.find(SharerKey(record.m_path, record.m_child));
+    return it == m_sharers.end() ? 0 : it->second;
+}
+
+std::unordered_map<ZooKeeperConnection::WatchRecord*, std::unique_ptr<ZooKeeperConnection::WatchRecord>>
+ZooKeeperConnection::Session::TakeAll() {
+    std::unordered_map<WatchRecord*, std::unique_ptr<WatchRecord>> all;
+    {
+        std::lock_guard<std::mutex> lock(m_watchMtx);
+        all.swap(m_watches);
+        m_sharers.clear();
+        m_resetBytes = 0;
+    }
+    m_conn.m_pendingWatches -= all.size();
+    return all;
+}
+
+Connection::WatchHandle ZooKeeperConnection::HandleFor(const Session& session, WatchRecord* record,
+                                                       std::shared_ptr<WatchContext> ctx) const {
+    // The handle's share of the context: when the handle lets go of a context
+    // it cancelled (a move only releases it, still valid), the record is
+    // withdrawn. Runs on whatever thread destroys the handle, never waits for
+    // a server, and does nothing once the connection is gone.
+    WatchContext* raw = ctx.get();
+    auto release = [ctx = std::move(ctx), self = m_self, generation = session.m_generation, record](WatchContext*) {
+        bool cancelled = false;
+        {
+            std::lock_guard<std::mutex> lock(ctx->m_mtx);
+            cancelled = !ctx->m_valid;
+        }
+        if (!cancelled) return;
+        if (const std::shared_ptr<ZooKeeperConnection> conn = self.lock()) conn->WithdrawWatch(generation, record, ctx.get());
+    };
+    return MakeWatchHandle(std::shared_ptr<WatchContext>(raw, std::move(release)));
+}
+
+void ZooKeeperConnection::WithdrawWatch(std::uint64_t generation, WatchRecord* record, const WatchContext* ctx) {
+    // Both released after the locks.
+    std::shared_ptr<WatchContext> dropped;
+    std::unique_ptr<WatchRecord> freed;
+    bool withdraw = false;
+    {
+        std::shared_lock<std::shared_mutex> sessionLock(m_sessionMtx);
+        // The records of a closed session were freed with it.
+        if (!m_session || m_session->m_generation != generation) return;
+        Session& session = *m_session;
+        std::lock_guard<std::mutex> lock(session.m_watchMtx);
+        // The address may be a newer record's by now; the context, which the
+        // caller still holds, cannot be. A record without it is done already.
+        if (session.m_watches.count(record) == 0 || record->m_ctx.get() != ctx) return;
+        dropped = std::move(record->m_ctx);
+        // The client holds an armed record: the session thread withdraws it.
+        // One in flight is settled by its read's completion; one taken out
+        // is not in the client at all.
+        withdraw = record->m_state == WatchRecord::State::kArmed && !record->m_busy;
+        if (record->m_state == WatchRecord::State::kTakenOut) freed = session.TakeWatchLocked(record);
+    }
+    if (withdraw) RequestMaintenance(generation);
+}
+
+void ZooKeeperConnection::MaintainWatches(Session& session) {
+    using State = WatchRecord::State;
+    // Between two connection attempts the client reports neither connecting
+    // nor connected.
+    auto reconnecting = [&session] {
+        const int state = zoo_state(session.m_zh);
+        return state != ZOO_CONNECTED_STATE && state != ZOO_EXPIRED_SESSION_STATE && state != ZOO_AUTH_FAILED_STATE;
+    };
+    const bool connected = zoo_state(session.m_zh) == ZOO_CONNECTED_STATE;
+    const bool disconnected = !connected && reconnecting();
+    std::vector<WatchRecord*> takeOut;
+    std::vector<WatchRecord*> rearm;
+    size_t bytes = 0;
+    {
+        std::lock_guard<std::mutex> lock(session.m_watchMtx);
+        bytes = session.m_resetBytes;
+        if (disconnected && bytes > kResetRequestLimit) {
+            for (auto& entry : session.m_watches) {
+                WatchRecord* record = entry.first;
+                if (record->m_state != State::kArmed || record->m_busy) continue;
+                record->m_busy = true;
+                takeOut.push_back(record);
+            }
+        } else if (connected) {
+            for (auto& entry : session.m_watches) {
+                WatchRecord* record = entry.first;
+                if (record->m_state == State::kTakenOut) {
+                    record->m_state = State::kRearming;
+                    rearm.push_back(record);
+                } else if (record->m_state == State::kArmed && !record->m_ctx && !record->m_busy) {
+                    // Cancelled, or reported by its re-arm already: withdrawn.
+                    record->m_busy = true;
+                    takeOut.push_back(record);
+                }
+            }
+        }
+    }
+    if (disconnected) {
+        if (takeOut.empty()) return;
+        JXLOG(logging::JXLOG_INFO, g_log) << "Connection lost while watching " << takeOut.size()
+                                          << " nodes (reset request of about " << bytes
+                                          << " bytes): the watches are armed again one by one after reconnecting";
+        // Stops as soon as the client reconnects: what it still holds then
+        // went out in its reset request.
+        Unregister(session, takeOut, reconnecting);
+        return;
+    }
+    for (WatchRecord* record : rearm) Rearm(session, record);
+    Withdraw(session, takeOut);
+}
+
+template <typename Allowed>
+void ZooKeeperConnection::Unregister(Session& session, const std::vector<WatchRecord*>& records, Allowed&& allowed) {
+    for (WatchRecord* record : records) {
+        // Local: while reconnecting the client drops its registration at once
+        // instead of failing; while connected it asks the server too.
+        const int rc = allowed() ? zoo_remove_watches(session.m_zh, record->m_path.c_str(),
+                                                      record->m_child ? ZWATCHTYPE_CHILD : ZWATCHTYPE_DATA,
+                                                      &OnClientWatchEvent, record, 1)
+                                 : ZINVALIDSTATE;
+        // Freed records hold no context: their event took it.
+        std::unique_ptr<WatchRecord> freed;
+        std::lock_guard<std::mutex> lock(session.m_watchMtx);
+        record->m_busy = false;
+        if (record->m_fired || ((rc == ZOK || rc == ZNOWATCHER) && !record->m_ctx)) {
+            freed = session.TakeWatchLocked(record);
+        } else if (rc == ZOK) {
+            record->m_state = WatchRecord::State::kTakenOut;
+        }
+    }
+}
+
+void ZooKeeperConnection::Withdraw(Session& session, const std::vector<WatchRecord*>& records) {
+    // The server keeps one watch per node and kind for every record of the
+    // session: only the last record of a node asks the server to drop it.
+    // Of several in this batch, the others go first, from the client alone.
+    std::unordered_map<std::size_t, WatchRecord*> lastOfNode;
+    std::vector<WatchRecord*> local;
+    for (WatchRecord* record : records) {
+        WatchRecord*& last = lastOfNode[SharerKey(record->m_path, record->m_child)];
+        if (last != nullptr) local.push_back(last);
+        last = record;
+    }
+    Unregister(session, local, [] { return true; });
+    local.clear();
+    {
+        // Issued under the lock, so that no read can register the node again
+        // between the count and the request: the server answers in order,
+        // and the client registers a read's watch only when its answer comes.
+        std::lock_guard<std::mutex> lock(session.m_watchMtx);
+        for (const auto& entry : lastOfNode) {
+            WatchRecord* record = entry.second;
+            const bool alone = session.SharersLocked(*record) == 1;
+            if (!alone || zoo_aremove_all_watches(session.m_zh, record->m_path.c_str(), WatcherType(record->m_child),
+                                                  0, AsDeclared(&OnWithdrawn), record) != ZOK) {
+                local.push_back(record);
+            }
+        }
+    }
+    Unregister(session, local, [] { return true; });
+}
+
+void ZooKeeperConnection::OnWithdrawn(int rc, const void* data) {
+    auto* record = static_cast<WatchRecord*>(const_cast<void*>(data));
+    Session& session = record->m_session;
+    std::unique_ptr<WatchRecord> freed;
+    std::lock_guard<std::mutex> lock(session.m_watchMtx);
+    record->m_busy = false;
+    if (rc == ZNOWATCHER) {
+        // The server held none (its event is on the way, or the watch was
+        // never set again after a reconnection): the client's own goes.
+        zoo_remove_watches(session.m_zh, record->m_path.c_str(), WatcherType(record->m_child), &OnClientWatchEvent,
+                           record, 1);
+    }
+    // Otherwise (the connection was lost meanwhile) it stays armed and
+    // unwanted, and is withdrawn at the next connected event.
+    if (rc == ZOK || rc == ZNOWATCHER || record->m_fired) freed = session.TakeWatchLocked(record);
+}
+
+void ZooKeeperConnection::Rearm(Session& session, WatchRecord* record) {
+    const char* path = record->m_path.c_str();
+    const int rc = record->m_child ? zoo_awget_children2(session.m_zh, path, &OnClientWatchEvent, record,
+                                                         &OnRearmChildren, record)
+                                   : zoo_awget(session.m_zh, path, &OnClientWatchEvent, record, &OnRearmData, record);
+    if (rc != ZOK) FinishRearm(record, rc, 0);  // not issued
+}
+
+void ZooKeeperConnection::OnRearmData(int rc, const char*, int, const Stat* stat, const void* data) {
+    FinishRearm(static_cast<WatchRecord*>(const_cast<void*>(data)), rc, stat != nullptr ? stat->mzxid : 0);
+}
+
+void ZooKeeperConnection::OnRearmChildren(int rc, const String_vector*, const Stat* stat, const void* data) {
+    FinishRearm(static_cast<WatchRecord*>(const_cast<void*>(data)), rc, stat != nullptr ? stat->pzxid : 0);
+}
+
+void ZooKeeperConnection::FinishRearm(WatchRecord* record, int rc, std::int64_t zxid) {
+    Session& session = record->m_session;
+    // Copied now: once the lock is released the session thread may free a
+    // record reported here.
+    String path = record->m_path;
+    int type = 0;
+    std::shared_ptr<WatchContext> watch;
+    std::unique_ptr<WatchRecord> freed;
+    bool unwanted = false;
+    {
+        std::lock_guard<std::mutex> lock(session.m_watchMtx);
+        if (rc == ZOK) {
+            record->m_state = WatchRecord::State::kArmed;
+            if (record->m_ctx && zxid > record->m_zxid) {
+                // Changed while not watched: reported now.
+                type = record->m_child ? ZOO_CHILD_EVENT : ZOO_CHANGED_EVENT;
+                watch = std::move(record->m_ctx);
+            }
+            // Reported now or cancelled meanwhile: the registration just made
+            // is withdrawn by the session thread.
+            unwanted = !record->m_ctx;
+        } else if (rc == ZCONNECTIONLOSS || rc == ZINVALIDSTATE || rc == ZCLOSING || rc == ZSESSIONEXPIRED) {
+            // Connection lost again or session ending: nothing was registered,
+            // and the next connected event arms it again.
+            record->m_state = WatchRecord::State::kTakenOut;
+            if (!record->m_ctx) freed = session.TakeWatchLocked(record);
+        } else {
+            // Gone, or refused (ZNOAUTH after an access list changed, ...)
+            // where a retry may fail forever: nothing was registered. Reported
+            // as a change, so that the owner reads the node again and meets
+            // the answer itself.
+            type = rc == ZNONODE ? ZOO_DELETED_EVENT : record->m_child ? ZOO_CHILD_EVENT : ZOO_CHANGED_EVENT;
+            watch = std::move(record->m_ctx);
+            freed = session.TakeWatchLocked(record);
+        }
+    }
+    if (unwanted) session.m_conn.RequestMaintenance(session.m_generation);
+    if (!watch) return;
+    session.m_conn.m_queue->Push(session.m_generation, false, [watch, type, path = std::move(path)] {
+        InvokeWatch(*watch, type, ZOO_CONNECTED_STATE, path);
+    });
+}
+
+void ZooKeeperConnection::OnClientWatchEvent(zhandle_t*, int type, int state, const char* path, void* ctx) {
+    // The client copies every session event to every registered watcher; the
+    // session watcher reports those once.
+    if (type == ZOO_SESSION_EVENT) return;
+    auto* record = static_cast<WatchRecord*>(ctx);
+    Session& session = record->m_session;
+    std::shared_ptr<WatchContext> watch;
+    std::unique_ptr<WatchRecord> freed;
+    {
+        std::lock_guard<std::mutex> lock(session.m_watchMtx);
+        watch = std::move(record->m_ctx);
+        if (record->m_busy) {
+            record->m_fired = true;
+        } else {
+            freed = session.TakeWatchLocked(record);
+        }
+    }
+    if (!watch) return;  // reported by its re-arm already
+    session.m_conn.m_queue->Push(session.m_generation, false,
+                                 [watch, type, state, text = String(path ? path : "")] {
+                                     InvokeWatch(*watch, type, state, text);
+                                 });
+}
+
+std::shared_ptr<Connection::WatchContext> ZooKeeperConnection::Settle(Session& session, WatchRecord* record, int rc,
+                                                                     std::int64_t zxid) {
+    std::shared_ptr<WatchContext> unused;
+    if (record == nullptr) return unused;
+    std::unique_ptr<WatchRecord> freed;
+    bool cancelled = false;
+    {
+        std::lock_guard<std::mutex> lock(session.m_watchMtx);
+        if (rc == ZOK) {
+            record->m_state = WatchRecord::State::kArmed;
+            record->m_zxid = zxid;
+            cancelled = !record->m_ctx;  // while its read was in flight
+        } else {
+            // The client registers the watch only when the read succeeds.
+            unused = std::move(record->m_ctx);
+            freed = session.TakeWatchLocked(record);
+        }
+    }
+    if (cancelled) session.m_conn.RequestMaintenance(session.m_generation);
+    return unused;
+}
+
+size_t ZooKeeperConnection::PendingWatchCount() const { return m_pendingWatches.load(); }
+
+}  // namespace ferrow
+}  // namespace jx
