@@ -22,14 +22,23 @@ std::shared_ptr<ServiceWatcherImpl> OwnImpl(std::unique_ptr<ServiceWatcherImpl> 
 }  // namespace
 
 ServiceWatcher::ServiceWatcher(std::shared_ptr<Connection> conn, const String& name, ZkErrorHandler zkErrorHandler)
-    : m_impl(OwnImpl(std::make_unique<ServiceWatcherImpl>(*this, std::move(conn), name, std::move(zkErrorHandler)),
+    : m_conn(conn),
+      m_impl(OwnImpl(std::make_unique<ServiceWatcherImpl>(*this, std::move(conn), name, std::move(zkErrorHandler)),
                      m_implReleased)) {}
 
 ServiceWatcher::~ServiceWatcher() {
-    // A callback running on the delivery thread shares ownership of the impl
-    // and may be about to pass *this to observers: wait until it lets go.
+    // From here on no observer or error handler of this watcher runs, and
+    // none is running on another thread.
+    m_impl->Close();
+    // The impl may still be held by a callback that was turned away, or by
+    // the connection while it notifies its observers of a session event.
+    // Elsewhere than on the delivery thread, that ends soon and is waited
+    // for, so that the watches are cancelled and the connection released
+    // when this returns. On the delivery thread the holder may be the
+    // caller's own caller: the impl goes when that lets go.
+    const bool wait = !m_conn->IsDeliveryThread();
     m_impl.reset();
-    m_implReleased.wait();
+    if (wait) m_implReleased.wait();
 }
 
 void ServiceWatcher::Start() { m_impl->Start(); }

@@ -1,5 +1,6 @@
 #include "service_watcher_impl.h"
 
+#include <cassert>
 #include <list>
 #include <utility>
 
@@ -31,6 +32,13 @@ ServiceWatcherImpl::ServiceWatcherImpl(ServiceWatcher& watcher, std::shared_ptr<
       m_zkErrorHandler(std::move(zkErrorHandler)) {}
 
 ServiceWatcherImpl::~ServiceWatcherImpl() { m_conn->UnregisterRaw(static_cast<const ConnectionObserver*>(this)); }
+
+void ServiceWatcherImpl::Close() {
+    if (m_gate.Close()) return;
+    JXLOG(logging::JXLOG_CRITICAL, g_log) << "Watcher of " << m_path << " destroyed from inside its own observer or "
+                                             "error handler: the observers after it receive a destroyed watcher";
+    assert(!"a ServiceWatcher must not be destroyed from inside its own callbacks");
+}
 
 void ServiceWatcherImpl::Start() {
     std::lock_guard<std::mutex> lock(m_mtx);
@@ -77,10 +85,12 @@ void ServiceWatcherImpl::WatchService() {
     JXLOG(logging::JXLOG_DEBUG, g_log) << "Watching service " << m_path;
     const std::weak_ptr<ServiceWatcherImpl> me = shared_from_this();
     auto watchcbk = [me](int e, int s, String) {
-        if (std::shared_ptr<ServiceWatcherImpl> self = me.lock()) self->ServiceWatchCallback(e, s);
+        const std::shared_ptr<ServiceWatcherImpl> self = me.lock();
+        if (const CallbackGate::Pass pass = Admit(self)) self->ServiceWatchCallback(e, s);
     };
     auto resultcbk = [me](int res, std::vector<String> children) {
-        if (std::shared_ptr<ServiceWatcherImpl> self = me.lock()) self->ServiceResultCallback(res, std::move(children));
+        const std::shared_ptr<ServiceWatcherImpl> self = me.lock();
+        if (const CallbackGate::Pass pass = Admit(self)) self->ServiceResultCallback(res, std::move(children));
     };
     std::pair<int, Connection::WatchHandle> result =
         m_conn->AsyncGetChildren(m_path, std::move(watchcbk), std::move(resultcbk));
@@ -136,10 +146,12 @@ void ServiceWatcherImpl::WatchInstance(const ServiceId& id) {
     JXLOG(logging::JXLOG_DEBUG, g_log) << "Watching instance " << m_path << "/" << id;
     const std::weak_ptr<ServiceWatcherImpl> me = shared_from_this();
     auto watchcbk = [me, id](int e, int s, String) {
-        if (std::shared_ptr<ServiceWatcherImpl> self = me.lock()) self->InstanceWatchCallback(e, s, id);
+        const std::shared_ptr<ServiceWatcherImpl> self = me.lock();
+        if (const CallbackGate::Pass pass = Admit(self)) self->InstanceWatchCallback(e, s, id);
     };
     auto resultcbk = [me, id](int r, String data, const Stat*) {
-        if (std::shared_ptr<ServiceWatcherImpl> self = me.lock()) self->InstanceResultCallback(r, std::move(data), id);
+        const std::shared_ptr<ServiceWatcherImpl> self = me.lock();
+        if (const CallbackGate::Pass pass = Admit(self)) self->InstanceResultCallback(r, std::move(data), id);
     };
     const String path = m_path + "/" + boost::uuids::to_string(id);
     std::pair<int, Connection::WatchHandle> result = m_conn->AsyncGet(path, std::move(watchcbk), std::move(resultcbk));
@@ -216,7 +228,8 @@ void ServiceWatcherImpl::InstanceResultCallback(int rc, String data, const Servi
 }
 
 void ServiceWatcherImpl::OnSessionEvent(int type, int state, String) {
-    if (type != ZOO_SESSION_EVENT) return;
+    const CallbackGate::Pass pass = m_gate.Enter();
+    if (!pass || type != ZOO_SESSION_EVENT) return;
     if (state == ZOO_CONNECTED_STATE) {
         // Held for the whole sequence: no callback of this watcher interleaves.
         std::lock_guard<std::mutex> lock(m_mtx);

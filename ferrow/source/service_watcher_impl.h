@@ -6,6 +6,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "callback_gate.h"
 #include "ferrow/connection_v2.h"
 #include "ferrow/service_watcher_observer.h"
 #include "utility/observable_impl.h"
@@ -40,6 +41,13 @@ public:
     // watch while the connection is still held.
     virtual ~ServiceWatcherImpl();
 
+    // Called by the owner before it goes: every callback from the connection
+    // is turned away from now on, so no observer or error handler runs with
+    // the owner any more, and those running on other threads are waited for.
+    // Called from inside one of this watcher's own callbacks, the callback is
+    // not waited for: that is logged at JXLOG_CRITICAL and asserted against.
+    void Close();
+
     // Registers weakly for session events and runs the start-up now if the
     // session is connected, else on the next connected session event. Each
     // call registers again.
@@ -70,7 +78,13 @@ private:
     // Takes m_mtx itself (twice on expiry, notifying in between); connection thread.
     void OnSessionEvent(int type, int state, String path) override;
 
+    // Lets in a callback that found the watcher alive and not closed.
+    static CallbackGate::Pass Admit(const std::shared_ptr<ServiceWatcherImpl>& self) {
+        return self ? self->m_gate.Enter() : CallbackGate::Pass();
+    }
+
     ServiceWatcher& m_watcher;
+    CallbackGate m_gate;  // passed by every connection callback
     mutable std::mutex m_mtx;
     std::shared_ptr<Connection> m_conn;                                         // fixed after construction
     Connection::WatchHandle m_serviceWatchHandle;                               // guarded by m_mtx

@@ -237,6 +237,8 @@ bool ZooKeeperConnection::WaitConnected(std::chrono::milliseconds deadline) cons
     return m_stateCv.wait_for(lock, deadline, [this] { return State() == ZOO_CONNECTED_STATE; });
 }
 
+bool ZooKeeperConnection::IsDeliveryThread() const { return m_deliveryThread.get_id() == std::this_thread::get_id(); }
+
 int ZooKeeperConnection::State() const {
     std::shared_lock<std::shared_mutex> lock(m_sessionMtx);
     return m_session ? zoo_state(m_session->m_zh) : ZOO_EXPIRED_SESSION_STATE;

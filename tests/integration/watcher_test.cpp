@@ -1,5 +1,5 @@
 // The service watcher and the registration over the real connection against
-// a real server: hostile nodes, and publishing. Every encoding, expiries and
+// a real server: the lifetime of watchers, hostile nodes, and publishing. Every encoding, expiries and
 // the watch bookkeeping they leave are the fault runner's rows.
 
 #include <boost/algorithm/string/case_conv.hpp>
@@ -67,6 +67,71 @@ TEST_F(WatcherTest, DestroyedWatchersLeaveNoWatchBehind) {
                     std::chrono::duration<double>(destroyed - start).count(),
                     std::chrono::duration<double>(std::chrono::steady_clock::now() - destroyed).count());
     }
+}
+
+// Observers that call the watcher back while another thread destroys it get
+// answers, and none runs once the destructor has returned.
+TEST_F(WatcherTest, DestructionOnAnotherThreadWaitsForObserversCallingBack) {
+    for (int i = 0; i < 5; ++i) writer.Create(g_generate(), MakeRecord(i));
+    struct CallsBack : ServiceWatcherObserver {
+        void OnInstanceAdded(ServiceWatcher& watcher, const ServiceId& id, const ServiceInstanceData&) override {
+            late += destroyed.load();
+            ++calls;
+            ServiceInstanceData record;
+            answers += !watcher.ListInstances().empty() && watcher.GetInstanceData(id, record);
+        }
+        void OnInstanceModified(ServiceWatcher&, const ServiceId&, const ServiceInstanceData&) override {}
+        void OnInstanceRemoved(ServiceWatcher&, const ServiceId&) override {}
+        std::atomic<int> calls{0}, answers{0}, late{0};
+        std::atomic<bool> destroyed{false};
+    };
+    const auto conn = testing::Connect(s_server->ConnectString());
+    const auto observer = std::make_shared<CallsBack>();
+    for (int round = 0; round < kCycles / 4; ++round) {
+        auto watcher = std::make_unique<ServiceWatcher>(conn, name, [](int) {});
+        watcher->RegisterShared(observer);
+        observer->destroyed = false;
+        const int before = observer->calls;
+        watcher->Start();
+        ASSERT_TRUE(testing::PollUntil([&] { return observer->calls > before; }, std::chrono::seconds(30), std::chrono::milliseconds(0)));
+        watcher.reset();
+        observer->destroyed = true;
+    }
+    EXPECT_EQ(observer->late, 0);
+    EXPECT_EQ(observer->answers, observer->calls);
+}
+
+// A watcher destroyed from a callback of another on the delivery thread:
+// from another watcher's observer and from a session observer, both while
+// the connection notifies the expiry to the watchers being destroyed.
+TEST_F(WatcherTest, DestructionFromAnotherCallbackOnTheDeliveryThread) {
+    writer.Create(g_generate(), MakeRecord(1));
+    const auto conn = testing::Connect(s_server->ConnectString());
+    testing::Watched a(conn, name);
+    auto b = std::make_unique<testing::Watched<>>(conn, name);
+    struct OnExpiry : ConnectionObserver, testing::Recorder {
+        explicit OnExpiry(std::function<void()> act) : act(std::move(act)) {}
+        void OnSessionEvent(int, int state, String) override {
+            if (state == ZOO_EXPIRED_SESSION_STATE) act();
+        }
+        void OnInstanceRemoved(ServiceWatcher&, const ServiceId&) override { act(); }
+        const std::function<void()> act;
+    };
+    std::unique_ptr<testing::Watched<>> c;
+    std::shared_ptr<testing::Recorder> bReports = b->recorder, cReports;
+    size_t bSeen = 0, cSeen = 0;
+    a.watcher.RegisterShared(std::make_shared<OnExpiry>([&] { b.reset(), bSeen = bReports->Snapshot().reports; }));
+    const auto sessionObserver = std::make_shared<OnExpiry>([&] { c.reset(), cSeen = cReports->Snapshot().reports; });
+    conn->RegisterShared(sessionObserver);
+    c = std::make_unique<testing::Watched<>>(conn, name);  // notified after the session observer
+    cReports = c->recorder;
+    for (const auto* watched : {&a, b.get(), c.get()}) ASSERT_TRUE(watched->Converges([&] { return writer.ReadTruth(); }));
+    ASSERT_TRUE(testing::ExpireSession(s_server->ConnectString(), *conn));
+    ASSERT_TRUE(a.Converges([&] { return writer.ReadTruth(); })) << "delivery went on";
+    EXPECT_TRUE(!b && !c);
+    EXPECT_EQ(bReports->Snapshot().reports, bSeen);
+    EXPECT_EQ(cReports->Snapshot().reports, cSeen);
+    conn->UnregisterShared(sessionObserver);
 }
 
 // Each hostile node ends as its decoding decides, and a well-formed instance

@@ -88,6 +88,12 @@ public:
     // The client's current session state (ZOO_CONNECTED_STATE, ...).
     virtual int State() const = 0;
 
+    // Whether the calling thread is the one that runs this connection's
+    // callbacks: what it holds now can only be let go after the running
+    // callback returns, so it must never wait for that. False where the
+    // implementation cannot tell.
+    virtual bool IsDeliveryThread() const { return false; }
+
     // Reads a node. The incoming size of `out` is the read capacity: a node
     // larger than that leaves `out` empty and returns ZBADARGUMENTS, never a
     // cut record. On ZOK `out` holds exactly the node's bytes.

@@ -37,9 +37,19 @@ public:
     // throws std::bad_function_call out of the operation that met the error).
     ServiceWatcher(std::shared_ptr<Connection> conn, const String& name, ZkErrorHandler zkErrorHandler);
 
-    // Stops every watch. Waits until no callback of this watcher is running
-    // on the delivery thread, so it must not be destroyed from inside one of
-    // its own observers or its error handler.
+    // Stops every watch. Once it returns, no observer or error handler of
+    // this watcher runs. It may be called on any thread, including the
+    // connection's delivery thread from inside any callback other than this
+    // watcher's own: from an observer of another watcher, of a registration
+    // or of the session. Elsewhere than on the delivery thread it waits until
+    // a callback of this watcher running there has returned (observers may
+    // call the watcher meanwhile and get answers), and until every watch is
+    // cancelled; on the delivery thread the cancellation follows as soon as
+    // the running callback returns. Must not be called from inside one of
+    // this watcher's own observers or its error handler, nor while holding a
+    // lock they take: the former is logged at JXLOG_CRITICAL (and asserted
+    // against in debug builds), since the observers after the caller would
+    // receive a destroyed watcher.
     ~ServiceWatcher() override;
 
     // Observers receive this object by reference: it cannot move or be copied.
@@ -74,7 +84,10 @@ private:
     // Ready once the impl is destroyed, on whichever thread let it go last.
     // Declared first: m_impl's construction sets it.
     std::future<void> m_implReleased;
+    // The impl's connection, asked on which thread the destructor runs.
+    const std::shared_ptr<Connection> m_conn;
     // Holds a reference to this object; shared with callbacks in progress.
+    // Written only by the destructor, once no callback can read it.
     std::shared_ptr<ServiceWatcherImpl> m_impl;
 };
 

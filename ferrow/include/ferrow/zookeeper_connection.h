@@ -127,6 +127,7 @@ public:
 
     // Connection. ZOO_EXPIRED_SESSION_STATE while no session exists.
     int State() const override;
+    bool IsDeliveryThread() const override;
     int Get(String path, String& out, Stat* stat) const override;
     std::pair<int, WatchHandle> AsyncGetChildren(String path, WatchFunction watch,
                                                  ChildrenResult result) const override;
