@@ -1,5 +1,6 @@
-// A watcher following churning instances through real faults. One runner
-// for every scenario: a publisher churns, an independent client reads the
+// A watcher following churning instances through real faults: servers
+// killed, restarted and partitioned away, sessions expired. One runner for
+// every scenario: a publisher churns, an independent client reads the
 // truth, and after each fault the watcher's picture and ListInstances must
 // equal that truth within a bound; each fault is a row of parameters. The
 // scale rows (thousands of instances through a restart) are labelled heavy;
@@ -31,7 +32,11 @@ using std::chrono::seconds;
 using Servers = std::vector<std::unique_ptr<testing::ZkServer>>;
 constexpr seconds kConvergenceBound{20};  // after the fault healed
 
-enum class Fault { KillLeader, KillFollower, LoseQuorum, Expire, Restart, RestartOrExpire };
+// The relay faults act on the watcher's path alone: it reaches each server
+// through a relay, while the publisher and the reader of the truth do not.
+enum class Fault { KillLeader, KillFollower, LoseQuorum, Expire, Restart, RestartOrExpire, Blackhole, BlackholeItsServer, ResetRelay };
+// What must become of the watcher's session through each fault.
+enum class Outcome { Any, Kept, Replaced };
 
 struct Row {
     const char* name;
@@ -41,6 +46,7 @@ struct Row {
     milliseconds session;  // the watcher's session timeout
     milliseconds outage;   // how long the stopped servers stay away
     int cycles;            // faults in a row; 0: until FERROW_SOAK_SECONDS (600) pass
+    Outcome outcome = Outcome::Any;
 };
 std::ostream& operator<<(std::ostream& out, const Row& row) { return out << row.name; }
 
@@ -74,8 +80,9 @@ private:
     void Run() {
         for (int version = 0; !m_stop; ++version) {
             const bool create = m_live.empty() || (m_live.size() < 60 && m_random() % 100 < 40);
+            // The instance written is the last: a new one, or one drawn at random.
             if (create) m_live.push_back(m_generate());
-            std::swap(m_live[m_random() % m_live.size()], m_live.back());  // the instance written: the last
+            else std::swap(m_live[m_random() % m_live.size()], m_live.back());
             const auto encoding = static_cast<testing::Encoding>(m_random() % 3);
             const unsigned roll = m_random() % 100;
             try {
@@ -115,6 +122,17 @@ size_t Leader(const Servers& servers) {
     return leader;
 }
 
+// The index of a member other than `skip` that serves `session`, by its
+// "cons" listing; servers.size() when none does.
+size_t Holder(const Servers& servers, std::int64_t session, size_t skip) {
+    char sid[32];
+    std::snprintf(sid, sizeof sid, "sid=0x%llx,", static_cast<unsigned long long>(session));
+    for (size_t i = 0; i < servers.size(); ++i) {
+        if (i != skip && testing::FourLetterWord(servers[i]->ClientPort(), "cons").find(sid) != std::string::npos) return i;
+    }
+    return servers.size();
+}
+
 // Resident memory (KiB) and open descriptors of this process.
 std::pair<long, long> Usage() {
     long size = 0, resident = 0;
@@ -145,7 +163,13 @@ TEST_P(FaultTest, WatcherAgreesWithTheTruthAfterEachFault) {
     for (size_t i = 0; i < row.preloaded; ++i) preloaded.emplace(generate(), testing::MakeRecord(static_cast<int>(i)));
     truth.CreateAll(preloaded);
     const auto started = std::chrono::steady_clock::now();
-    testing::Watched watched(testing::Connect(connect, row.session), row.name, row.cycles != 0);
+    std::vector<std::unique_ptr<testing::Relay>> relays;
+    std::string relayed;
+    for (size_t i = 0; row.fault >= Fault::Blackhole && i < servers.size(); ++i) {
+        relays.push_back(std::make_unique<testing::Relay>(servers[i]->ClientPort()));
+        relayed += (relayed.empty() ? "" : ",") + relays.back()->ConnectString();
+    }
+    testing::Watched watched(testing::Connect(relays.empty() ? connect : relayed, row.session), row.name, row.cycles != 0);
     double taken = 0;
     ASSERT_TRUE(watched.Converges([&] { return preloaded; }, seconds(120), &taken));
     std::printf("[ watching  ] %zu instances in %.1f s\n", row.preloaded, taken);
@@ -168,22 +192,37 @@ TEST_P(FaultTest, WatcherAgreesWithTheTruthAfterEachFault) {
         if (fault == Fault::Expire) {
             ASSERT_TRUE(testing::ExpireSession(connect, *watched.conn));
         }
+        if (fault == Fault::Blackhole) relays[0]->Blackhole();
+        if (fault == Fault::ResetRelay) relays[0]->Reset();
+        if (fault == Fault::BlackholeItsServer) {
+            const size_t held = Holder(servers, session, servers.size());
+            ASSERT_LT(held, servers.size());
+            relays[held]->Blackhole();
+            const auto cut = std::chrono::steady_clock::now();
+            ASSERT_TRUE(testing::PollUntil([&] { return Holder(servers, session, held) < servers.size(); }, seconds(60)));
+            std::printf("[ moved     ] away from server %zu after %.1f s\n", held,
+                        std::chrono::duration<double>(std::chrono::steady_clock::now() - cut).count());
+            relays[held]->Heal();
+        }
         for (size_t i : stopped) servers[i]->Stop();
         if (fault == Fault::KillLeader || fault == Fault::KillFollower) {
             ASSERT_TRUE(churn.AwaitProgress(40)) << "no progress with one member down";
         }
         std::this_thread::sleep_for(row.outage);  // the outage itself, not a wait for an outcome
         for (size_t i : stopped) servers[i]->Start();
+        if (fault == Fault::Blackhole) relays[0]->Heal();
         const auto healed = std::chrono::steady_clock::now();
         ASSERT_TRUE(churn.AwaitProgress(20));
         churn.Stop();
         ASSERT_TRUE(watched.Converges([&truth] { return truth.ReadTruth(); }, kConvergenceBound)) << "within the bound after the last write";
         const auto state = watched.recorder->Snapshot();
+        const bool kept = watched.conn->SessionId() == session;
         std::printf("[ converged ] %s cycle %d: %.1f s after the fault healed; %zu instances, %llu failed writes, "
                     "%zu reports; session %s\n", row.name, cycle,
                     std::chrono::duration<double>(std::chrono::steady_clock::now() - healed).count(), state.picture.size(),
-                    static_cast<unsigned long long>(churn.m_failed), state.reports, watched.conn->SessionId() == session ? "kept" : "replaced");
+                    static_cast<unsigned long long>(churn.m_failed), state.reports, kept ? "kept" : "replaced");
         EXPECT_TRUE(state.errors.empty()) << "the error handler was called, first with " << state.errors.front();
+        EXPECT_TRUE(row.outcome == Outcome::Any || kept == (row.outcome == Outcome::Kept)) << (kept ? "kept" : "replaced");
         EXPECT_EQ(watched.conn->PendingWatchCount(), state.picture.size() + 1) << "the service and each instance, nothing left behind";
         usage.push_back(Usage());
     }
@@ -196,14 +235,21 @@ TEST_P(FaultTest, WatcherAgreesWithTheTruthAfterEachFault) {
 }
 
 // The session timeout is the server's minimum (two ticks of 2 s), so that
-// outages longer than it are cheap to produce.
-constexpr milliseconds kShort{4000}, kLong{30000}, kOutage{6000}, kNone{0};
+// outages longer than it are cheap to produce. The client gives up a silent
+// connection after two thirds of its session timeout: with kNoticed, it does
+// so well before the server would end the session.
+constexpr milliseconds kShort{4000}, kNoticed{12000}, kLong{30000}, kOutage{6000}, kNone{0};
 
 INSTANTIATE_TEST_SUITE_P(Ensemble, FaultTest, ::testing::Values(
     Row{"LeaderKilled", 3, Fault::KillLeader, 0, kShort, kNone, 1},
     Row{"FollowerKilled", 3, Fault::KillFollower, 0, kShort, kNone, 1},
     Row{"QuorumLostLongerThanTheSession", 3, Fault::LoseQuorum, 0, kShort, kOutage, 1},
-    Row{"SessionExpiredDuringChurn", 3, Fault::Expire, 0, kShort, kNone, 2}));
+    Row{"SessionExpiredDuringChurn", 3, Fault::Expire, 0, kShort, kNone, 5, Outcome::Replaced},
+    Row{"PathToItsServerBlackholed", 3, Fault::BlackholeItsServer, 0, kNoticed, kNone, 1, Outcome::Kept}));
+INSTANTIATE_TEST_SUITE_P(Partition, FaultTest, ::testing::Values(
+    Row{"BlackholeShorterThanTheSession", 1, Fault::Blackhole, 0, kNoticed, milliseconds(10000), 1, Outcome::Kept},
+    Row{"BlackholeLongerThanTheSession", 1, Fault::Blackhole, 0, kShort, milliseconds(8000), 1, Outcome::Replaced},
+    Row{"ConnectionsReset", 1, Fault::ResetRelay, 0, kShort, kNone, 1, Outcome::Kept}));
 // Past about 9,000 instances their watches no longer fit in the request that
 // re-registers them after a reconnection: the connection re-arms them itself.
 INSTANTIATE_TEST_SUITE_P(Standalone, FaultTest, ::testing::Values(

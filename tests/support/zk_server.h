@@ -2,7 +2,8 @@
 
 // Real ZooKeeper servers for integration tests: the Debian package's server
 // (java -cp /usr/share/java/zookeeper.jar ... QuorumPeerMain) on loopback
-// ports, each in a temporary directory of its own. Not thread-safe.
+// ports, each in a temporary directory of its own, and relays in front of
+// them that can cut or reset the network path. Not thread-safe.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -62,6 +63,43 @@ inline std::string FourLetterWord(int port, const std::string& command) {
     }
     if (fd >= 0) ::close(fd);
     return answer;
+}
+
+// Starts `argv` in a process group of its own with its output appended to
+// `log`; the kernel kills it if the calling thread dies. Returns its id.
+inline pid_t Spawn(const std::vector<std::string>& argv, const std::string& log) {
+    // Everything the child needs is prepared before fork: between fork and
+    // exec only async-signal-safe calls are allowed.
+    std::vector<char*> args;
+    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    const int logFd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    const pid_t parent = ::getpid();
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::setpgid(0, 0);
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != parent) ::_exit(126);
+        ::dup2(logFd, STDOUT_FILENO);
+        ::dup2(logFd, STDERR_FILENO);
+        ::execvp(args[0], args.data());
+        ::_exit(127);
+    }
+    ::close(logFd);
+    if (pid < 0) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
+    ::setpgid(pid, pid);  // also from here, so that Kill never races the child's own call
+    return pid;
+}
+
+// Kills the process group of `pid` (a no-op when -1), reaps the process and
+// sets `pid` to -1.
+inline void Kill(pid_t& pid) {
+    if (pid <= 0) return;
+    ::kill(-pid, SIGKILL);
+    ::kill(pid, SIGKILL);
+    while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    pid = -1;
 }
 
 // One server process. Its configuration, data and log (the server's output)
@@ -124,38 +162,13 @@ public:
     // an ensemble serve only once enough of them run.
     void Launch() {
         if (Running()) return;
-        // Everything the child needs is prepared before fork: between fork
-        // and exec only async-signal-safe calls are allowed.
-        const std::string cfg = m_dir + "/zoo.cfg";
-        const char* const argv[] = {"java", "-Xmx256m", "-XX:+UseSerialGC", "-XX:TieredStopAtLevel=1", "-cp", "/usr/share/java/zookeeper.jar",
-                                    "org.apache.zookeeper.server.quorum.QuorumPeerMain", cfg.c_str(), nullptr};
-        const int logFd = ::open((m_dir + "/server.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-        const pid_t parent = ::getpid();
-        const pid_t pid = ::fork();
-        if (pid == 0) {
-            ::setpgid(0, 0);
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (::getppid() != parent) ::_exit(126);
-            ::dup2(logFd, STDOUT_FILENO);
-            ::dup2(logFd, STDERR_FILENO);
-            ::execvp(argv[0], const_cast<char* const*>(argv));
-            ::_exit(127);
-        }
-        ::close(logFd);
-        if (pid < 0) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
-        ::setpgid(pid, pid);  // also from here, so that Stop never races the child's own call
-        m_pid = pid;
+        m_pid = Spawn({"java", "-Xmx256m", "-XX:+UseSerialGC", "-XX:TieredStopAtLevel=1", "-cp", "/usr/share/java/zookeeper.jar",
+                       "org.apache.zookeeper.server.quorum.QuorumPeerMain", m_dir + "/zoo.cfg"},
+                      m_dir + "/server.log");
     }
     // Kills the process and reaps it; the data stays for the next Start, on
     // the same port. A no-op when not running.
-    void Stop() {
-        if (!Running()) return;
-        ::kill(-m_pid, SIGKILL);
-        ::kill(m_pid, SIGKILL);
-        while (::waitpid(m_pid, nullptr, 0) < 0 && errno == EINTR) {
-        }
-        m_pid = -1;
-    }
+    void Stop() { Kill(m_pid); }
     bool Running() const { return m_pid > 0; }
     // The role "srvr" reports ("leader", "follower", "standalone"); empty
     // when the server does not answer or serves no clients.
@@ -170,6 +183,42 @@ public:
 private:
     int m_clientPort = FreeLoopbackPort();
     std::string m_dir;
+    pid_t m_pid = -1;
+};
+
+// A TCP relay (socat, forking one process per connection) on a free
+// loopback port in front of `targetPort`. Blackhole freezes the relay and
+// every connection through it, open as they are: no byte passes either way
+// until Heal, as at a cut cable (connections attempted meanwhile are
+// accepted by the kernel and get no answer). Reset kills it, closing every
+// connection, and starts it again on the same port. Not thread-safe.
+class Relay {
+public:
+    explicit Relay(int targetPort) : m_target(targetPort) { Reset(); }
+    ~Relay() { Kill(m_pid); }
+    Relay(const Relay&) = delete;  // owns a process
+    Relay& operator=(const Relay&) = delete;
+
+    void Blackhole() const { ::kill(-m_pid, SIGSTOP); }
+    void Heal() const { ::kill(-m_pid, SIGCONT); }
+    // Throws std::runtime_error when the relay does not listen within 10 s.
+    void Reset() {
+        Kill(m_pid);
+        m_pid = Spawn({"socat", "TCP-LISTEN:" + std::to_string(m_port) + ",bind=127.0.0.1,reuseaddr,fork",
+                       "TCP:127.0.0.1:" + std::to_string(m_target)},
+                      "/dev/null");
+        const auto listening = [this] {
+            const int fd = LoopbackSocket(m_port);
+            if (fd >= 0) ::close(fd);
+            return fd >= 0;
+        };
+        if (!PollUntil(listening, std::chrono::seconds(10))) throw std::runtime_error("the relay does not listen");
+    }
+    std::string ConnectString() const { return "127.0.0.1:" + std::to_string(m_port); }
+
+private:
+    const int m_target;
+    const int m_port = FreeLoopbackPort();
     pid_t m_pid = -1;
 };
 
