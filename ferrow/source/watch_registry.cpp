@@ -143,7 +143,7 @@ void ZooKeeperConnection::MaintainWatches(Session& session) {
     {
         std::lock_guard<std::mutex> lock(session.m_watchMtx);
         bytes = session.m_resetBytes;
-        if (disconnected && bytes > kResetRequestLimit) {
+        if (disconnected && bytes > m_options.resetRequestLimit) {
             for (auto& entry : session.m_watches) {
                 WatchRecord* record = entry.first;
                 if (record->m_state != State::kArmed || record->m_busy) continue;

@@ -37,10 +37,27 @@ constexpr int kCycles = 200;
 constexpr int kCycles = 1000;
 #endif
 
-// A process that follows services in turn on one connection: each destroyed
-// watcher's watches leave the connection, the client and the server, and
-// the watches a live watcher shares with it stay.
-TEST_F(WatcherTest, DestroyedWatchersLeaveNoWatchBehind) {
+// An observer that runs `act` with the watcher and the id of every instance
+// reported added, with only the id of one reported removed, and with nulls
+// on a session's expiry.
+struct Hook : ServiceWatcherObserver, ConnectionObserver {
+    explicit Hook(std::function<void(ServiceWatcher*, const ServiceId*)> act) : act(std::move(act)) {}
+    void OnInstanceAdded(ServiceWatcher& watcher, const ServiceId& id, const ServiceInstanceData&) override { act(&watcher, &id); }
+    void OnInstanceModified(ServiceWatcher&, const ServiceId&, const ServiceInstanceData&) override {}
+    void OnInstanceRemoved(ServiceWatcher&, const ServiceId& id) override { act(nullptr, &id); }
+    void OnSessionEvent(int, int state, String) override {
+        if (state == ZOO_EXPIRED_SESSION_STATE) act(nullptr, nullptr);
+    }
+    const std::function<void(ServiceWatcher*, const ServiceId*)> act;
+};
+
+// A process that follows services in turn on one connection, destroying each
+// watcher after 1 to 50 reports while its observer calls it back on the
+// delivery thread: the observer gets answers and is never called once the
+// destructor has returned, and each destroyed watcher's watches leave the
+// connection, the client and the server, while those a live watcher shares
+// stay.
+TEST_F(WatcherTest, WatchersDestroyedWhileCallingBackLeaveNothingBehind) {
     InstanceMap instances;
     for (int i = 0; i < 50; ++i) instances.emplace(g_generate(), MakeRecord(i));
     writer.CreateAll(instances);
@@ -50,55 +67,38 @@ TEST_F(WatcherTest, DestroyedWatchersLeaveNoWatchBehind) {
         const size_t at = answer.find("Total watches:");
         return at == std::string::npos ? -1 : std::atol(answer.c_str() + at + 14);
     };  // counts data watches only, not the service's child watch
+    std::atomic<int> calls{0}, answers{0}, late{0};
+    std::atomic<bool> destroyed{false};
+    const auto observer = std::make_shared<Hook>([&](ServiceWatcher* watcher, const ServiceId* id) {
+        late += destroyed.load();
+        ServiceInstanceData record;
+        answers += !watcher->ListInstances().empty() && watcher->GetInstanceData(*id, record);
+        ++calls;
+    });
     // Without a live watcher, then with one that needs the service and its 50 instances.
     for (const auto& [live, dataWatches] : {std::pair<size_t, long>{0, 0}, {51, 50}}) {
         testing::Watched kept(conn, name, false, live != 0);
         const auto start = std::chrono::steady_clock::now();
         for (int cycle = 0; cycle < (live != 0 ? kCycles / 10 : kCycles); ++cycle) {
-            testing::Watched watched(conn, name, false);
-            ASSERT_TRUE(testing::PollUntil([&] { return watched.recorder->Snapshot().reports == 50; }, std::chrono::seconds(30),
-                                           std::chrono::milliseconds(1)));
+            auto watcher = std::make_unique<ServiceWatcher>(conn, name, [](int) {});
+            watcher->RegisterShared(observer);
+            destroyed = false;
+            const int reports = calls + 1 + cycle % 50;
+            watcher->Start();
+            ASSERT_TRUE(testing::PollUntil([&] { return calls >= reports; }, std::chrono::seconds(30), std::chrono::milliseconds(1)));
+            watcher.reset();
+            destroyed = true;
         }
-        const auto destroyed = std::chrono::steady_clock::now();
+        const auto finished = std::chrono::steady_clock::now();
         EXPECT_TRUE(testing::PollUntil([&] { return conn->PendingWatchCount() == live && serverWatches() == dataWatches; },
                                        std::chrono::seconds(30)))
             << conn->PendingWatchCount() << " watches in the connection, " << serverWatches() << " on the server";
         std::printf("[ withdrawn ] %zu live watches: cycles took %.1f s, the withdrawal %.2f s more\n", live,
-                    std::chrono::duration<double>(destroyed - start).count(),
-                    std::chrono::duration<double>(std::chrono::steady_clock::now() - destroyed).count());
+                    std::chrono::duration<double>(finished - start).count(),
+                    std::chrono::duration<double>(std::chrono::steady_clock::now() - finished).count());
     }
-}
-
-// Observers that call the watcher back while another thread destroys it get
-// answers, and none runs once the destructor has returned.
-TEST_F(WatcherTest, DestructionOnAnotherThreadWaitsForObserversCallingBack) {
-    for (int i = 0; i < 5; ++i) writer.Create(g_generate(), MakeRecord(i));
-    struct CallsBack : ServiceWatcherObserver {
-        void OnInstanceAdded(ServiceWatcher& watcher, const ServiceId& id, const ServiceInstanceData&) override {
-            late += destroyed.load();
-            ++calls;
-            ServiceInstanceData record;
-            answers += !watcher.ListInstances().empty() && watcher.GetInstanceData(id, record);
-        }
-        void OnInstanceModified(ServiceWatcher&, const ServiceId&, const ServiceInstanceData&) override {}
-        void OnInstanceRemoved(ServiceWatcher&, const ServiceId&) override {}
-        std::atomic<int> calls{0}, answers{0}, late{0};
-        std::atomic<bool> destroyed{false};
-    };
-    const auto conn = testing::Connect(s_server->ConnectString());
-    const auto observer = std::make_shared<CallsBack>();
-    for (int round = 0; round < kCycles / 4; ++round) {
-        auto watcher = std::make_unique<ServiceWatcher>(conn, name, [](int) {});
-        watcher->RegisterShared(observer);
-        observer->destroyed = false;
-        const int before = observer->calls;
-        watcher->Start();
-        ASSERT_TRUE(testing::PollUntil([&] { return observer->calls > before; }, std::chrono::seconds(30), std::chrono::milliseconds(0)));
-        watcher.reset();
-        observer->destroyed = true;
-    }
-    EXPECT_EQ(observer->late, 0);
-    EXPECT_EQ(observer->answers, observer->calls);
+    EXPECT_EQ(late, 0);
+    EXPECT_EQ(answers, calls);
 }
 
 // A watcher destroyed from a callback of another on the delivery thread:
@@ -109,19 +109,15 @@ TEST_F(WatcherTest, DestructionFromAnotherCallbackOnTheDeliveryThread) {
     const auto conn = testing::Connect(s_server->ConnectString());
     testing::Watched a(conn, name);
     auto b = std::make_unique<testing::Watched<>>(conn, name);
-    struct OnExpiry : ConnectionObserver, testing::Recorder {
-        explicit OnExpiry(std::function<void()> act) : act(std::move(act)) {}
-        void OnSessionEvent(int, int state, String) override {
-            if (state == ZOO_EXPIRED_SESSION_STATE) act();
-        }
-        void OnInstanceRemoved(ServiceWatcher&, const ServiceId&) override { act(); }
-        const std::function<void()> act;
-    };
     std::unique_ptr<testing::Watched<>> c;
     std::shared_ptr<testing::Recorder> bReports = b->recorder, cReports;
     size_t bSeen = 0, cSeen = 0;
-    a.watcher.RegisterShared(std::make_shared<OnExpiry>([&] { b.reset(), bSeen = bReports->Snapshot().reports; }));
-    const auto sessionObserver = std::make_shared<OnExpiry>([&] { c.reset(), cSeen = cReports->Snapshot().reports; });
+    a.watcher.RegisterShared(std::make_shared<Hook>([&](ServiceWatcher* watcher, const ServiceId*) {
+        if (watcher == nullptr) b.reset(), bSeen = bReports->Snapshot().reports;
+    }));
+    const auto sessionObserver = std::make_shared<Hook>([&](ServiceWatcher*, const ServiceId* id) {
+        if (id == nullptr) c.reset(), cSeen = cReports->Snapshot().reports;
+    });
     conn->RegisterShared(sessionObserver);
     c = std::make_unique<testing::Watched<>>(conn, name);  // notified after the session observer
     cReports = c->recorder;

@@ -201,15 +201,6 @@ TEST(ServiceWatcherTest, ExpiredSessionReportsEveryWatchedInstanceRemovedAndRere
     EXPECT_EQ(h.Requests(), issued + 5u) << "instance 3's retry, the service, then every instance afresh";
 }
 
-TEST(ServiceWatcherTest, CallbackAfterTheWatcherIsGoneDoesNothing) {
-    auto h = std::make_unique<Harness>();
-    h->watcher.Start();
-    const auto conn = h->conn;
-    h.reset();
-    EXPECT_NO_THROW(conn->FireChildren(0, ZOK, {Name(1)}));
-    EXPECT_EQ(conn->Requests().size(), 1u);
-}
-
 // The session's first connected event can reach a registration after it
 // joined the connection's observers and before its constructor created the
 // node. That event is no new session: publishing in answer would make the

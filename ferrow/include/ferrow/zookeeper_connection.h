@@ -30,13 +30,17 @@
 // session in one request, which the server refuses when it passes its size
 // limit (jute.maxbuffer, 1 MiB by default): the client would then reconnect
 // and be refused forever. So when the watched paths would make that request
-// larger than kResetRequestLimit, the connection takes its watches out of the
-// client as soon as the connection is lost, and once reconnected arms each
-// one again itself, reproducing what the server does for the request: a
-// watch whose node is gone receives ZOO_DELETED_EVENT, one whose node (or
-// child list) changed since it was armed receives ZOO_CHANGED_EVENT
-// (ZOO_CHILD_EVENT), the others stay armed silently. These events follow the
-// connected session event, in the same session; nothing else is observable.
+// larger than ConnectionOptions::resetRequestLimit, the connection takes its
+// watches out of the client as soon as the connection is lost, and once
+// reconnected arms each one again itself, reproducing what the server does
+// for the request: a watch whose node is gone receives ZOO_DELETED_EVENT,
+// one whose node (or child list) changed since it was armed receives
+// ZOO_CHANGED_EVENT (ZOO_CHILD_EVENT), the others stay armed silently. A
+// watch whose re-arm the server refuses otherwise (ZNOAUTH after its access
+// list changed, ...) receives ZOO_CHANGED_EVENT (ZOO_CHILD_EVENT) too, so
+// that its owner reads the node again and meets the refusal itself. These
+// events follow the connected session event, in the same session; nothing
+// else is observable.
 //
 // Cancelled watches. Destroying (or cancelling) the handle of a watch that
 // has not fired withdraws it: the connection stops holding it, and the
@@ -76,6 +80,10 @@
 namespace jx {
 namespace ferrow {
 
+// Half the server's default request limit (jute.maxbuffer, 1 MiB), leaving
+// room for servers that count differently.
+inline constexpr size_t kDefaultResetRequestLimit = 512 * 1024;
+
 struct ConnectionOptions {
     // host:port[,host:port...][/chroot]
     String connect;
@@ -85,6 +93,11 @@ struct ConnectionOptions {
     // "user:password", added as digest credentials to every new session;
     // empty for none.
     String digestAuth;
+    // Above this estimated size of the request that re-registers a session's
+    // watches after a reconnection, the connection re-arms them itself (see
+    // Reconnection above). The default suits the server's default request
+    // limit; a server with a smaller jute.maxbuffer needs a smaller one.
+    size_t resetRequestLimit = kDefaultResetRequestLimit;
 };
 
 namespace details {
@@ -119,11 +132,6 @@ public:
     // or its session is closed. For diagnostics and tests.
     size_t PendingWatchCount() const;
 
-    // Above this estimated size of the request that re-registers a session's
-    // watches after a reconnection, the connection re-arms them itself. Half
-    // the server's default request limit, leaving room for servers that
-    // count differently.
-    static constexpr size_t kResetRequestLimit = 512 * 1024;
 
     // Connection. ZOO_EXPIRED_SESSION_STATE while no session exists.
     int State() const override;
