@@ -28,8 +28,11 @@ class FakeConnection : public ferrow::Connection {
     }
 
 public:
+    // The handle and delivery protocol of every connection, for tests of it.
+    using Connection::InvokeWatch;
+    using Connection::MakeWatchHandle;
     // Operations whose answer Fail can force.
-    enum class Op { Issue, Exists, Create, Get };
+    enum class Op { Issue, Create };
     // One AsyncGetChildren or AsyncGet request.
     struct Request {
         String path;
@@ -76,7 +79,7 @@ public:
     // Unless Fail forced an answer: Create and Exists know the paths created
     // so far (never deleted, holding no data), Get finds nothing, Set and
     // Delete succeed, and GetChildren, which the watcher never calls, fails.
-    int Get(String, String&, Stat*) const override { return Locked([&] { return Forced(Op::Get, ZNONODE); }); }
+    int Get(String, String&, Stat*) const override { return ZNONODE; }
     int Create(String path, const String&, const ACL_vector&, int) const override {
         return Locked([&] {
             const int rc = Forced(Op::Create, m_created.count(path) != 0 ? ZNODEEXISTS : ZOK);
@@ -87,7 +90,7 @@ public:
     int Set(String, const String&, int, Stat*) const override { return ZOK; }
     int Delete(String, int) const override { return ZOK; }
     int Exists(String path, Stat*) const override {
-        return Locked([&] { return Forced(Op::Exists, m_created.count(path) != 0 ? ZOK : ZNONODE); });
+        return Locked([&] { return m_created.count(path) != 0 ? ZOK : ZNONODE; });
     }
     int GetChildren(String, std::vector<String>&) const override { return ZNOTHING; }
 

@@ -10,7 +10,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -78,17 +77,14 @@ inline bool SameRecord(const ferrow::ServiceInstanceData& a, const ferrow::Servi
 }
 
 // Success when both hold the same ids with the same records; otherwise a
-// failure naming the missing, unexpected and differing ids.
+// failure naming the sizes and the first id that differs.
 inline ::testing::AssertionResult SameInstances(const InstanceMap& expected, const InstanceMap& actual) {
-    std::ostringstream diff;
-    for (const auto& [id, record] : expected) {
-        if (actual.count(id) == 0 || !SameRecord(record, actual.at(id))) diff << "\n missing or differing " << id;
+    auto a = expected.begin(), b = actual.begin();
+    for (; a != expected.end() && b != actual.end() && a->first == b->first && SameRecord(a->second, b->second); ++a, ++b) {
     }
-    for (const auto& entry : actual) {
-        if (expected.count(entry.first) == 0) diff << "\n unexpected " << entry.first;
-    }
-    if (diff.str().empty()) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "expected " << expected.size() << " instances, got " << actual.size() << diff.str();
+    if (a == expected.end() && b == actual.end()) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "expected " << expected.size() << " instances, got " << actual.size()
+                                         << "; first difference at " << (a != expected.end() ? a->first : b->first);
 }
 
 inline void Check(int rc, const char* operation, const std::string& path) {
