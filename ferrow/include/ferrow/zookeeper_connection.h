@@ -12,8 +12,9 @@
 //    the order the C client produced them, never inside the request that
 //    registered them. A callback may call any operation of the connection,
 //    synchronous ones included, and may drop the last reference to it;
-//  - the session thread, which replaces an expired session and moves watches
-//    in and out of the client around a reconnection (see below).
+//  - the session thread, which replaces an expired session, moves watches
+//    in and out of the client around a reconnection and withdraws cancelled
+//    ones (see below).
 //
 // Session expiry. The observers receive the expired session event; the
 // connection then closes that session and opens a new one with the same
