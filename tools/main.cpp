@@ -102,6 +102,7 @@ int main(int argc, char** argv) {
         common.connect = "127.0.0.1:2181";
         int sessionTimeoutMs = static_cast<int>(common.sessionTimeout.count());
         String logLevel;
+        app.set_version_flag("--version", "ferrow " FERROW_VERSION);
         app.add_option("--zk", common.connect,
                        "ZooKeeper connect string: host:port[,host:port...][/chroot]")
             ->envname("FERROW_ZK")
@@ -115,8 +116,8 @@ int main(int argc, char** argv) {
             ->envname("FERROW_AUTH")
             ->type_name("USER:PASSWORD");
         app.add_option("--log-level", logLevel,
-                       "Least severe log record written to standard error: debug, info, warning, error (default), "
-                       "error, critical")
+                       "Least severe log record written to standard error: debug, info, warning, error (default) "
+                       "or critical")
             ->check(kLogLevel);
 
         String service;

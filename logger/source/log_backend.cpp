@@ -19,7 +19,9 @@ namespace logging {
 
 // Constant-initialised, so statements that run during static initialisation
 // of other units see INFO until the environment has been read.
-std::atomic<LogLevel> g_minLogLevel{JXLOG_INFO};
+// Warnings and worse: a library writes nothing into its host program's
+// standard error unless something is wrong.
+std::atomic<LogLevel> g_minLogLevel{JXLOG_WARNING};
 bool g_toggleableDebugControl = false;
 const std::uint32_t g_defaultConfigFlags = 95;
 

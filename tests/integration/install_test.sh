@@ -14,6 +14,8 @@ prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" >"$work/install.log"
 
 "$prefix/bin/ferrow" --help | grep -q "^  register " || { echo "the installed tool does not run"; exit 1; }
+[ "$("$prefix/bin/ferrow" --version)" = "ferrow $(sed -n 's/^Version: //p' "$(find "$prefix" -name ferrow.pc)")" ] \
+  || { echo "ferrow --version does not print the package's version"; exit 1; }
 
 usage_of() { local status=0; "$1" 2>&1 >/dev/null || status=$?; [ "$status" = 2 ]; }
 cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" -DEXAMPLE="$example" \

@@ -80,7 +80,7 @@ mkfifo "$dir/stdin"
 "$watch_service" "$zk" example 3 60 >"$dir/example" 2>/dev/null & example=$!
 pids+=("$example")
 check "watch_service starts" "$(line "$dir/example" 1)" "watching example"
-"$publish_instance" "$zk" example 10.1.2.3 8443 <"$dir/stdin" >"$dir/published" 2>/dev/null & publish=$!
+"$publish_instance" "$zk" example 10.1.2.3 8443 <"$dir/stdin" >"$dir/published" 2>"$dir/published.err" & publish=$!
 pids+=("$publish")
 exec 4>"$dir/stdin"
 id=$(line "$dir/published" 1)
@@ -89,6 +89,7 @@ echo state=draining >&4
 check "watch_service modified" "$(line "$dir/example" 3)" "modified $id 10.1.2.3:8443"
 exec 4>&-
 exited "$publish"; check "publish_instance ends with its input" $? 0
+check "a library program is quiet by default" "$(cat "$dir/published.err")" ""
 check "watch_service removed" "$(line "$dir/example" 4)" "removed $id"
 exited "$example"; check "watch_service ends after three events" $? 0
 

@@ -36,7 +36,9 @@ using LogHandler = std::function<void(const LogRecord&)>;
 // when it was the default).
 LogHandler SetLogHandler(LogHandler handler);
 
-// Sets g_minLogLevel; takes effect for the next statement on every thread.
+// Sets g_minLogLevel (JXLOG_WARNING until set, unless the environment
+// variable FERROW_LOG_LEVEL names a level); takes effect for the next
+// statement on every thread.
 void SetMinimumLoggingLevel(LogLevel level);
 
 // "debug", "info", "warning", "error", "critical" (any case) or a decimal
