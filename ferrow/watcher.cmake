@@ -3,6 +3,7 @@
 add_library(ferrow
   source/service_watcher.cpp
   source/service_watcher_impl.cpp
+  source/sync_tracker.cpp
   source/zlib.cpp
   source/instance_data.cpp
   source/service_registration.cpp)

@@ -147,6 +147,10 @@ int Watch(const CommonOptions& common, const StopSignals& signals, const String&
         std::cerr << "ferrow: ZooKeeper error while watching '" << service << "': " << zerror(rc) << std::endl;
     });
     watcher.RegisterShared(std::make_shared<EventPrinter>(service, json));
+    // On the delivery thread too, after the reports that completed the view.
+    watcher.SetSyncedListener([&service, json](size_t instances) {
+        PrintLine(json ? SyncedJson(service, instances) : SyncedText(instances));
+    });
     watcher.Start();
     signals.Wait();
     return 0;

@@ -90,6 +90,12 @@ String EventJson(const char* event, const String& service, const ServiceId& id,
     return json + "}";
 }
 
+String SyncedText(size_t instances) { return "synced " + std::to_string(instances) + " instances"; }
+
+String SyncedJson(const String& service, size_t instances) {
+    return "{\"event\":\"synced\",\"service\":" + Quote(service) + ",\"instances\":" + std::to_string(instances) + "}";
+}
+
 }  // namespace cli
 }  // namespace ferrow
 }  // namespace jx

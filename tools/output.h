@@ -28,6 +28,12 @@ String EventText(const char* event, const ServiceId& id, const ServiceInstanceDa
 String EventJson(const char* event, const String& service, const ServiceId& id,
                  const ServiceInstanceData* record);
 
+// The view of `service` became complete with `instances` instances.
+// Text: "synced <instances> instances";
+// JSON: {"event":"synced","service":"<service>","instances":<instances>}.
+String SyncedText(size_t instances);
+String SyncedJson(const String& service, size_t instances);
+
 }  // namespace cli
 }  // namespace ferrow
 }  // namespace jx

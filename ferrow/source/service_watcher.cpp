@@ -2,7 +2,9 @@
 
 #include <utility>
 
+#include "ferrow/instance_data.h"
 #include "service_watcher_impl.h"
+#include "sync_tracker.h"
 
 namespace jx {
 namespace ferrow {
@@ -23,12 +25,18 @@ std::shared_ptr<ServiceWatcherImpl> OwnImpl(std::unique_ptr<ServiceWatcherImpl> 
 
 ServiceWatcher::ServiceWatcher(std::shared_ptr<Connection> conn, const String& name, ZkErrorHandler zkErrorHandler)
     : m_conn(conn),
-      m_impl(OwnImpl(std::make_unique<ServiceWatcherImpl>(*this, std::move(conn), name, std::move(zkErrorHandler)),
-                     m_implReleased)) {}
+      m_impl(OwnImpl(std::make_unique<ServiceWatcherImpl>(*this, conn, name, std::move(zkErrorHandler)),
+                     m_implReleased)),
+      m_sync(std::make_shared<SyncTracker>(std::move(conn), ServicePath(name),
+                                           [impl = std::weak_ptr<ServiceWatcherImpl>(m_impl)] {
+                                               const std::shared_ptr<ServiceWatcherImpl> alive = impl.lock();
+                                               return alive && alive->Settled();
+                                           })) {}
 
 ServiceWatcher::~ServiceWatcher() {
     // From here on no observer or error handler of this watcher runs, and
     // none is running on another thread.
+    m_sync->Close();
     m_impl->Close();
     // The impl may still be held by a callback that was turned away, or by
     // the connection while it notifies its observers of a session event.
@@ -41,7 +49,19 @@ ServiceWatcher::~ServiceWatcher() {
     if (wait) m_implReleased.wait();
 }
 
-void ServiceWatcher::Start() { m_impl->Start(); }
+void ServiceWatcher::Start() {
+    m_impl->Start();
+    m_sync->Started();
+}
+
+bool ServiceWatcher::IsSynced() const { return m_sync->Track(); }
+
+bool ServiceWatcher::WaitSynced(std::chrono::milliseconds deadline) const { return m_sync->Wait(deadline); }
+
+void ServiceWatcher::SetSyncedListener(std::function<void(size_t instances)> listener) {
+    m_sync->SetListener([this, listener = std::move(listener)] { listener(m_impl->ListInstances().size()); });
+    m_sync->Track();
+}
 
 std::vector<ServiceId> ServiceWatcher::ListInstances() const { return m_impl->ListInstances(); }
 

@@ -55,6 +55,11 @@ std::vector<ServiceId> ServiceWatcherImpl::ListInstances() const {
     return std::vector<ServiceId>(m_instances.begin(), m_instances.end());
 }
 
+bool ServiceWatcherImpl::Settled() const {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    return !m_startRetry && !m_serviceRetry && m_instanceRetry.empty();
+}
+
 bool ServiceWatcherImpl::GetInstanceData(const ServiceId& id, ServiceInstanceData& data) const {
     String out(kInstanceReadCapacity, '\0');
     const int rc = m_conn->Get(m_path + "/" + boost::uuids::to_string(id), out, nullptr);

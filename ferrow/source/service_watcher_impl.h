@@ -55,6 +55,10 @@ public:
 
     std::vector<ServiceId> ListInstances() const;
 
+    // Whether nothing waits for a retry: no start-up, service or instance
+    // watch is marked for the next connected event.
+    bool Settled() const;
+
     // Synchronous read of one instance's record; takes no lock. Returns false
     // when the node does not exist; throws ZooError for any other failure.
     bool GetInstanceData(const ServiceId& id, ServiceInstanceData& data) const;

@@ -33,23 +33,26 @@ serving() { (exec 3<>"/dev/tcp/127.0.0.1/$port" && echo srvr >&3 && grep -q Mode
 until_true serving || { echo "FAIL: the server did not start:" >&2; cat "$dir/server.log" >&2; exit 1; }
 zk=127.0.0.1:$port
 
-# Register, watch, update, list, get and unregister one instance.
+# Watch (the empty service's view is complete first), then register,
+# update, list, get and unregister one instance.
 "$ferrow" --zk "$zk" watch tool --json >"$dir/watch" 2>"$dir/watch.err" & watch=$!
+pids+=("$watch")
+check "watch synced" "$(line "$dir/watch" 1)" '{"event":"synced","service":"tool","instances":0}'
 "$ferrow" --zk "$zk" register tool --host 10.0.0.1 --port 8080 --zone eu-1 --meta env=prod --compress >"$dir/reg" 2>"$dir/reg.err" & reg=$!
-pids+=("$watch" "$reg")
+pids+=("$reg")
 id=$(line "$dir/reg" 1)
-added=$(line "$dir/watch" 1)
+added=$(line "$dir/watch" 2)
 stamp=$(grep -o '"registered_at_ms":"[0-9]*"' <<<"$added")
 record='{"host":"10.0.0.1","port":8080,"protocol":"","version":"","zone":"eu-1","weight":0,"metadata":{"env":"prod"},'$stamp'}'
 check "watch added" "$added" '{"event":"added","service":"tool","id":"'"$id"'","instance":'"$record"'}'
 "$ferrow" --zk "$zk" update tool "$id" --weight 77 --meta added=yes --remove-meta env >/dev/null
 record=${record/'"weight":0,"metadata":{"env":"prod"}'/'"weight":77,"metadata":{"added":"yes"}'}
-check "watch modified" "$(line "$dir/watch" 2)" '{"event":"modified","service":"tool","id":"'"$id"'","instance":'"$record"'}'
+check "watch modified" "$(line "$dir/watch" 3)" '{"event":"modified","service":"tool","id":"'"$id"'","instance":'"$record"'}'
 check "get" "$("$ferrow" --zk "$zk" get tool "$id" --json)" '{"id":"'"$id"'","instance":'"$record"'}'
 check "list" "$("$ferrow" --zk "$zk" list tool --json)" '[{"id":"'"$id"'","instance":'"$record"'}]'
 kill -TERM "$reg"
 exited "$reg"; check "register ends on SIGTERM" $? 0
-check "watch removed" "$(line "$dir/watch" 3)" '{"event":"removed","service":"tool","id":"'"$id"'"}'
+check "watch removed" "$(line "$dir/watch" 4)" '{"event":"removed","service":"tool","id":"'"$id"'"}'
 kill -INT "$watch"
 exited "$watch"; check "watch ends on SIGINT" $? 0
 

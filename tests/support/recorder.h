@@ -85,12 +85,10 @@ struct Watched {
         if (start) watcher.Start();
     }
     // Polls until the reported picture and ListInstances both equal
-    // `truth()`, which may throw while the servers do not answer. On success
-    // `seconds` (when given) receives the time taken; after `timeout` the
-    // failure says what differed last.
+    // `truth()`, which may throw while the servers do not answer; after
+    // `timeout` (0: checks once) the failure says what differed last.
     ::testing::AssertionResult Converges(const std::function<InstanceMap()>& truth,
-                                         std::chrono::seconds timeout = std::chrono::seconds(60), double* seconds = nullptr) const {
-        const auto start = std::chrono::steady_clock::now();
+                                         std::chrono::seconds timeout = std::chrono::seconds(60)) const {
         std::string why;
         const bool converged = PollUntil([&] {
             try {
@@ -105,7 +103,6 @@ struct Watched {
             }
             return why.empty();
         }, timeout, std::chrono::milliseconds(50));
-        if (seconds != nullptr) *seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         return converged ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << why;
     }
 

@@ -4,6 +4,8 @@
 // node /srv2/<name>, each named by an instance's ServiceId, and the record in
 // each child's data. Changes reach the registered observers.
 
+#include <chrono>
+#include <functional>
 #include <future>
 #include <memory>
 #include <vector>
@@ -17,6 +19,7 @@ namespace jx {
 namespace ferrow {
 
 class ServiceWatcherImpl;
+class SyncTracker;
 
 // Thread-safe: every operation may be called from any thread.
 //
@@ -74,6 +77,26 @@ public:
     // record, std::runtime_error for an unknown compression.
     bool GetInstanceData(const ServiceId& id, ServiceInstanceData& data) const;
 
+    // Whether the view is complete: every instance that existed when the
+    // service was read from scratch (at the start, and again after each
+    // session expiry) has been reported added, or found gone meanwhile, and
+    // nothing waits for a retry. False from an expiry until the fresh read
+    // is complete. Derived from the order in which ZooKeeper answers the
+    // session's requests, never from a timer.
+    //
+    // Tracking begins with the first call of IsSynced, WaitSynced or
+    // SetSyncedListener (the first IsSynced answers false): it costs two
+    // reads of the service node per read of the service from scratch, which
+    // a watcher that never asks does not pay. Never blocks.
+    bool IsSynced() const;
+    // Waits until the view is complete; false if it is not within `deadline`.
+    bool WaitSynced(std::chrono::milliseconds deadline) const;
+    // `listener` runs on the delivery thread each time the view becomes
+    // complete, after the reports that completed it, with the number of
+    // instances known then. Replaces the previous one; like an observer, it
+    // never runs once the destructor has returned.
+    void SetSyncedListener(std::function<void(size_t instances)> listener);
+
     void RegisterShared(std::shared_ptr<ServiceWatcherObserver> observer) override;
     void RegisterWeak(std::weak_ptr<ServiceWatcherObserver> observer) override;
     void UnregisterShared(const std::shared_ptr<ServiceWatcherObserver>& observer) override;
@@ -89,6 +112,8 @@ private:
     // Holds a reference to this object; shared with callbacks in progress.
     // Written only by the destructor, once no callback can read it.
     std::shared_ptr<ServiceWatcherImpl> m_impl;
+    // Knows when the view is complete.
+    const std::shared_ptr<SyncTracker> m_sync;
 };
 
 }  // namespace ferrow

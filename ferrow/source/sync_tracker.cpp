@@ -1,0 +1,87 @@
+#include "sync_tracker.h"
+
+#include <utility>
+
+namespace jx {
+namespace ferrow {
+
+SyncTracker::SyncTracker(std::shared_ptr<Connection> conn, String path, std::function<bool()> settled)
+    : m_conn(std::move(conn)), m_path(std::move(path)), m_settled(std::move(settled)) {}
+
+SyncTracker::~SyncTracker() { m_conn->UnregisterRaw(static_cast<const ConnectionObserver*>(this)); }
+
+void SyncTracker::Started() {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    m_started = true;
+    Begin();
+}
+
+bool SyncTracker::Track() {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    if (!m_tracking) {
+        m_tracking = true;
+        // Registered after the watcher, so told of every session event after it.
+        m_conn->RegisterWeak(std::weak_ptr<ConnectionObserver>(shared_from_this()));
+        Begin();
+    }
+    return m_synced;
+}
+
+bool SyncTracker::Wait(std::chrono::milliseconds deadline) {
+    Track();
+    std::unique_lock<std::mutex> lock(m_mtx);
+    return m_cv.wait_for(lock, deadline, [this] { return m_synced; });
+}
+
+void SyncTracker::SetListener(std::function<void()> listener) {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    m_listener = std::move(listener);
+}
+
+void SyncTracker::Close() { m_gate.Close(); }
+
+void SyncTracker::OnSessionEvent(int type, int state, String) {
+    const CallbackGate::Pass pass = m_gate.Enter();
+    if (!pass || type != ZOO_SESSION_EVENT) return;
+    std::lock_guard<std::mutex> lock(m_mtx);
+    if (state == ZOO_EXPIRED_SESSION_STATE) {
+        // The watcher has reported everything removed and reads afresh.
+        m_synced = false;
+        ++m_round;
+    } else if (state == ZOO_CONNECTED_STATE && !m_synced) {
+        // After the watcher's retries, which this event has just issued.
+        Begin();
+    }
+}
+
+void SyncTracker::Begin() {
+    if (m_started && m_tracking && !m_synced) Mark(++m_round, 1);
+}
+
+void SyncTracker::Mark(std::uint64_t round, int step) {
+    const std::weak_ptr<SyncTracker> me = weak_from_this();
+    // Not issued without a session: the next connected event begins again.
+    m_conn->AsyncGet(m_path, nullptr, [me, round, step](int rc, String, const Stat*) {
+        const std::shared_ptr<SyncTracker> self = me.lock();
+        if (const CallbackGate::Pass pass = self ? self->m_gate.Enter() : CallbackGate::Pass()) self->OnMark(round, step, rc);
+    });
+}
+
+void SyncTracker::OnMark(std::uint64_t round, int step, int rc) {
+    std::function<void()> listener;
+    {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        // A lost answer leaves the round to the next connected event.
+        if (round != m_round || m_synced || (rc != ZOK && rc != ZNONODE)) return;
+        if (step == 1) return Mark(round, 2);
+        // A retry waits for the next connected event, which begins again.
+        if (!m_settled()) return;
+        m_synced = true;
+        listener = m_listener;
+    }
+    m_cv.notify_all();
+    if (listener) listener();
+}
+
+}  // namespace ferrow
+}  // namespace jx

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include "callback_gate.h"
+#include "ferrow/connection_v2.h"
+#include "utility/string.h"
+
+namespace jx {
+namespace ferrow {
+
+// Tells when a ServiceWatcher's view of its service is complete, from the
+// order in which ZooKeeper answers one session's requests: the connection
+// delivers the answers in the order the requests were issued. A read issued
+// after the watcher's read of the service's children is answered after it,
+// and by the time that answer is delivered the watcher has issued the read of
+// every instance it listed; a second read issued then is answered after all
+// of them. When that second answer arrives and the watcher has nothing
+// waiting for a retry, the view is complete. A session expiry makes it
+// incomplete until the same two reads follow the watcher's fresh read.
+//
+// Tracking begins once the watcher has started and someone has asked
+// (Track): it costs two reads of the service node per full read of the
+// service. Thread-safe; owned by a std::shared_ptr (callbacks hold it
+// weakly); the owner calls Close before letting it go.
+class SyncTracker : public ConnectionObserver, public std::enable_shared_from_this<SyncTracker> {
+public:
+    // `settled` answers whether the watcher has nothing waiting for a retry;
+    // `path` is the service node.
+    SyncTracker(std::shared_ptr<Connection> conn, String path, std::function<bool()> settled);
+    ~SyncTracker() override;
+
+    // The watcher has started.
+    void Started();
+    // Someone wants to know. Returns whether the view is complete now.
+    bool Track();
+    // Waits until the view is complete; false after `deadline`.
+    bool Wait(std::chrono::milliseconds deadline);
+    // Called on the delivery thread each time the view becomes complete.
+    void SetListener(std::function<void()> listener);
+    // No callback runs from now on; waits for one running on another thread.
+    void Close();
+
+    // Session events: an expiry makes the view incomplete; a connected
+    // event, delivered after the watcher's own, begins a round if needed.
+    void OnSessionEvent(int type, int state, String path) override;
+
+private:
+    // Both require m_mtx held: the connection never calls back inside a
+    // request. Begin starts a round when started and tracked; Mark issues
+    // the read of `step` (1 or 2) of `round`.
+    void Begin();
+    void Mark(std::uint64_t round, int step);
+    void OnMark(std::uint64_t round, int step, int rc);
+
+    const std::shared_ptr<Connection> m_conn;
+    const String m_path;
+    const std::function<bool()> m_settled;
+    CallbackGate m_gate;
+    std::mutex m_mtx;  // guards the fields below; taken before the watcher's
+    std::condition_variable m_cv;
+    bool m_started = false;
+    bool m_tracking = false;
+    bool m_synced = false;
+    std::uint64_t m_round = 0;  // answers of older rounds are ignored
+    std::function<void()> m_listener;
+};
+
+}  // namespace ferrow
+}  // namespace jx
