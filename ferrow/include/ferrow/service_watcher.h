@@ -43,8 +43,7 @@ public:
     // Stops every watch. Once it returns, no observer or error handler of
     // this watcher runs. It may be called on any thread, including the
     // connection's delivery thread from inside any callback other than this
-    // watcher's own: from an observer of another watcher, of a registration
-    // or of the session. Elsewhere than on the delivery thread it waits until
+    // watcher's own: from an observer of another watcher or of the session. Elsewhere than on the delivery thread it waits until
     // a callback of this watcher running there has returned (observers may
     // call the watcher meanwhile and get answers), and until every watch is
     // cancelled; on the delivery thread the cancellation follows as soon as
@@ -93,8 +92,9 @@ public:
     bool WaitSynced(std::chrono::milliseconds deadline) const;
     // `listener` runs on the delivery thread each time the view becomes
     // complete, after the reports that completed it, with the number of
-    // instances known then. Replaces the previous one; like an observer, it
-    // never runs once the destructor has returned.
+    // instances known then. Replaces the previous one. The rules of an
+    // observer hold for it, and it never runs once the destructor has
+    // returned.
     void SetSyncedListener(std::function<void(size_t instances)> listener);
 
     void RegisterShared(std::shared_ptr<ServiceWatcherObserver> observer) override;
