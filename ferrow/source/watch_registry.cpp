@@ -165,13 +165,13 @@ void ZooKeeperConnection::MaintainWatches(Session& session) {
         }
     }
     if (disconnected) {
-        if (takeOut.empty()) return;
-        JXLOG(logging::JXLOG_INFO, g_log) << "Connection lost while watching " << takeOut.size()
-                                          << " nodes (reset request of about " << bytes
-                                          << " bytes): the watches are armed again one by one after reconnecting";
         // Stops as soon as the client reconnects: what it still holds then
         // went out in its reset request.
-        Unregister(session, takeOut, reconnecting);
+        const size_t takenOut = Unregister(session, takeOut, reconnecting);
+        if (takenOut == 0) return;
+        JXLOG(logging::JXLOG_INFO, g_log) << "Connection lost while watching " << takenOut
+                                          << " nodes (reset request of about " << bytes
+                                          << " bytes): the watches are armed again one by one after reconnecting";
         return;
     }
     for (WatchRecord* record : rearm) Rearm(session, record);
@@ -179,10 +179,12 @@ void ZooKeeperConnection::MaintainWatches(Session& session) {
 }
 
 template <typename Allowed>
-void ZooKeeperConnection::Unregister(Session& session, const std::vector<WatchRecord*>& records, Allowed&& allowed) {
+size_t ZooKeeperConnection::Unregister(Session& session, const std::vector<WatchRecord*>& records, Allowed&& allowed) {
+    size_t unregistered = 0;
     for (WatchRecord* record : records) {
-        // Local: while reconnecting the client drops its registration at once
-        // instead of failing; while connected it asks the server too.
+        // From the client alone: while reconnecting, the server has already
+        // forgotten the lost connection's watches; while connected, the
+        // caller keeps the server's watch for another record.
         const int rc = allowed() ? zoo_remove_watches(session.m_zh, record->m_path.c_str(),
                                                       record->m_child ? ZWATCHTYPE_CHILD : ZWATCHTYPE_DATA,
                                                       &OnClientWatchEvent, record, 1)
@@ -196,7 +198,9 @@ void ZooKeeperConnection::Unregister(Session& session, const std::vector<WatchRe
         } else if (rc == ZOK) {
             record->m_state = WatchRecord::State::kTakenOut;
         }
+        unregistered += rc == ZOK;
     }
+    return unregistered;
 }
 
 void ZooKeeperConnection::Withdraw(Session& session, const std::vector<WatchRecord*>& records) {

@@ -111,7 +111,7 @@ TEST_F(ConnectionTest, NoCallbackRunsAfterDestructionAndTheLastReferenceMayDieOn
 // change, so that the owner reads the node again, rather than leaving the
 // node unwatched while the session stays connected.
 TEST_F(ConnectionTest, ARefusedRearmIsReportedAsAChange) {
-    const auto rearming = ZooKeeperConnection::Open({s_server->ConnectString(), std::chrono::seconds(10), "", 0});
+    const auto rearming = ZooKeeperConnection::Open({s_server->ConnectString(), std::chrono::seconds(30), "", 0});
     std::atomic<int> changes{0};
     ASSERT_TRUE(rearming->WaitConnected(kDeadline));
     const auto handle = rearming->AsyncGet(path, [&](int type, int, String) { changes += type == ZOO_CHANGED_EVENT; }, kIgnore);
@@ -122,7 +122,14 @@ TEST_F(ConnectionTest, ARefusedRearmIsReportedAsAChange) {
     ASSERT_TRUE(PollUntil([zh] { return zoo_state(zh) == ZOO_CONNECTED_STATE; }, kDeadline));
     ASSERT_EQ(ZOK, zoo_set_acl(zh, path.c_str(), -1, &readableByTheOwnerAlone));
     zookeeper_close(zh);
+    testing::LogCapture logs(logging::JXLOG_INFO);
     s_server->Stop();
+    // The server stays down until the watch is out of the client (which
+    // logs it), or the client would register it again by itself.
+    ASSERT_TRUE(PollUntil([&] {
+        return logs.Count("Connection lost while watching 1 nodes (reset request of about " + std::to_string(path.size() + 4) +
+                          " bytes): the watches are armed again one by one after reconnecting") == 1;
+    }, kDeadline));
     s_server->Start();
     EXPECT_TRUE(PollUntil([&] { return changes == 1; }, kDeadline));
     EXPECT_TRUE(PollUntil([&] { return rearming->PendingWatchCount() == 0; }, kDeadline));

@@ -182,9 +182,10 @@ private:
     // watches taken out and withdraws the ones already reported by a re-arm.
     void MaintainWatches(Session& session);
     // Takes the client's registration of each record away (zoo_remove_watches)
-    // while `allowed()` holds; records the outcome of each.
+    // while `allowed()` holds; records the outcome of each and returns how
+    // many it took away.
     template <typename Allowed>
-    void Unregister(Session& session, const std::vector<WatchRecord*>& records, Allowed&& allowed);
+    size_t Unregister(Session& session, const std::vector<WatchRecord*>& records, Allowed&& allowed);
     // While connected: withdraws `records` (armed, cancelled or reported
     // already, marked busy) from the client, and from the server for the
     // last watch of a node; OnWithdrawn completes the server's part.
