@@ -112,10 +112,14 @@ TEST_F(WatcherTest, DestructionFromAnotherCallbackOnTheDeliveryThread) {
     std::shared_ptr<testing::Recorder> bReports = b->recorder, cReports;
     size_t bSeen = 0, cSeen = 0;
     a.watcher.RegisterShared(std::make_shared<Hook>([&](ServiceWatcher* watcher, const ServiceId*) {
-        if (watcher == nullptr) b.reset(), bSeen = bReports->Snapshot().reports;
+        if (watcher != nullptr) return;  // a removal, as all are at the expiry
+        b.reset();
+        bSeen = bReports->Snapshot().reports;
     }));
     const auto sessionObserver = std::make_shared<Hook>([&](ServiceWatcher*, const ServiceId* id) {
-        if (id == nullptr) c.reset(), cSeen = cReports->Snapshot().reports;
+        if (id != nullptr) return;  // the expiry
+        c.reset();
+        cSeen = cReports->Snapshot().reports;
     });
     conn->RegisterShared(sessionObserver);
     c = std::make_unique<testing::Watched<>>(conn, name);  // notified after the session observer
