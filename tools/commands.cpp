@@ -1,5 +1,6 @@
 #include "commands.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <iostream>
 #include <map>
@@ -153,6 +154,31 @@ int Watch(const CommonOptions& common, const StopSignals& signals, const String&
     });
     watcher.Start();
     signals.Wait();
+    return 0;
+}
+
+int Services(const CommonOptions& common, const StopSignals& signals, bool json) {
+    const auto conn = Connect(common, signals);
+    std::vector<String> services;
+    const int rc = conn->GetChildren("/srv2", services);
+    if (rc != ZOK && rc != ZNONODE) throw ZooError(rc);  // no /srv2: no service yet
+    std::sort(services.begin(), services.end());
+    String array = "[";
+    for (const String& service : services) {
+        std::vector<String> children;
+        // A service removed since the listing is not listed.
+        const int listed = conn->GetChildren(ServicePath(service), children);
+        if (listed == ZNONODE) continue;
+        if (listed != ZOK) throw ZooError(listed);
+        const auto instances = std::count_if(children.begin(), children.end(),
+                                             [](const String& child) { return ParseServiceId(child).has_value(); });
+        if (json) {
+            array += String(array.size() > 1 ? "," : "") + ServiceJson(service, instances);
+        } else {
+            PrintLine(service + " " + std::to_string(instances));
+        }
+    }
+    if (json) PrintLine(array + "]");
     return 0;
 }
 

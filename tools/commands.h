@@ -65,6 +65,10 @@ std::optional<std::pair<String, String>> ParseMetadata(const String& text);
 // Prints every event of `service` until a stop signal; returns 0.
 int Watch(const CommonOptions& common, const StopSignals& signals, const String& service, bool json);
 
+// Prints every service under /srv2 with its number of instances (children
+// named by an instance id), in name order.
+int Services(const CommonOptions& common, const StopSignals& signals, bool json);
+
 // Prints the instances `service` has now.
 int List(const CommonOptions& common, const StopSignals& signals, const String& service, bool json);
 

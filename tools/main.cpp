@@ -147,6 +147,12 @@ int main(int argc, char** argv) {
         addService(watch);
         watch->add_flag("--json", json, "One JSON object per line");
 
+        CLI::App* services = app.add_subcommand(
+            "services",
+            "Print every service under /srv2 with its number of instances, one line each ('payments 12'); with "
+            "--json one array of {\"service\":...,\"instances\":N}.");
+        services->add_flag("--json", json, "One JSON array");
+
         CLI::App* list = app.add_subcommand(
             "list",
             "Print the instances the service has now, one line each; with --json one array of "
@@ -206,6 +212,7 @@ int main(int argc, char** argv) {
         const auto id = idText.empty() ? std::nullopt : ParseServiceId(idText);
 
         if (*watch) return Watch(common, signals, service, json);
+        if (*services) return Services(common, signals, json);
         if (*list) return List(common, signals, service, json);
         if (*get) return Get(common, signals, service, *id, json);
         if (*reg) return Register(common, signals, service, fields, id, compress);

@@ -90,6 +90,10 @@ String EventJson(const char* event, const String& service, const ServiceId& id,
     return json + "}";
 }
 
+String ServiceJson(const String& service, size_t instances) {
+    return "{\"service\":" + Quote(service) + ",\"instances\":" + std::to_string(instances) + "}";
+}
+
 String SyncedText(size_t instances) { return "synced " + std::to_string(instances) + " instances"; }
 
 String SyncedJson(const String& service, size_t instances) {

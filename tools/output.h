@@ -28,6 +28,9 @@ String EventText(const char* event, const ServiceId& id, const ServiceInstanceDa
 String EventJson(const char* event, const String& service, const ServiceId& id,
                  const ServiceInstanceData* record);
 
+// {"service":"<service>","instances":<instances>}
+String ServiceJson(const String& service, size_t instances);
+
 // The view of `service` became complete with `instances` instances.
 // Text: "synced <instances> instances";
 // JSON: {"event":"synced","service":"<service>","instances":<instances>}.

@@ -50,6 +50,7 @@ record=${record/'"weight":0,"metadata":{"env":"prod"}'/'"weight":77,"metadata":{
 check "watch modified" "$(line "$dir/watch" 3)" '{"event":"modified","service":"tool","id":"'"$id"'","instance":'"$record"'}'
 check "get" "$("$ferrow" --zk "$zk" get tool "$id" --json)" '{"id":"'"$id"'","instance":'"$record"'}'
 check "list" "$("$ferrow" --zk "$zk" list tool --json)" '[{"id":"'"$id"'","instance":'"$record"'}]'
+check "services" "$("$ferrow" --zk "$zk" services --json)" '[{"service":"tool","instances":1}]'
 kill -TERM "$reg"
 exited "$reg"; check "register ends on SIGTERM" $? 0
 check "watch removed" "$(line "$dir/watch" 4)" '{"event":"removed","service":"tool","id":"'"$id"'"}'
