@@ -6,6 +6,7 @@
 // session's life, connection_requests.cpp the requests, watch_registry.cpp
 // the watches.
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -110,6 +111,9 @@ struct ZooKeeperConnection::Session {
     ZooKeeperConnection& m_conn;
     const std::uint64_t m_generation;
     zhandle_t* m_zh = nullptr;
+    // The state of the client's latest session event, set on its completion
+    // thread before the session thread is asked to maintain the watches.
+    std::atomic<int> m_lastState{0};
     std::mutex m_watchMtx;
     std::unordered_map<WatchRecord*, std::unique_ptr<WatchRecord>> m_watches;  // guarded by m_watchMtx
     // Records per watched node and kind, by a hash of both: a collision only

@@ -129,14 +129,12 @@ void ZooKeeperConnection::WithdrawWatch(std::uint64_t generation, WatchRecord* r
 
 void ZooKeeperConnection::MaintainWatches(Session& session) {
     using State = WatchRecord::State;
-    // Between two connection attempts the client reports neither connecting
-    // nor connected.
-    auto reconnecting = [&session] {
-        const int state = zoo_state(session.m_zh);
-        return state != ZOO_CONNECTED_STATE && state != ZOO_EXPIRED_SESSION_STATE && state != ZOO_AUTH_FAILED_STATE;
-    };
-    const bool connected = zoo_state(session.m_zh) == ZOO_CONNECTED_STATE;
-    const bool disconnected = !connected && reconnecting();
+    // By the client's latest session event, not by zoo_state: the client
+    // reports a lost connection before its own state says so, and a take-out
+    // decided on a stale "connected" would never be asked for again.
+    const auto reconnecting = [&session] { return session.m_lastState.load() == ZOO_CONNECTING_STATE; };
+    const bool connected = session.m_lastState.load() == ZOO_CONNECTED_STATE && zoo_state(session.m_zh) == ZOO_CONNECTED_STATE;
+    const bool disconnected = reconnecting();
     std::vector<WatchRecord*> takeOut;
     std::vector<WatchRecord*> rearm;
     size_t bytes = 0;

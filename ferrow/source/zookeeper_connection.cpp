@@ -220,6 +220,7 @@ void ZooKeeperConnection::OnClientSessionEvent(zhandle_t*, int type, int state, 
     conn.NotifyStateWaiters();
     if (type != ZOO_SESSION_EVENT) return;
     const std::uint64_t generation = session.m_generation;
+    session.m_lastState = state;
     if (state == ZOO_CONNECTING_STATE || state == ZOO_CONNECTED_STATE) conn.RequestMaintenance(generation);
     // A weak reference: a queued event must not keep the connection alive.
     // Held strongly while the observers run, so that one of them dropping
