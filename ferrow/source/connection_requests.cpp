@@ -98,8 +98,6 @@ std::vector<String> ToNames(const String_vector* strings) {
     return names;
 }
 
-// What one watch adds to the request that re-registers the watches after a
-
 }  // namespace
 
 // A request that dies with its session completes with ZCLOSING: its handle

@@ -183,8 +183,7 @@ size_t ZooKeeperConnection::Unregister(Session& session, const std::vector<Watch
         // From the client alone: while reconnecting, the server has already
         // forgotten the lost connection's watches; while connected, the
         // caller keeps the server's watch for another record.
-        const int rc = allowed() ? zoo_remove_watches(session.m_zh, record->m_path.c_str(),
-                                                      record->m_child ? ZWATCHTYPE_CHILD : ZWATCHTYPE_DATA,
+        const int rc = allowed() ? zoo_remove_watches(session.m_zh, record->m_path.c_str(), WatcherType(record->m_child),
                                                       &OnClientWatchEvent, record, 1)
                                  : ZINVALIDSTATE;
         // Freed records hold no context: their event took it.
