@@ -20,7 +20,6 @@ bool SyncTracker::Track() {
     std::lock_guard<std::mutex> lock(m_mtx);
     if (!m_tracking) {
         m_tracking = true;
-        // Registered after the watcher, so told of every session event after it.
         m_conn->RegisterWeak(std::weak_ptr<ConnectionObserver>(shared_from_this()));
         Begin();
     }
@@ -49,13 +48,15 @@ void SyncTracker::OnSessionEvent(int type, int state, String) {
         m_synced = false;
         ++m_round;
     } else if (state == ZOO_CONNECTED_STATE && !m_synced) {
-        // After the watcher's retries, which this event has just issued.
-        Begin();
+        // The watcher may be told of this event after this tracker and only
+        // then issue its retries: one more read first is answered after
+        // this event's delivery, when the retries have been issued.
+        Begin(0);
     }
 }
 
-void SyncTracker::Begin() {
-    if (m_started && m_tracking && !m_synced) Mark(++m_round, 1);
+void SyncTracker::Begin(int step) {
+    if (m_started && m_tracking && !m_synced) Mark(++m_round, step);
 }
 
 void SyncTracker::Mark(std::uint64_t round, int step) {
@@ -73,7 +74,7 @@ void SyncTracker::OnMark(std::uint64_t round, int step, int rc) {
         std::lock_guard<std::mutex> lock(m_mtx);
         // A lost answer leaves the round to the next connected event.
         if (round != m_round || m_synced || (rc != ZOK && rc != ZNONODE)) return;
-        if (step == 1) return Mark(round, 2);
+        if (step < 2) return Mark(round, step + 1);
         // A retry waits for the next connected event, which begins again.
         if (!m_settled()) return;
         m_synced = true;

@@ -22,11 +22,13 @@ namespace ferrow {
 // every instance it listed; a second read issued then is answered after all
 // of them. When that second answer arrives and the watcher has nothing
 // waiting for a retry, the view is complete. A session expiry makes it
-// incomplete until the same two reads follow the watcher's fresh read.
+// incomplete; the round that follows the next connected event reads once
+// more first, because the watcher may be told of that event after this
+// tracker and issue its fresh read only then.
 //
 // Tracking begins once the watcher has started and someone has asked
-// (Track): it costs two reads of the service node per full read of the
-// service. Thread-safe; owned by a std::shared_ptr (callbacks hold it
+// (Track): it costs two or three reads of the service node per full read of
+// the service. Thread-safe; owned by a std::shared_ptr (callbacks hold it
 // weakly); the owner calls Close before letting it go.
 class SyncTracker : public ConnectionObserver, public std::enable_shared_from_this<SyncTracker> {
 public:
@@ -52,9 +54,11 @@ public:
 
 private:
     // Both require m_mtx held: the connection never calls back inside a
-    // request. Begin starts a round when started and tracked; Mark issues
-    // the read of `step` (1 or 2) of `round`.
-    void Begin();
+    // request. Begin starts a round at `step` when started and tracked; Mark
+    // issues the read of `step` (0, 1 or 2) of `round`. A round begun after
+    // the watcher's own requests starts at 1; one begun on a session event
+    // that the watcher may handle later starts at 0.
+    void Begin(int step = 1);
     void Mark(std::uint64_t round, int step);
     void OnMark(std::uint64_t round, int step, int rc);
 

@@ -22,6 +22,9 @@ line() { until_true has_lines "$1" "$2" && sed -n "${2}p" "$1"; }
 # exited PID: waits up to a minute for PID to end, then kills it; its
 # status is the exit code (137 when killed).
 exited() { timeout 60 tail --pid="$1" -f /dev/null || kill -9 "$1" 2>/dev/null; wait "$1"; }
+# run COMMAND...: COMMAND in the foreground, killed after 30 s (status 124),
+# so that a command that hangs fails its check and names itself.
+run() { timeout -k 5 30 "$@"; }
 
 port=$(free_port)
 printf 'tickTime=2000\ndataDir=%s/data\nclientPort=%s\nclientPortAddress=127.0.0.1\nadmin.enableServer=false\n4lw.commands.whitelist=*\n' \
@@ -29,7 +32,8 @@ printf 'tickTime=2000\ndataDir=%s/data\nclientPort=%s\nclientPortAddress=127.0.0
 setsid java -Xmx256m -cp /usr/share/java/zookeeper.jar org.apache.zookeeper.server.quorum.QuorumPeerMain "$dir/zoo.cfg" \
   >"$dir/server.log" 2>&1 &
 pids+=($!)
-serving() { (exec 3<>"/dev/tcp/127.0.0.1/$port" && echo srvr >&3 && grep -q Mode <&3) 2>/dev/null; }
+# A port that accepts and never answers must not hold the script: each try is bounded.
+serving() { timeout 2 bash -c "exec 3<>/dev/tcp/127.0.0.1/$port && echo srvr >&3 && grep -q Mode <&3" 2>/dev/null; }
 until_true serving || { echo "FAIL: the server did not start:" >&2; cat "$dir/server.log" >&2; exit 1; }
 zk=127.0.0.1:$port
 
@@ -45,12 +49,12 @@ added=$(line "$dir/watch" 2)
 stamp=$(grep -o '"registered_at_ms":"[0-9]*"' <<<"$added")
 record='{"host":"10.0.0.1","port":8080,"protocol":"","version":"","zone":"eu-1","weight":0,"metadata":{"env":"prod"},'$stamp'}'
 check "watch added" "$added" '{"event":"added","service":"tool","id":"'"$id"'","instance":'"$record"'}'
-"$ferrow" --zk "$zk" update tool "$id" --weight 77 --meta added=yes --remove-meta env >/dev/null
+run "$ferrow" --zk "$zk" update tool "$id" --weight 77 --meta added=yes --remove-meta env >/dev/null; check "update" $? 0
 record=${record/'"weight":0,"metadata":{"env":"prod"}'/'"weight":77,"metadata":{"added":"yes"}'}
 check "watch modified" "$(line "$dir/watch" 3)" '{"event":"modified","service":"tool","id":"'"$id"'","instance":'"$record"'}'
-check "get" "$("$ferrow" --zk "$zk" get tool "$id" --json)" '{"id":"'"$id"'","instance":'"$record"'}'
-check "list" "$("$ferrow" --zk "$zk" list tool --json)" '[{"id":"'"$id"'","instance":'"$record"'}]'
-check "services" "$("$ferrow" --zk "$zk" services --json)" '[{"service":"tool","instances":1}]'
+check "get" "$(run "$ferrow" --zk "$zk" get tool "$id" --json)" '{"id":"'"$id"'","instance":'"$record"'}'
+check "list" "$(run "$ferrow" --zk "$zk" list tool --json)" '[{"id":"'"$id"'","instance":'"$record"'}]'
+check "services" "$(run "$ferrow" --zk "$zk" services --json)" '[{"service":"tool","instances":1}]'
 kill -TERM "$reg"
 exited "$reg"; check "register ends on SIGTERM" $? 0
 check "watch removed" "$(line "$dir/watch" 4)" '{"event":"removed","service":"tool","id":"'"$id"'"}'
@@ -64,7 +68,7 @@ taken_id=$(line "$dir/taken" 1) missing=0b5a2e8c-1d7f-4c3a-9e2b-5f6a7b8c9d0e unr
 fails() { # fails CODE STDERR ARGS...: STDERR whole, or for code 2 a part of the usage text
   local code=$1 err=$2 out status
   shift 2
-  out=$("$@" 2>"$dir/err"); status=$?
+  out=$(run "$@" 2>"$dir/err"); status=$?
   check "exit code of $*" "$status" "$code"
   check "output of $*" "$out" ""
   if [ "$code" = 2 ]; then grep -qF -- "$err" "$dir/err" || check "error of $*" "$(cat "$dir/err")" "$err"
