@@ -13,6 +13,8 @@
 
 #include "ferrow/error.h"
 #include "ferrow/instance_data.h"
+#include "ferrow/instance_provider.h"
+#include "ferrow/service_cache.h"
 #include "ferrow/service_registration.h"
 #include "ferrow/service_watcher.h"
 #include "ferrow/zookeeper_connection.h"
@@ -27,6 +29,9 @@ namespace {
 // Attempts of a read-modify-write before giving up on a record that keeps
 // changing under us.
 constexpr int kUpdateAttempts = 5;
+// How long `pick` waits for a complete view: far beyond a sync of a large
+// service, short enough that a script is not held for ever.
+constexpr std::chrono::seconds kPickSyncDeadline{30};
 
 // Writes one line to standard output and flushes it, so that a reader of a
 // pipe sees every line as soon as it is printed.
@@ -207,6 +212,39 @@ int List(const CommonOptions& common, const StopSignals& signals, const String& 
         PrintLine(array + "]");
     } else {
         for (const auto& [id, record] : instances) PrintLine(InstanceText(id, record));
+    }
+    return 0;
+}
+
+int Pick(const CommonOptions& common, const StopSignals& signals, const String& service, const PickOptions& pick,
+         bool json) {
+    const auto conn = Connect(common, signals);
+    std::vector<String> children;
+    // Unlike `watch`, `pick` does not create a missing service.
+    const int rc = conn->GetChildren(ServicePath(service), children);
+    if (rc == ZNONODE) throw CommandError("service '" + service + "' does not exist");
+    if (rc != ZOK) throw ZooError(rc);
+
+    auto cache = std::make_shared<ServiceCache>(conn, service, [service](int code) {
+        std::cerr << "ferrow: ZooKeeper error while reading '" << service << "': " << zerror(code) << std::endl;
+    });
+    cache->Start();
+    const auto deadline = std::chrono::steady_clock::now() + kPickSyncDeadline;
+    while (!cache->WaitSynced(std::chrono::milliseconds(50))) {
+        if (const auto signal = signals.WaitFor(std::chrono::milliseconds(0))) throw Interrupted{*signal};
+        if (std::chrono::steady_clock::now() >= deadline) {
+            throw CommandError("the view of service '" + service + "' was not complete within " +
+                               std::to_string(kPickSyncDeadline.count()) + " s");
+        }
+    }
+    ProviderOptions options;
+    options.strategy = pick.strategy;
+    options.zone = pick.zone;
+    InstanceProvider provider(cache, options);
+    for (unsigned i = 0; i < pick.count; ++i) {
+        const InstancePtr chosen = provider.Choose();
+        if (!chosen) throw CommandError("no instance of service '" + service + "' is available");
+        PrintLine(json ? InstanceJson(chosen->id, chosen->record) : InstanceText(chosen->id, chosen->record));
     }
     return 0;
 }

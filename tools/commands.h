@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "ferrow/instance_provider.h"
 #include "ferrow/service_watcher_observer.h"
 #include "signals.h"
 #include "utility/string.h"
@@ -71,6 +72,19 @@ int Services(const CommonOptions& common, const StopSignals& signals, bool json)
 
 // Prints the instances `service` has now.
 int List(const CommonOptions& common, const StopSignals& signals, const String& service, bool json);
+
+// How `pick` chooses.
+struct PickOptions {
+    ChoiceStrategy strategy = ChoiceStrategy::kRoundRobin;
+    String zone;
+    unsigned count = 1;
+};
+
+// Waits until the view of `service` is complete, then prints `count`
+// choices of one provider, one line each. Fails when the service does not
+// exist or has no instance available.
+int Pick(const CommonOptions& common, const StopSignals& signals, const String& service, const PickOptions& pick,
+         bool json);
 
 // Prints one instance's record.
 int Get(const CommonOptions& common, const StopSignals& signals, const String& service, const ServiceId& id,

@@ -3,11 +3,13 @@
 // flushed as printed); messages and logs go to standard error.
 //
 // Exit codes: 0 success (watch and register: stopped by SIGINT or SIGTERM),
-// 1 failure (cannot connect, no such service or instance, ZooKeeper error),
+// 1 failure (cannot connect, no such service or instance, no instance to pick,
+// ZooKeeper error),
 // 2 invalid command line, 128 + signal when stopped before connecting.
 
 #include <cstdlib>
 #include <iostream>
+#include <map>
 
 #include <CLI/CLI.hpp>
 
@@ -19,6 +21,7 @@
 namespace {
 
 using jx::String;
+using jx::ferrow::ChoiceStrategy;
 using namespace jx::ferrow::cli;
 
 // The log level when neither --log-level nor FERROW_LOG_LEVEL says
@@ -35,7 +38,8 @@ Environment:
   FERROW_LOG_LEVEL  log level used when --log-level is not given
 
 Exit status: 0 success (watch and register: stopped by SIGINT or SIGTERM),
-1 failure (cannot connect, no such service or instance, ZooKeeper error),
+1 failure (cannot connect, no such service or instance, no instance to pick,
+ZooKeeper error),
 2 invalid command line.)";
 
 const CLI::Validator kServiceName(
@@ -153,6 +157,27 @@ int main(int argc, char** argv) {
             "--json one array of {\"service\":...,\"instances\":N}.");
         services->add_flag("--json", json, "One JSON array");
 
+        PickOptions pick;
+        const std::map<String, ChoiceStrategy> strategies = {{"round-robin", ChoiceStrategy::kRoundRobin},
+                                                             {"random", ChoiceStrategy::kRandom},
+                                                             {"weighted", ChoiceStrategy::kWeighted},
+                                                             {"sticky", ChoiceStrategy::kSticky}};
+        CLI::App* pickCommand = app.add_subcommand(
+            "pick",
+            "Wait until the view of the service is complete, then choose instances as a client of the service "
+            "would and print each choice on a line, in the format of list (with --json one "
+            "{\"id\":...,\"instance\":{...}} per line). Drained instances (weight 0) come last; see the "
+            "README's \"Calling a service\". Fails when no instance is available.");
+        addService(pickCommand);
+        pickCommand->add_option("--strategy", pick.strategy, "round-robin (default), random, weighted or sticky")
+            ->transform(CLI::CheckedTransformer(strategies, CLI::ignore_case))
+            ->type_name("STRATEGY");
+        pickCommand->add_option("--zone", pick.zone, "Prefer instances of this zone");
+        pickCommand->add_option("--count", pick.count, "Number of choices to print")
+            ->check(CLI::Range(1u, 1000000u))
+            ->capture_default_str();
+        pickCommand->add_flag("--json", json, "One JSON object per line");
+
         CLI::App* list = app.add_subcommand(
             "list",
             "Print the instances the service has now, one line each; with --json one array of "
@@ -214,6 +239,7 @@ int main(int argc, char** argv) {
         if (*watch) return Watch(common, signals, service, json);
         if (*services) return Services(common, signals, json);
         if (*list) return List(common, signals, service, json);
+        if (*pickCommand) return Pick(common, signals, service, pick, json);
         if (*get) return Get(common, signals, service, *id, json);
         if (*reg) return Register(common, signals, service, fields, id, compress);
         if (fields.Empty()) {

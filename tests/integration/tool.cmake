@@ -2,7 +2,7 @@
 # against the real thing: a ZooKeeper server, the built programs run as child
 # processes, a fresh install tree.
 add_test(NAME tool_integration_test
-  COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/tool_test.sh $<TARGET_FILE:ferrow_cli> $<TARGET_FILE:watch_service> $<TARGET_FILE:publish_instance>)
+  COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/tool_test.sh $<TARGET_FILE:ferrow_cli> $<TARGET_FILE:watch_service> $<TARGET_FILE:publish_instance> $<TARGET_FILE:call_service>)
 set_tests_properties(tool_integration_test PROPERTIES LABELS integration TIMEOUT 300 ENVIRONMENT "${FERROW_TEST_SANITIZER_ENV}")
 
 # Installs this build into a temporary prefix and builds a consumer project

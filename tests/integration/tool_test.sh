@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# tool_test.sh FERROW WATCH_SERVICE PUBLISH_INSTANCE
-# The `ferrow` tool and the README's two examples, run as a user runs them,
+# tool_test.sh FERROW WATCH_SERVICE PUBLISH_INSTANCE CALL_SERVICE
+# The `ferrow` tool and the README's three examples, run as a user runs them,
 # against a real ZooKeeper server that this script starts on a free loopback
 # port and kills by its process id on exit. Every check that fails prints
 # one line; the script exits 1 if any did.
 set -uo pipefail
-ferrow=$1 watch_service=$2 publish_instance=$3
+ferrow=$1 watch_service=$2 publish_instance=$3 call_service=$4
 dir=$(mktemp -d) pids=() failures=0
 cleanup() { for pid in "${pids[@]}"; do kill -9 -- "-$pid" "$pid" 2>/dev/null; done; rm -rf "$dir"; }
 trap cleanup EXIT
@@ -55,9 +55,13 @@ check "watch modified" "$(line "$dir/watch" 3)" '{"event":"modified","service":"
 check "get" "$(run "$ferrow" --zk "$zk" get tool "$id" --json)" '{"id":"'"$id"'","instance":'"$record"'}'
 check "list" "$(run "$ferrow" --zk "$zk" list tool --json)" '[{"id":"'"$id"'","instance":'"$record"'}]'
 check "services" "$(run "$ferrow" --zk "$zk" services --json)" '[{"service":"tool","instances":1}]'
+check "pick" "$(run "$ferrow" --zk "$zk" pick tool --zone eu-2 --count 2 --json)" \
+  "$(printf '{"id":"%s","instance":%s}\n' "$id" "$record" "$id" "$record")"
 kill -TERM "$reg"
 exited "$reg"; check "register ends on SIGTERM" $? 0
 check "watch removed" "$(line "$dir/watch" 4)" '{"event":"removed","service":"tool","id":"'"$id"'"}'
+out=$(run "$ferrow" --zk "$zk" pick tool 2>"$dir/err")
+check "pick from an empty service" "$?|$out|$(cat "$dir/err")" "1||ferrow: no instance of service 'tool' is available"
 kill -INT "$watch"
 exited "$watch"; check "watch ends on SIGINT" $? 0
 
@@ -83,7 +87,8 @@ fails 1 "ferrow: instance $taken_id of service 'tool' is already registered" \
 fails 2 "'not-a-uuid' is not a UUID" "$ferrow" --zk "$zk" get tool not-a-uuid
 fails 2 "'novalue' is not KEY=VALUE" "$ferrow" --zk "$zk" register tool --host h --port 1 --meta novalue
 
-# The README's examples: watch_service prints what publish_instance does.
+# The README's examples: watch_service prints what publish_instance does, and
+# call_service stops choosing an instance whose calls keep failing.
 mkfifo "$dir/stdin"
 "$watch_service" "$zk" example 3 60 >"$dir/example" 2>/dev/null & example=$!
 pids+=("$example")
@@ -93,8 +98,10 @@ pids+=("$publish")
 exec 4>"$dir/stdin"
 id=$(line "$dir/published" 1)
 check "watch_service added" "$(line "$dir/example" 2)" "added $id 10.1.2.3:8443"
-echo state=draining >&4
+echo fail=yes >&4
 check "watch_service modified" "$(line "$dir/example" 3)" "modified $id 10.1.2.3:8443"
+check "call_service" "$(run "$call_service" "$zk" example 5 | tr '\n' ,)" \
+  "call 1 10.1.2.3:8443,call 2 10.1.2.3:8443,call 3 10.1.2.3:8443,call 4: no instance available,call 5: no instance available,"
 exec 4>&-
 exited "$publish"; check "publish_instance ends with its input" $? 0
 check "a library program is quiet by default" "$(cat "$dir/published.err")" ""

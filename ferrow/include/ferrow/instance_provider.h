@@ -1,0 +1,148 @@
+#pragma once
+
+// Chooses one instance of a service per call, from a ServiceCache, for a
+// program that calls the service: by round robin, at random, at random by
+// weight, or sticking to one; preferring a zone; skipping instances that a
+// filter rejects, that are drained (weight 0) or that failed too often.
+//
+// Threads. Every member may be called from any thread at once. Choose takes
+// no lock that the cache's updates take and allocates nothing while the
+// cache is unchanged: it works on a plan derived from one snapshot (the
+// instances the filter accepts, ordered by preference), built by the first
+// Choose that sees a new version of the cache and then reused by every
+// thread. Each thread keeps the plans of the last few providers it chose
+// with, which keeps their snapshots alive until it chooses with others or
+// ends.
+//
+// Ownership. The provider shares the cache. Destroy it on any thread.
+//
+// Preference. Among the instances the filter accepts and that are not down,
+// Choose takes the first group that is not empty:
+//   1. in the preferred zone, with a positive weight;
+//   2. in another zone, with a positive weight;
+//   3. in the preferred zone, drained (weight 0);
+//   4. in another zone, drained.
+// Without a preferred zone, 1 and 3 hold every instance. So a drained
+// instance is never chosen while one with a positive weight is available,
+// and a service whose records all leave the weight at 0 is served by all of
+// them alike. Within the group the strategy chooses.
+//
+// Down instances. ReportFailure counts a failed call on an instance; after
+// `errorThreshold` failures within `errorWindow` the instance is down for
+// `downTime` and skipped, then tried again with its count cleared. When every
+// accepted instance is down, `whenAllDown` decides.
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+
+#include "ferrow/instance_snapshot.h"
+#include "ferrow/service_cache.h"
+#include "utility/string.h"
+#include "utility/uuid_hash.h"
+
+namespace jx {
+namespace ferrow {
+
+enum class ChoiceStrategy {
+    // Each instance in turn. Each calling thread keeps its own turn among a
+    // few shared counters, so that threads do not contend on one.
+    kRoundRobin,
+    // Uniformly at random.
+    kRandom,
+    // At random, in proportion to the record's `weight`.
+    kWeighted,
+    // The same instance until it leaves the cache, is drained, is marked down
+    // or the filter rejects it; then another, at random, shared by all
+    // threads.
+    kSticky,
+};
+
+// What Choose does when every instance the filter accepts is down.
+enum class WhenAllDown {
+    kChooseNone,       // returns null: the caller fails fast
+    kChooseAmongDown,  // chooses among the down ones, as if none were down
+};
+
+struct DownInstancePolicy {
+    int errorThreshold = 3;                             // failures ...
+    std::chrono::milliseconds errorWindow{10'000};      // ... within this time
+    std::chrono::milliseconds downTime{30'000};         // make it down this long
+};
+
+struct ProviderOptions {
+    ChoiceStrategy strategy = ChoiceStrategy::kRoundRobin;
+    // Instances whose record has this zone come first; empty: no preference.
+    String zone;
+    // Accepts an instance; empty accepts all. Runs once per instance and
+    // version of the cache, on a choosing thread, without a lock of the
+    // cache: it must be thread-safe and must not call the provider.
+    std::function<bool(const CachedInstance&)> filter;
+    DownInstancePolicy down;
+    WhenAllDown whenAllDown = WhenAllDown::kChooseNone;
+};
+
+class InstanceProvider {
+public:
+    // Throws std::invalid_argument for a null cache or a threshold below 1.
+    explicit InstanceProvider(std::shared_ptr<const ServiceCache> cache, ProviderOptions options = {});
+    ~InstanceProvider();
+
+    // Shared state of the choosing threads: not copyable or movable.
+    InstanceProvider(const InstanceProvider&) = delete;
+    InstanceProvider& operator=(const InstanceProvider&) = delete;
+
+    // One instance, or null when none is available. The pointer stays valid
+    // as long as it is held, whatever the cache does meanwhile.
+    InstancePtr Choose();
+
+    // A call to the instance `id` failed. Unknown ids count too: an instance
+    // that comes back within the window keeps its count.
+    void ReportFailure(const ServiceId& id);
+    // Whether `id` is down now.
+    bool IsDown(const ServiceId& id) const;
+
+    struct Plan;
+    struct Health;
+
+private:
+    // The plan for the cache's latest snapshot, built if needed.
+    std::shared_ptr<const Plan> LatestPlan();
+    // This thread's plan for the cache's current version.
+    const Plan& CurrentPlan();
+    std::shared_ptr<const Plan> BuildPlan(SnapshotPtr snapshot);
+    // Requires m_healthMtx held. The health record of `id`, made if missing.
+    const std::shared_ptr<Health>& HealthOf(const ServiceId& id);
+    // The index in `plan` of the instance to choose, or Plan::kNone; `now`
+    // is read from the clock at the first down instance met, 0 until then.
+    std::size_t ChooseIndex(const Plan& plan, std::int64_t& now);
+    std::size_t ChooseIn(const Plan& plan, std::size_t group, bool evenDown, std::int64_t& now);
+    InstancePtr ChooseSticky(const Plan& plan, std::int64_t& now);
+
+    const std::shared_ptr<const ServiceCache> m_cache;
+    const ProviderOptions m_options;
+    const std::uint64_t m_id;  // names this provider in the threads' plan caches
+
+    std::mutex m_planMtx;  // guards m_plan; taken only when the cache changed
+    std::shared_ptr<const Plan> m_plan;
+
+    mutable std::mutex m_healthMtx;  // guards m_health and each Health's failures
+    std::unordered_map<ServiceId, std::shared_ptr<Health>> m_health;
+
+    // Round robin: a few counters on lines of their own, one per group of
+    // threads, each starting at a different place.
+    struct alignas(64) Turn {
+        std::atomic<std::uint64_t> next{0};
+    };
+    static constexpr std::size_t kTurns = 8;
+    Turn m_turns[kTurns];
+    // Sticky: the plan version (low half) and index (high half) of the choice.
+    std::atomic<std::uint64_t> m_sticky{0};
+};
+
+}  // namespace ferrow
+}  // namespace jx

@@ -1,0 +1,87 @@
+#pragma once
+
+// What a ServiceCache holds: every known instance of one service, id and
+// decoded record, as an immutable snapshot that any thread may read for as
+// long as it holds it.
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "ferrow/service_watcher_observer.h"
+
+namespace jx {
+namespace ferrow {
+
+// One instance as the cache knows it. Immutable once published: a change of
+// record makes a new CachedInstance, so a pointer to one never sees its
+// record change.
+struct CachedInstance {
+    ServiceId id;
+    ServiceInstanceData record;
+};
+using InstancePtr = std::shared_ptr<const CachedInstance>;
+
+class InstanceTable;
+
+// The instances of a service at one moment, in no particular order; the
+// order changes from one snapshot to the next. Immutable and thread-safe.
+// Snapshots share the instances they have in common: holding one costs a
+// reference, not a copy, and keeps its instances alive.
+class InstanceSnapshot {
+public:
+    // The number of entries per shared block: an update copies one or two
+    // blocks and the list of blocks, never the whole snapshot.
+    static constexpr std::size_t kBlockSize = 64;
+    using Block = std::array<InstancePtr, kBlockSize>;
+
+    // An empty snapshot, version 0.
+    InstanceSnapshot() = default;
+
+    std::size_t size() const { return m_size; }
+    bool empty() const { return m_size == 0; }
+    // The entry at `index`, which must be below size(). Constant time.
+    const InstancePtr& operator[](std::size_t index) const {
+        return (*m_blocks[index / kBlockSize])[index % kBlockSize];
+    }
+    // The instance with `id`, or null. Linear in size(): for a lookup now and
+    // then, not for every request.
+    InstancePtr Find(const ServiceId& id) const;
+
+    // Grows by one with every change the cache applies; equal versions of one
+    // cache's snapshots mean equal contents.
+    std::uint64_t Version() const { return m_version; }
+
+    // Forward iteration over the entries, for range-for.
+    class Iterator {
+    public:
+        Iterator(const InstanceSnapshot& snapshot, std::size_t index) : m_snapshot(&snapshot), m_index(index) {}
+        const InstancePtr& operator*() const { return (*m_snapshot)[m_index]; }
+        Iterator& operator++() {
+            ++m_index;
+            return *this;
+        }
+        bool operator!=(const Iterator& other) const { return m_index != other.m_index; }
+
+    private:
+        const InstanceSnapshot* m_snapshot;
+        std::size_t m_index;
+    };
+    Iterator begin() const { return Iterator(*this, 0); }
+    Iterator end() const { return Iterator(*this, m_size); }
+
+private:
+    friend class InstanceTable;
+    InstanceSnapshot(std::vector<std::shared_ptr<const Block>> blocks, std::size_t size, std::uint64_t version)
+        : m_blocks(std::move(blocks)), m_size(size), m_version(version) {}
+
+    std::vector<std::shared_ptr<const Block>> m_blocks;
+    std::size_t m_size = 0;
+    std::uint64_t m_version = 0;
+};
+using SnapshotPtr = std::shared_ptr<const InstanceSnapshot>;
+
+}  // namespace ferrow
+}  // namespace jx

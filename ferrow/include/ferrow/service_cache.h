@@ -1,0 +1,107 @@
+#pragma once
+
+// Keeps every instance of one service, id and decoded record, in memory, as
+// immutable snapshots that any thread takes in constant time.
+//
+// Threads. The cache applies the watcher's reports on the connection's
+// delivery thread, one at a time: each builds the next snapshot beside the
+// current one and then swaps it in. Snapshot() never waits for that work; it
+// copies one pointer. Every member may be called from any thread.
+//
+// Ownership. A cache either owns its ServiceWatcher (the first constructor)
+// or is attached to one the program owns (the second), which must then
+// outlive the cache. Snapshots are shared: one stays valid, unchanged, for
+// as long as someone holds it, also after the cache is gone.
+//
+// Destruction, on any thread other than inside this cache's own observers:
+// once the destructor returns, no observer of the cache runs. An owned
+// watcher is destroyed first, with the rules of ~ServiceWatcher.
+//
+// What is in it. Every instance the watcher reported added and not removed,
+// with the record of its latest report. An instance whose record cannot be
+// decoded (a corrupt compressed record) is never reported, so it is not in
+// the cache; if a known instance's record turns corrupt, the cache keeps the
+// last record that decoded until a good one comes or the instance leaves. A
+// record that is only partly valid is kept as far as it parsed, as the
+// watcher reports it. After a session expiry the watcher reports every
+// instance removed and reads the service again: the cache empties and fills
+// again with it, and IsSynced() says when it is complete.
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "ferrow/connection_v2.h"
+#include "ferrow/instance_snapshot.h"
+#include "ferrow/service_watcher.h"
+#include "utility/observable.h"
+
+namespace jx {
+namespace ferrow {
+
+class ServiceCache;
+
+// Told of each change a cache applies, on the delivery thread, after the
+// snapshot that contains it is published, with no lock of the cache held.
+// The default bodies ignore the change.
+class ServiceCacheObserver {
+public:
+    virtual ~ServiceCacheObserver() = default;
+    virtual void OnInstanceAdded(ServiceCache&, const InstancePtr& /*added*/) {}
+    virtual void OnInstanceModified(ServiceCache&, const InstancePtr& /*before*/, const InstancePtr& /*after*/) {}
+    virtual void OnInstanceRemoved(ServiceCache&, const InstancePtr& /*removed*/) {}
+};
+
+class ServiceCache : public Observable<ServiceCacheObserver> {
+public:
+    // A cache with a watcher of its own for `service` on `conn`; nothing is
+    // read until Start. `zkErrorHandler` as for ServiceWatcher.
+    ServiceCache(std::shared_ptr<Connection> conn, const String& service, ZkErrorHandler zkErrorHandler);
+    // A cache fed by `watcher`, which the caller owns, starts and keeps alive
+    // for as long as the cache lives. Attach before the watcher starts: the
+    // cache knows only the instances reported after it was made.
+    explicit ServiceCache(ServiceWatcher& watcher);
+    ~ServiceCache() override;
+
+    // Observers receive this object by reference: it cannot move or be copied.
+    ServiceCache(const ServiceCache&) = delete;
+    ServiceCache& operator=(const ServiceCache&) = delete;
+
+    // Starts the owned watcher (ServiceWatcher::Start). Does nothing for an
+    // attached cache: its owner starts the watcher.
+    void Start();
+
+    // The instances now. Constant time; never waits for an update.
+    SnapshotPtr Snapshot() const;
+    // The version of the latest snapshot; cheaper than Snapshot() for a
+    // reader that only wants to know whether anything changed.
+    std::uint64_t Version() const;
+
+    // As ServiceWatcher's: whether every instance of the service's latest
+    // full read is in the cache (a snapshot taken after true contains them).
+    bool IsSynced() const;
+    bool WaitSynced(std::chrono::milliseconds deadline) const;
+
+    // The watcher that feeds the cache.
+    ServiceWatcher& Watcher() const { return *m_watcher; }
+
+    void RegisterShared(std::shared_ptr<ServiceCacheObserver> observer) override;
+    void RegisterWeak(std::weak_ptr<ServiceCacheObserver> observer) override;
+    void UnregisterShared(const std::shared_ptr<ServiceCacheObserver>& observer) override;
+    void UnregisterWeak(const std::weak_ptr<ServiceCacheObserver>& observer) override;
+    void UnregisterRaw(const ServiceCacheObserver* observer) override;
+
+    class State;
+
+private:
+    // Null for an attached cache.
+    std::unique_ptr<ServiceWatcher> m_owned;
+    ServiceWatcher* const m_watcher;
+    // Applies the watcher's reports and holds the snapshots; shared with
+    // the watcher's observer registry.
+    const std::shared_ptr<State> m_state;
+};
+
+}  // namespace ferrow
+}  // namespace jx

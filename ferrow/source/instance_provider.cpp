@@ -1,0 +1,277 @@
+#include "ferrow/instance_provider.h"
+
+#include <algorithm>
+#include <random>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace jx {
+namespace ferrow {
+
+// What the provider knows of one instance's calls. Plans point to it; the
+// provider keeps it while the instance is in the cache or still counting.
+struct InstanceProvider::Health {
+    // steady_clock nanoseconds until which the instance is down; 0: never was.
+    std::atomic<std::int64_t> downUntil{0};
+    // Guarded by m_healthMtx: the times of the failures within the window.
+    std::vector<std::int64_t> failures;
+    // Guarded by m_healthMtx: the version of the last plan that included it.
+    std::uint64_t seenIn = 0;
+};
+
+// The accepted instances of one snapshot, by group of preference (see the
+// header), with what Choose needs to decide without a lock.
+struct InstanceProvider::Plan {
+    struct Entry {
+        const InstancePtr* instance;  // into `snapshot`
+        Health* health;               // kept alive by `healths`
+        std::uint64_t cumulativeWeight;  // within its group, up to this entry
+    };
+    static constexpr std::size_t kGroups = 4;
+    static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+
+    SnapshotPtr snapshot;
+    std::uint64_t version = 0;
+    std::vector<Entry> entries;
+    std::size_t groupStart[kGroups + 1] = {};  // group g is [groupStart[g], groupStart[g + 1])
+    std::vector<std::shared_ptr<Health>> healths;
+};
+
+namespace {
+
+using Plan = InstanceProvider::Plan;
+
+std::int64_t NowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+std::uint64_t NextProviderId() {
+    static std::atomic<std::uint64_t> next{1};
+    return next.fetch_add(1, std::memory_order_relaxed);
+}
+
+// A small per-thread number: which round-robin counter the thread uses.
+std::size_t ThreadSlot() {
+    static std::atomic<std::size_t> next{0};
+    thread_local const std::size_t slot = next.fetch_add(1, std::memory_order_relaxed);
+    return slot;
+}
+
+// splitmix64, one per thread: fast, and good enough to spread load.
+std::uint64_t Random() {
+    thread_local std::uint64_t state =
+        std::random_device{}() ^ (std::hash<std::thread::id>{}(std::this_thread::get_id()) << 1);
+    std::uint64_t z = (state += 0x9e3779b97f4a7c15ULL);
+    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
+    z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
+    return z ^ (z >> 31);
+}
+
+// The plans of the last few providers this thread chose with.
+struct ThreadPlans {
+    struct Slot {
+        std::uint64_t provider = 0;
+        std::shared_ptr<const Plan> plan;
+    };
+    static constexpr std::size_t kSlots = 4;
+    Slot slots[kSlots];
+    std::size_t next = 0;
+};
+thread_local ThreadPlans t_plans;
+
+bool DownNow(const Plan::Entry& entry, std::int64_t& now) {
+    const std::int64_t until = entry.health->downUntil.load(std::memory_order_relaxed);
+    if (until == 0) return false;
+    if (now == 0) now = NowNs();
+    return until > now;
+}
+
+std::uint64_t StickyKey(std::uint64_t version, std::size_t index) {
+    return (static_cast<std::uint64_t>(index) << 32) | (version & 0xffffffffULL);
+}
+
+}  // namespace
+
+InstanceProvider::InstanceProvider(std::shared_ptr<const ServiceCache> cache, ProviderOptions options)
+    : m_cache(std::move(cache)), m_options(std::move(options)), m_id(NextProviderId()) {
+    if (!m_cache) throw std::invalid_argument("InstanceProvider needs a cache");
+    if (m_options.down.errorThreshold < 1) throw std::invalid_argument("errorThreshold must be at least 1");
+    // Threads of different counters start at different places.
+    for (Turn& turn : m_turns) turn.next.store(Random() >> 1, std::memory_order_relaxed);
+}
+
+InstanceProvider::~InstanceProvider() = default;
+
+InstancePtr InstanceProvider::Choose() {
+    const Plan& plan = CurrentPlan();
+    std::int64_t now = 0;
+    if (m_options.strategy == ChoiceStrategy::kSticky) return ChooseSticky(plan, now);
+    const std::size_t index = ChooseIndex(plan, now);
+    return index == Plan::kNone ? nullptr : *plan.entries[index].instance;
+}
+
+std::size_t InstanceProvider::ChooseIndex(const Plan& plan, std::int64_t& now) {
+    for (std::size_t group = 0; group < Plan::kGroups; ++group) {
+        const std::size_t index = ChooseIn(plan, group, false, now);
+        if (index != Plan::kNone) return index;
+    }
+    if (m_options.whenAllDown == WhenAllDown::kChooseAmongDown) {
+        for (std::size_t group = 0; group < Plan::kGroups; ++group) {
+            const std::size_t index = ChooseIn(plan, group, true, now);
+            if (index != Plan::kNone) return index;
+        }
+    }
+    return Plan::kNone;
+}
+
+std::size_t InstanceProvider::ChooseIn(const Plan& plan, std::size_t group, bool evenDown, std::int64_t& now) {
+    const std::size_t begin = plan.groupStart[group];
+    const std::size_t count = plan.groupStart[group + 1] - begin;
+    if (count == 0) return Plan::kNone;
+    std::size_t start;
+    if (m_options.strategy == ChoiceStrategy::kRoundRobin) {
+        start = m_turns[ThreadSlot() % kTurns].next.fetch_add(1, std::memory_order_relaxed) % count;
+    } else if (m_options.strategy == ChoiceStrategy::kWeighted && plan.entries[begin + count - 1].cumulativeWeight > 0) {
+        const auto first = plan.entries.begin() + static_cast<std::ptrdiff_t>(begin);
+        const std::uint64_t point = Random() % plan.entries[begin + count - 1].cumulativeWeight;
+        start = static_cast<std::size_t>(
+            std::upper_bound(first, first + static_cast<std::ptrdiff_t>(count), point,
+                             [](std::uint64_t p, const Plan::Entry& e) { return p < e.cumulativeWeight; }) -
+            first);
+    } else {
+        start = Random() % count;
+    }
+    // A down instance passes its turn to the next one.
+    for (std::size_t step = 0; step < count; ++step) {
+        const std::size_t index = begin + (start + step) % count;
+        if (evenDown || !DownNow(plan.entries[index], now)) return index;
+    }
+    return Plan::kNone;
+}
+
+InstancePtr InstanceProvider::ChooseSticky(const Plan& plan, std::int64_t& now) {
+    const std::uint64_t key = m_sticky.load(std::memory_order_acquire);
+    if ((key & 0xffffffffULL) == (plan.version & 0xffffffffULL)) {
+        const std::size_t index = static_cast<std::size_t>(key >> 32);
+        const bool drained = index >= plan.groupStart[2];
+        // A drained choice stands only while nothing has a positive weight.
+        if (index < plan.entries.size() && (!drained || plan.groupStart[2] == 0) &&
+            !DownNow(plan.entries[index], now)) {
+            return *plan.entries[index].instance;
+        }
+    }
+    const std::size_t index = ChooseIndex(plan, now);
+    if (index == Plan::kNone) return nullptr;
+    // Another thread may have chosen meanwhile; the latest choice stands.
+    m_sticky.store(StickyKey(plan.version, index), std::memory_order_release);
+    return *plan.entries[index].instance;
+}
+
+const Plan& InstanceProvider::CurrentPlan() {
+    const std::uint64_t version = m_cache->Version();
+    ThreadPlans& plans = t_plans;
+    for (ThreadPlans::Slot& slot : plans.slots) {
+        if (slot.provider != m_id) continue;
+        if (slot.plan->version != version) slot.plan = LatestPlan();
+        return *slot.plan;
+    }
+    ThreadPlans::Slot& slot = plans.slots[plans.next++ % ThreadPlans::kSlots];
+    slot.provider = m_id;
+    slot.plan = LatestPlan();
+    return *slot.plan;
+}
+
+std::shared_ptr<const Plan> InstanceProvider::LatestPlan() {
+    SnapshotPtr snapshot = m_cache->Snapshot();
+    std::lock_guard<std::mutex> lock(m_planMtx);
+    if (!m_plan || m_plan->version != snapshot->Version()) {
+        std::shared_ptr<const Plan> plan = BuildPlan(std::move(snapshot));
+        // The sticky choice follows its instance into the new plan.
+        const std::uint64_t key = m_sticky.load(std::memory_order_acquire);
+        if (m_plan && (key & 0xffffffffULL) == (m_plan->version & 0xffffffffULL) &&
+            (key >> 32) < m_plan->entries.size()) {
+            const ServiceId& id = (*m_plan->entries[key >> 32].instance)->id;
+            for (std::size_t index = 0; index < plan->entries.size(); ++index) {
+                if ((*plan->entries[index].instance)->id != id) continue;
+                std::uint64_t expected = key;
+                m_sticky.compare_exchange_strong(expected, StickyKey(plan->version, index));
+                break;
+            }
+        }
+        m_plan = std::move(plan);
+    }
+    return m_plan;
+}
+
+std::shared_ptr<const Plan> InstanceProvider::BuildPlan(SnapshotPtr snapshot) {
+    auto plan = std::make_shared<Plan>();
+    plan->version = snapshot->Version();
+    // The filter is the caller's code: it runs without a lock held.
+    std::vector<const InstancePtr*> groups[Plan::kGroups];
+    for (std::size_t index = 0; index < snapshot->size(); ++index) {
+        const InstancePtr& instance = (*snapshot)[index];
+        if (m_options.filter && !m_options.filter(*instance)) continue;
+        const bool elsewhere = !m_options.zone.empty() && instance->record.zone() != m_options.zone;
+        const bool drained = instance->record.weight() == 0;
+        groups[(drained ? 2 : 0) + (elsewhere ? 1 : 0)].push_back(&instance);
+    }
+    std::lock_guard<std::mutex> lock(m_healthMtx);
+    for (std::size_t group = 0; group < Plan::kGroups; ++group) {
+        plan->groupStart[group] = plan->entries.size();
+        std::uint64_t cumulative = 0;
+        for (const InstancePtr* instance : groups[group]) {
+            const std::shared_ptr<Health>& health = HealthOf((*instance)->id);
+            health->seenIn = plan->version;
+            cumulative += (*instance)->record.weight();
+            plan->entries.push_back(Plan::Entry{instance, health.get(), cumulative});
+            plan->healths.push_back(health);
+        }
+    }
+    plan->groupStart[Plan::kGroups] = plan->entries.size();
+    // Forget instances that left and have nothing left to count.
+    const std::int64_t now = NowNs();
+    const std::int64_t windowStart = now - std::chrono::nanoseconds(m_options.down.errorWindow).count();
+    for (auto it = m_health.begin(); it != m_health.end();) {
+        const Health& health = *it->second;
+        const bool counting = health.downUntil.load() > now ||
+                              std::any_of(health.failures.begin(), health.failures.end(),
+                                          [&](std::int64_t at) { return at > windowStart; });
+        it = health.seenIn != plan->version && !counting ? m_health.erase(it) : std::next(it);
+    }
+    plan->snapshot = std::move(snapshot);
+    return plan;
+}
+
+const std::shared_ptr<InstanceProvider::Health>& InstanceProvider::HealthOf(const ServiceId& id) {
+    std::shared_ptr<Health>& health = m_health[id];
+    if (!health) health = std::make_shared<Health>();
+    return health;
+}
+
+void InstanceProvider::ReportFailure(const ServiceId& id) {
+    const std::int64_t now = NowNs();
+    const std::int64_t windowStart = now - std::chrono::nanoseconds(m_options.down.errorWindow).count();
+    std::lock_guard<std::mutex> lock(m_healthMtx);
+    Health& health = *HealthOf(id);
+    std::vector<std::int64_t>& failures = health.failures;
+    failures.erase(std::remove_if(failures.begin(), failures.end(), [&](std::int64_t at) { return at <= windowStart; }),
+                   failures.end());
+    failures.push_back(now);
+    if (static_cast<int>(failures.size()) >= m_options.down.errorThreshold) {
+        failures.clear();
+        health.downUntil.store(now + std::chrono::nanoseconds(m_options.down.downTime).count(),
+                               std::memory_order_relaxed);
+    }
+}
+
+bool InstanceProvider::IsDown(const ServiceId& id) const {
+    std::lock_guard<std::mutex> lock(m_healthMtx);
+    const auto it = m_health.find(id);
+    return it != m_health.end() && it->second->downUntil.load(std::memory_order_relaxed) > NowNs();
+}
+
+}  // namespace ferrow
+}  // namespace jx

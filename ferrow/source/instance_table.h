@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "ferrow/instance_snapshot.h"
+#include "utility/uuid_hash.h"
+
+namespace jx {
+namespace ferrow {
+
+// The writer's side of a cache's snapshots: applies one change at a time and
+// publishes the result as an InstanceSnapshot. A change copies the one or two
+// blocks it touches and the list of blocks; published snapshots keep sharing
+// everything else. Not thread-safe: one writer at a time; the snapshots it
+// publishes are free for any thread.
+class InstanceTable {
+public:
+    // Adds the instance, or replaces the one with its id. Returns the one it
+    // replaced, or null.
+    InstancePtr Put(InstancePtr instance);
+    // Removes the instance with `id`; returns it, or null when unknown.
+    InstancePtr Remove(const ServiceId& id);
+    // A snapshot of the contents now, one version above the previous one.
+    SnapshotPtr Publish();
+
+    std::size_t size() const { return m_size; }
+
+private:
+    using Block = InstanceSnapshot::Block;
+    // The slot at `index`, in a block of its own: a block still shared with
+    // a published snapshot is copied first.
+    InstancePtr& Slot(std::size_t index);
+
+    std::vector<std::shared_ptr<Block>> m_blocks;
+    std::unordered_map<ServiceId, std::size_t> m_positions;  // id -> index
+    std::size_t m_size = 0;
+    std::uint64_t m_version = 0;
+};
+
+}  // namespace ferrow
+}  // namespace jx
