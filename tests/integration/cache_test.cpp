@@ -1,0 +1,206 @@
+// The cache of a service and the provider that chooses from it, over the
+// real connection against a real server.
+
+#include <atomic>
+#include <map>
+#include <thread>
+
+#include <boost/uuid/random_generator.hpp>
+#include <gtest/gtest.h>
+
+#include "ferrow/instance_provider.h"
+#include "ferrow/service_cache.h"
+#include "tests/support/instances.h"
+#include "tests/support/zk_server.h"
+
+namespace jx {
+namespace ferrow {
+namespace {
+
+using testing::InstanceMap;
+using testing::MakeRecord;
+using testing::PollUntil;
+constexpr std::chrono::seconds kPatience{30};
+boost::uuids::random_generator g_generate;
+
+class CacheTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { (s_server = new testing::ZkServer())->Start(); }
+    static void TearDownTestSuite() { delete s_server; }
+    static inline testing::ZkServer* s_server = nullptr;
+    const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    testing::InstanceWriter writer{s_server->ConnectString(), name};
+    const std::shared_ptr<ZooKeeperConnection> conn = testing::Connect(s_server->ConnectString());
+
+    std::shared_ptr<ServiceCache> StartCache() {
+        auto cache = std::make_shared<ServiceCache>(conn, name, [](int rc) { ADD_FAILURE() << zerror(rc); });
+        cache->Start();
+        EXPECT_TRUE(cache->WaitSynced(kPatience));
+        return cache;
+    }
+};
+
+InstanceMap Contents(const InstanceSnapshot& snapshot) {
+    InstanceMap contents;
+    for (const InstancePtr& instance : snapshot) contents.emplace(instance->id, instance->record);
+    EXPECT_EQ(contents.size(), snapshot.size()) << "an id twice";
+    return contents;
+}
+
+// Counts the observers' reports by kind, checking that a modification's
+// `before` is the instance that was cached.
+struct Counter : ServiceCacheObserver {
+    void OnInstanceAdded(ServiceCache&, const InstancePtr&) override { ++added; }
+    void OnInstanceModified(ServiceCache&, const InstancePtr& before, const InstancePtr& after) override {
+        modified += before->id == after->id && !testing::SameRecord(before->record, after->record);
+    }
+    void OnInstanceRemoved(ServiceCache&, const InstancePtr&) override { ++removed; }
+    std::atomic<int> added{0}, modified{0}, removed{0};
+};
+
+// Complete once synced; every change lands in a new snapshot while the old
+// ones keep what they held; an expiry empties and refills it.
+TEST_F(CacheTest, SnapshotsFollowTheServiceAndNeverChange) {
+    InstanceMap truth;
+    for (int i = 0; i < 150; ++i) truth.emplace(g_generate(), MakeRecord(i));  // three blocks
+    writer.CreateAll(truth);
+    const auto cache = StartCache();
+    const auto counter = std::make_shared<Counter>();
+    cache->RegisterShared(counter);
+    const SnapshotPtr first = cache->Snapshot();
+    EXPECT_TRUE(testing::SameInstances(truth, Contents(*first)));
+
+    const InstanceMap before = truth;
+    auto it = truth.begin();
+    for (int i = 0; i < 20; ++i, ++it) {  // removals from the first block pull entries from the last
+        writer.Remove(it->first);
+        it = truth.erase(it);
+        it->second.set_port(it->second.port() + 1);
+        writer.Set(it->first, it->second);
+    }
+    const ServiceId added = g_generate();
+    writer.Create(added, truth[added] = MakeRecord(999));
+    EXPECT_TRUE(PollUntil([&] { return testing::SameInstances(truth, Contents(*cache->Snapshot())); }, kPatience));
+    EXPECT_TRUE(testing::SameInstances(before, Contents(*first)));
+    EXPECT_EQ(counter->removed, 20);
+    EXPECT_EQ(counter->modified, 20);
+    EXPECT_EQ(counter->added, 1);
+    EXPECT_EQ(cache->Snapshot()->Version(), first->Version() + 41);
+    EXPECT_EQ(cache->Snapshot()->Find(added)->record.port(), truth[added].port());
+
+    ASSERT_TRUE(testing::ExpireSession(s_server->ConnectString(), *conn));
+    EXPECT_TRUE(PollUntil([&] { return counter->removed == 20 + 131 && cache->IsSynced(); }, kPatience));
+    EXPECT_TRUE(testing::SameInstances(truth, Contents(*cache->Snapshot())));
+}
+
+// Preference by zone and weight, the strategies within a group, down
+// instances and what happens when all are down.
+TEST_F(CacheTest, ProviderChoosesByPreferenceAndSkipsDownInstances) {
+    const ServiceId a = g_generate(), b = g_generate(), c = g_generate(), d = g_generate();
+    const auto record = [](const char* zone, unsigned weight) {
+        ServiceInstanceData r = MakeRecord(static_cast<int>(weight));
+        r.set_zone(zone);
+        r.set_weight(weight);
+        return r;
+    };
+    writer.CreateAll({{a, record("z1", 1)}, {b, record("z1", 3)}, {c, record("z2", 5)}, {d, record("z1", 0)}});
+    const auto cache = StartCache();
+    const auto chosen = [](InstanceProvider& provider, int times) {
+        std::map<ServiceId, int> counts;
+        for (int i = 0; i < times; ++i) {
+            const InstancePtr instance = provider.Choose();
+            ++counts[instance ? instance->id : ServiceId()];
+        }
+        return counts;
+    };
+
+    ProviderOptions options;
+    options.zone = "z1";
+    options.down.downTime = std::chrono::milliseconds(500);
+    InstanceProvider roundRobin(cache, options);
+    EXPECT_EQ(chosen(roundRobin, 8), (std::map<ServiceId, int>{{a, 4}, {b, 4}}));
+    options.strategy = ChoiceStrategy::kWeighted;
+    InstanceProvider weighted(cache, options);
+    const auto counts = chosen(weighted, 4000);
+    EXPECT_EQ(counts.size(), 2u);
+    EXPECT_NEAR(counts.at(b), 3000, 300);  // eleven standard deviations
+
+    // Down in order of preference: the other zone, then the drained, then none.
+    for (int i = 0; i < 3; ++i) roundRobin.ReportFailure(a);
+    EXPECT_TRUE(roundRobin.IsDown(a));
+    EXPECT_EQ(chosen(roundRobin, 4), (std::map<ServiceId, int>{{b, 4}}));
+    for (int i = 0; i < 3; ++i) roundRobin.ReportFailure(b);
+    EXPECT_EQ(chosen(roundRobin, 2), (std::map<ServiceId, int>{{c, 2}}));
+    for (int i = 0; i < 3; ++i) roundRobin.ReportFailure(c);
+    EXPECT_EQ(chosen(roundRobin, 2), (std::map<ServiceId, int>{{d, 2}}));
+    for (int i = 0; i < 3; ++i) roundRobin.ReportFailure(d);
+    EXPECT_EQ(roundRobin.Choose(), nullptr);
+    EXPECT_FALSE(weighted.IsDown(a)) << "each provider counts its own failures";
+    EXPECT_TRUE(PollUntil([&] { return roundRobin.Choose() != nullptr; }, kPatience)) << "tried again after downTime";
+
+    options.whenAllDown = WhenAllDown::kChooseAmongDown;
+    options.filter = [c](const CachedInstance& instance) { return instance.id != c; };
+    InstanceProvider filtered(cache, options);
+    for (const ServiceId& id : {a, b, d}) filtered.ReportFailure(id), filtered.ReportFailure(id), filtered.ReportFailure(id);
+    EXPECT_EQ(chosen(filtered, 100).count(c), 0u);
+    EXPECT_NE(filtered.Choose(), nullptr);
+}
+
+// Sticky: one instance for every thread until it is drained or leaves.
+TEST_F(CacheTest, StickyChoiceHoldsUntilItsInstanceIsDrainedOrLeaves) {
+    InstanceMap truth;
+    for (int i = 0; i < 10; ++i) truth.emplace(g_generate(), MakeRecord(i));
+    writer.CreateAll(truth);
+    const auto cache = StartCache();
+    InstanceProvider sticky(cache, ProviderOptions{ChoiceStrategy::kSticky});
+    const ServiceId first = sticky.Choose()->id;
+    std::thread other([&] { EXPECT_EQ(sticky.Choose()->id, first); });
+    other.join();
+    writer.Set(first, truth[first] = MakeRecord(1000), testing::Encoding::Raw);  // changed, still positive
+    ASSERT_TRUE(PollUntil([&] { return cache->Snapshot()->Find(first)->record.port() == truth[first].port(); }, kPatience));
+    EXPECT_EQ(sticky.Choose()->id, first);
+    truth[first].set_weight(0);
+    writer.Set(first, truth[first]);
+    ASSERT_TRUE(PollUntil([&] { return sticky.Choose()->id != first; }, kPatience));
+    const ServiceId second = sticky.Choose()->id;
+    EXPECT_EQ(sticky.Choose()->id, second);
+    writer.Remove(second);
+    EXPECT_TRUE(PollUntil([&] { return sticky.Choose()->id != second; }, kPatience));
+}
+
+// Threads choose and take snapshots while the service changes under them:
+// every choice is a whole instance of the service.
+TEST_F(CacheTest, ChoosingRacesUpdatesSafely) {
+    InstanceMap truth;
+    for (int i = 0; i < 100; ++i) truth.emplace(g_generate(), MakeRecord(i));
+    writer.CreateAll(truth);
+    const auto cache = StartCache();
+    InstanceProvider provider(cache, ProviderOptions{ChoiceStrategy::kRandom});
+    std::atomic<bool> done{false};
+    std::atomic<long> choices{0}, broken{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&] {
+            while (!done) {
+                const InstancePtr instance = provider.Choose();
+                broken += !instance || instance->record.host().empty();
+                broken += cache->Snapshot()->size() < 90;
+                ++choices;
+            }
+        });
+    }
+    for (int i = 0; i < 100; ++i) {
+        const ServiceId id = g_generate();
+        writer.Create(id, MakeRecord(i));
+        writer.Set(truth.begin()->first, MakeRecord(i + 500));
+        writer.Remove(id);
+    }
+    EXPECT_TRUE(PollUntil([&] { return cache->Snapshot()->size() == 100 && choices > 1000; }, kPatience));
+    done = true;
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(broken, 0);
+}
+
+}  // namespace
+}  // namespace ferrow
+}  // namespace jx
