@@ -25,7 +25,7 @@ struct InstanceProvider::Health {
 // header), with what Choose needs to decide without a lock.
 struct InstanceProvider::Plan {
     struct Entry {
-        const InstancePtr* instance;  // into `snapshot`
+        const CachedInstance* instance;  // kept alive by `snapshot`
         Health* health;               // kept alive by `healths`
         std::uint64_t cumulativeWeight;  // within its group, up to this entry
     };
@@ -37,6 +37,23 @@ struct InstanceProvider::Plan {
     std::vector<Entry> entries;
     std::size_t groupStart[kGroups + 1] = {};  // group g is [groupStart[g], groupStart[g + 1])
     std::vector<std::shared_ptr<Health>> healths;
+};
+
+// One thread's plan of one provider, and its round-robin position there.
+struct InstanceProvider::ThreadSlot {
+    std::uint64_t provider = 0;  // 0: unused
+    std::shared_ptr<const Plan> plan;
+    // Owns a reference to `plan` under a count of this thread's own: the
+    // instances handed out share it, so that handing one out writes no
+    // memory that another thread's choices write.
+    std::shared_ptr<const void> owner;
+    std::uint64_t turn = 0;
+};
+
+// One Choose call: its thread's slot, and the clock once it was read.
+struct InstanceProvider::Choosing {
+    ThreadSlot& slot;
+    std::int64_t now = 0;  // read at the first down instance met
 };
 
 namespace {
@@ -53,13 +70,6 @@ std::uint64_t NextProviderId() {
     return next.fetch_add(1, std::memory_order_relaxed);
 }
 
-// A small per-thread number: which round-robin counter the thread uses.
-std::size_t ThreadSlot() {
-    static std::atomic<std::size_t> next{0};
-    thread_local const std::size_t slot = next.fetch_add(1, std::memory_order_relaxed);
-    return slot;
-}
-
 // splitmix64, one per thread: fast, and good enough to spread load.
 std::uint64_t Random() {
     thread_local std::uint64_t state =
@@ -70,17 +80,27 @@ std::uint64_t Random() {
     return z ^ (z >> 31);
 }
 
-// The plans of the last few providers this thread chose with.
+// The plans of the last few providers this thread chose with, and the
+// thread's own round-robin position in each: nothing a thread writes while
+// choosing is shared with another.
 struct ThreadPlans {
-    struct Slot {
-        std::uint64_t provider = 0;
-        std::shared_ptr<const Plan> plan;
-    };
+    using Slot = InstanceProvider::ThreadSlot;
     static constexpr std::size_t kSlots = 4;
     Slot slots[kSlots];
     std::size_t next = 0;
 };
 thread_local ThreadPlans t_plans;
+
+// A thread's own reference to a plan, on cache lines of its own: its count
+// changes with every instance handed out.
+struct alignas(64) PlanOwner {
+    std::shared_ptr<const Plan> plan;
+};
+
+// The entry's instance, owned through the thread's slot.
+InstancePtr Hand(const InstanceProvider::ThreadSlot& slot, const Plan::Entry& entry) {
+    return InstancePtr(slot.owner, entry.instance);
+}
 
 bool DownNow(const Plan::Entry& entry, std::int64_t& now) {
     const std::int64_t until = entry.health->downUntil.load(std::memory_order_relaxed);
@@ -99,41 +119,40 @@ InstanceProvider::InstanceProvider(std::shared_ptr<const ServiceCache> cache, Pr
     : m_cache(std::move(cache)), m_options(std::move(options)), m_id(NextProviderId()) {
     if (!m_cache) throw std::invalid_argument("InstanceProvider needs a cache");
     if (m_options.down.errorThreshold < 1) throw std::invalid_argument("errorThreshold must be at least 1");
-    // Threads of different counters start at different places.
-    for (Turn& turn : m_turns) turn.next.store(Random() >> 1, std::memory_order_relaxed);
 }
 
 InstanceProvider::~InstanceProvider() = default;
 
 InstancePtr InstanceProvider::Choose() {
-    const Plan& plan = CurrentPlan();
-    std::int64_t now = 0;
-    if (m_options.strategy == ChoiceStrategy::kSticky) return ChooseSticky(plan, now);
-    const std::size_t index = ChooseIndex(plan, now);
-    return index == Plan::kNone ? nullptr : *plan.entries[index].instance;
+    Choosing choosing{CurrentSlot()};
+    const Plan& plan = *choosing.slot.plan;
+    if (m_options.strategy == ChoiceStrategy::kSticky) return ChooseSticky(choosing);
+    const std::size_t index = ChooseIndex(choosing);
+    return index == Plan::kNone ? nullptr : Hand(choosing.slot, plan.entries[index]);
 }
 
-std::size_t InstanceProvider::ChooseIndex(const Plan& plan, std::int64_t& now) {
+std::size_t InstanceProvider::ChooseIndex(Choosing& choosing) {
     for (std::size_t group = 0; group < Plan::kGroups; ++group) {
-        const std::size_t index = ChooseIn(plan, group, false, now);
+        const std::size_t index = ChooseIn(choosing, group, false);
         if (index != Plan::kNone) return index;
     }
     if (m_options.whenAllDown == WhenAllDown::kChooseAmongDown) {
         for (std::size_t group = 0; group < Plan::kGroups; ++group) {
-            const std::size_t index = ChooseIn(plan, group, true, now);
+            const std::size_t index = ChooseIn(choosing, group, true);
             if (index != Plan::kNone) return index;
         }
     }
     return Plan::kNone;
 }
 
-std::size_t InstanceProvider::ChooseIn(const Plan& plan, std::size_t group, bool evenDown, std::int64_t& now) {
+std::size_t InstanceProvider::ChooseIn(Choosing& choosing, std::size_t group, bool evenDown) {
+    const Plan& plan = *choosing.slot.plan;
     const std::size_t begin = plan.groupStart[group];
     const std::size_t count = plan.groupStart[group + 1] - begin;
     if (count == 0) return Plan::kNone;
     std::size_t start;
     if (m_options.strategy == ChoiceStrategy::kRoundRobin) {
-        start = m_turns[ThreadSlot() % kTurns].next.fetch_add(1, std::memory_order_relaxed) % count;
+        start = choosing.slot.turn++ % count;
     } else if (m_options.strategy == ChoiceStrategy::kWeighted && plan.entries[begin + count - 1].cumulativeWeight > 0) {
         const auto first = plan.entries.begin() + static_cast<std::ptrdiff_t>(begin);
         const std::uint64_t point = Random() % plan.entries[begin + count - 1].cumulativeWeight;
@@ -147,41 +166,51 @@ std::size_t InstanceProvider::ChooseIn(const Plan& plan, std::size_t group, bool
     // A down instance passes its turn to the next one.
     for (std::size_t step = 0; step < count; ++step) {
         const std::size_t index = begin + (start + step) % count;
-        if (evenDown || !DownNow(plan.entries[index], now)) return index;
+        if (evenDown || !DownNow(plan.entries[index], choosing.now)) return index;
     }
     return Plan::kNone;
 }
 
-InstancePtr InstanceProvider::ChooseSticky(const Plan& plan, std::int64_t& now) {
+InstancePtr InstanceProvider::ChooseSticky(Choosing& choosing) {
+    const Plan& plan = *choosing.slot.plan;
     const std::uint64_t key = m_sticky.load(std::memory_order_acquire);
     if ((key & 0xffffffffULL) == (plan.version & 0xffffffffULL)) {
         const std::size_t index = static_cast<std::size_t>(key >> 32);
         const bool drained = index >= plan.groupStart[2];
         // A drained choice stands only while nothing has a positive weight.
         if (index < plan.entries.size() && (!drained || plan.groupStart[2] == 0) &&
-            !DownNow(plan.entries[index], now)) {
-            return *plan.entries[index].instance;
+            !DownNow(plan.entries[index], choosing.now)) {
+            return Hand(choosing.slot, plan.entries[index]);
         }
     }
-    const std::size_t index = ChooseIndex(plan, now);
+    const std::size_t index = ChooseIndex(choosing);
     if (index == Plan::kNone) return nullptr;
     // Another thread may have chosen meanwhile; the latest choice stands.
     m_sticky.store(StickyKey(plan.version, index), std::memory_order_release);
-    return *plan.entries[index].instance;
+    return Hand(choosing.slot, plan.entries[index]);
 }
 
-const Plan& InstanceProvider::CurrentPlan() {
+InstanceProvider::ThreadSlot& InstanceProvider::CurrentSlot() {
     const std::uint64_t version = m_cache->Version();
     ThreadPlans& plans = t_plans;
     for (ThreadPlans::Slot& slot : plans.slots) {
         if (slot.provider != m_id) continue;
-        if (slot.plan->version != version) slot.plan = LatestPlan();
-        return *slot.plan;
+        if (slot.plan->version != version) Refresh(slot);
+        return slot;
     }
     ThreadPlans::Slot& slot = plans.slots[plans.next++ % ThreadPlans::kSlots];
     slot.provider = m_id;
-    slot.plan = LatestPlan();
-    return *slot.plan;
+    Refresh(slot);
+    // Threads go round from different places.
+    slot.turn = Random() >> 1;
+    return slot;
+}
+
+void InstanceProvider::Refresh(ThreadSlot& slot) {
+    std::shared_ptr<const Plan> plan = LatestPlan();
+    if (slot.plan == plan) return;
+    slot.owner = std::make_shared<const PlanOwner>(PlanOwner{plan});
+    slot.plan = std::move(plan);
 }
 
 std::shared_ptr<const Plan> InstanceProvider::LatestPlan() {
@@ -193,9 +222,9 @@ std::shared_ptr<const Plan> InstanceProvider::LatestPlan() {
         const std::uint64_t key = m_sticky.load(std::memory_order_acquire);
         if (m_plan && (key & 0xffffffffULL) == (m_plan->version & 0xffffffffULL) &&
             (key >> 32) < m_plan->entries.size()) {
-            const ServiceId& id = (*m_plan->entries[key >> 32].instance)->id;
+            const ServiceId& id = m_plan->entries[key >> 32].instance->id;
             for (std::size_t index = 0; index < plan->entries.size(); ++index) {
-                if ((*plan->entries[index].instance)->id != id) continue;
+                if (plan->entries[index].instance->id != id) continue;
                 std::uint64_t expected = key;
                 m_sticky.compare_exchange_strong(expected, StickyKey(plan->version, index));
                 break;
@@ -210,22 +239,22 @@ std::shared_ptr<const Plan> InstanceProvider::BuildPlan(SnapshotPtr snapshot) {
     auto plan = std::make_shared<Plan>();
     plan->version = snapshot->Version();
     // The filter is the caller's code: it runs without a lock held.
-    std::vector<const InstancePtr*> groups[Plan::kGroups];
+    std::vector<const CachedInstance*> groups[Plan::kGroups];
     for (std::size_t index = 0; index < snapshot->size(); ++index) {
         const InstancePtr& instance = (*snapshot)[index];
         if (m_options.filter && !m_options.filter(*instance)) continue;
         const bool elsewhere = !m_options.zone.empty() && instance->record.zone() != m_options.zone;
         const bool drained = instance->record.weight() == 0;
-        groups[(drained ? 2 : 0) + (elsewhere ? 1 : 0)].push_back(&instance);
+        groups[(drained ? 2 : 0) + (elsewhere ? 1 : 0)].push_back(instance.get());
     }
     std::lock_guard<std::mutex> lock(m_healthMtx);
     for (std::size_t group = 0; group < Plan::kGroups; ++group) {
         plan->groupStart[group] = plan->entries.size();
         std::uint64_t cumulative = 0;
-        for (const InstancePtr* instance : groups[group]) {
-            const std::shared_ptr<Health>& health = HealthOf((*instance)->id);
+        for (const CachedInstance* instance : groups[group]) {
+            const std::shared_ptr<Health>& health = HealthOf(instance->id);
             health->seenIn = plan->version;
-            cumulative += (*instance)->record.weight();
+            cumulative += instance->record.weight();
             plan->entries.push_back(Plan::Entry{instance, health.get(), cumulative});
             plan->healths.push_back(health);
         }

@@ -40,6 +40,12 @@ protected:
     }
 };
 
+ProviderOptions Using(ChoiceStrategy strategy) {
+    ProviderOptions options;
+    options.strategy = strategy;
+    return options;
+}
+
 InstanceMap Contents(const InstanceSnapshot& snapshot) {
     InstanceMap contents;
     for (const InstancePtr& instance : snapshot) contents.emplace(instance->id, instance->record);
@@ -152,7 +158,7 @@ TEST_F(CacheTest, StickyChoiceHoldsUntilItsInstanceIsDrainedOrLeaves) {
     for (int i = 0; i < 10; ++i) truth.emplace(g_generate(), MakeRecord(i));
     writer.CreateAll(truth);
     const auto cache = StartCache();
-    InstanceProvider sticky(cache, ProviderOptions{ChoiceStrategy::kSticky});
+    InstanceProvider sticky(cache, Using(ChoiceStrategy::kSticky));
     const ServiceId first = sticky.Choose()->id;
     std::thread other([&] { EXPECT_EQ(sticky.Choose()->id, first); });
     other.join();
@@ -175,7 +181,7 @@ TEST_F(CacheTest, ChoosingRacesUpdatesSafely) {
     for (int i = 0; i < 100; ++i) truth.emplace(g_generate(), MakeRecord(i));
     writer.CreateAll(truth);
     const auto cache = StartCache();
-    InstanceProvider provider(cache, ProviderOptions{ChoiceStrategy::kRandom});
+    InstanceProvider provider(cache, Using(ChoiceStrategy::kRandom));
     std::atomic<bool> done{false};
     std::atomic<long> choices{0}, broken{0};
     std::vector<std::thread> threads;

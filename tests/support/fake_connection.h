@@ -46,6 +46,9 @@ public:
     // the code returned for issuing the next asynchronous request).
     void Fail(Op op, int rc) { Locked([&] { m_forced[op].push_back(rc); }); }
     std::vector<Request> Requests() const { return Locked([&] { return m_requests; }); }
+    // One request, and how many there were: without copying them all.
+    Request At(std::size_t index) const { return Locked([&] { return m_requests.at(index); }); }
+    std::size_t RequestCount() const { return Locked([&] { return m_requests.size(); }); }
     // Runs `hook` on the registering thread right after every RegisterWeak,
     // so that a test can deliver events before the registrant's next step.
     void AfterRegisterWeak(std::function<void()> hook) { Locked([&] { m_afterRegisterWeak = std::move(hook); }); }
@@ -56,14 +59,14 @@ public:
 
     // Deliver to request `index` (0-based, in request order).
     void FireChildren(std::size_t index, int rc, std::vector<String> children) {
-        Requests().at(index).childrenResult(rc, std::move(children));
+        At(index).childrenResult(rc, std::move(children));
     }
     void FireData(std::size_t index, int rc, String data) {
         const Stat stat{};
-        Requests().at(index).dataResult(rc, std::move(data), &stat);
+        At(index).dataResult(rc, std::move(data), &stat);
     }
     void FireWatch(std::size_t index, int type) {
-        const Request request = Requests().at(index);
+        const Request request = At(index);
         InvokeWatch(*request.watch, type, ZOO_CONNECTED_STATE, request.path);
     }
     // A session event to the registered ConnectionObservers.

@@ -49,8 +49,8 @@ namespace jx {
 namespace ferrow {
 
 enum class ChoiceStrategy {
-    // Each instance in turn. Each calling thread keeps its own turn among a
-    // few shared counters, so that threads do not contend on one.
+    // Each instance in turn. Each calling thread goes round on its own,
+    // from a random place, so that threads never contend on a counter.
     kRoundRobin,
     // Uniformly at random.
     kRandom,
@@ -97,7 +97,9 @@ public:
     InstanceProvider& operator=(const InstanceProvider&) = delete;
 
     // One instance, or null when none is available. The pointer stays valid
-    // as long as it is held, whatever the cache does meanwhile.
+    // as long as it is held, whatever the cache does meanwhile; it keeps
+    // the snapshot it was chosen from alive, so hold it for a call, not for
+    // ever.
     InstancePtr Choose();
 
     // A call to the instance `id` failed. Unknown ids count too: an instance
@@ -108,20 +110,24 @@ public:
 
     struct Plan;
     struct Health;
+    struct ThreadSlot;
 
 private:
+    struct Choosing;
     // The plan for the cache's latest snapshot, built if needed.
     std::shared_ptr<const Plan> LatestPlan();
-    // This thread's plan for the cache's current version.
-    const Plan& CurrentPlan();
+    // This thread's slot, with the plan of the cache's current version.
+    ThreadSlot& CurrentSlot();
+    // Gives `slot` the latest plan.
+    void Refresh(ThreadSlot& slot);
     std::shared_ptr<const Plan> BuildPlan(SnapshotPtr snapshot);
     // Requires m_healthMtx held. The health record of `id`, made if missing.
     const std::shared_ptr<Health>& HealthOf(const ServiceId& id);
-    // The index in `plan` of the instance to choose, or Plan::kNone; `now`
-    // is read from the clock at the first down instance met, 0 until then.
-    std::size_t ChooseIndex(const Plan& plan, std::int64_t& now);
-    std::size_t ChooseIn(const Plan& plan, std::size_t group, bool evenDown, std::int64_t& now);
-    InstancePtr ChooseSticky(const Plan& plan, std::int64_t& now);
+    // The index in the plan of the instance to choose, or Plan::kNone.
+    std::size_t ChooseIndex(Choosing& choosing);
+    // The same within one group of preference; `evenDown` ignores downs.
+    std::size_t ChooseIn(Choosing& choosing, std::size_t group, bool evenDown);
+    InstancePtr ChooseSticky(Choosing& choosing);
 
     const std::shared_ptr<const ServiceCache> m_cache;
     const ProviderOptions m_options;
@@ -133,13 +139,6 @@ private:
     mutable std::mutex m_healthMtx;  // guards m_health and each Health's failures
     std::unordered_map<ServiceId, std::shared_ptr<Health>> m_health;
 
-    // Round robin: a few counters on lines of their own, one per group of
-    // threads, each starting at a different place.
-    struct alignas(64) Turn {
-        std::atomic<std::uint64_t> next{0};
-    };
-    static constexpr std::size_t kTurns = 8;
-    Turn m_turns[kTurns];
     // Sticky: the plan version (low half) and index (high half) of the choice.
     std::atomic<std::uint64_t> m_sticky{0};
 };
