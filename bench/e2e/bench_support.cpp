@@ -169,7 +169,7 @@ void ZkWriter::Set(const std::string& path, const std::string& data) {
 void InstanceSink::Added(const ServiceId& id, const ServiceInstanceData& record) {
     {
         std::lock_guard<std::mutex> lock(m_mtx);
-        m_records[id] = record;
+        if (m_keepsRecords) m_records[id] = record;
         if (++m_added < m_awaited) return;
     }
     m_cv.notify_all();
@@ -179,7 +179,7 @@ void InstanceSink::Modified(const ServiceId& id, const ServiceInstanceData& reco
     const Clock::time_point now = Clock::now();
     {
         std::lock_guard<std::mutex> lock(m_mtx);
-        m_records[id] = record;
+        if (m_keepsRecords) m_records[id] = record;
         m_modifiedAt.push_back(now);
         if (++m_modified < m_awaited) return;
     }
@@ -206,6 +206,7 @@ bool InstanceSink::WaitModified(std::uint64_t count, Clock::time_point deadline,
 }
 
 std::vector<ServiceId> InstanceSink::Ids() const {
+    if (m_ids) return m_ids();
     std::lock_guard<std::mutex> lock(m_mtx);
     std::vector<ServiceId> ids;
     ids.reserve(m_records.size());

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -79,6 +80,11 @@ private:
 // waits on. Thread-safe; the clients call it on their delivery thread.
 class InstanceSink {
 public:
+    // `keepsRecords` false: the client keeps the records itself (the cache),
+    // so the sink only counts, and Ids asks `ids`.
+    explicit InstanceSink(bool keepsRecords = true) : m_keepsRecords(keepsRecords) {}
+    void SetIdSource(std::function<std::vector<ServiceId>()> ids) { m_ids = std::move(ids); }
+
     void Added(const ServiceId& id, const ServiceInstanceData& record);
     void Modified(const ServiceId& id, const ServiceInstanceData& record);
     void Removed(const ServiceId& id);
@@ -93,6 +99,8 @@ public:
     std::vector<ServiceId> Ids() const;
 
 private:
+    const bool m_keepsRecords;
+    std::function<std::vector<ServiceId>()> m_ids;  // set before the client starts
     mutable std::mutex m_mtx;
     std::condition_variable m_cv;
     std::unordered_map<ServiceId, ServiceInstanceData> m_records;  // guarded by m_mtx
@@ -126,6 +134,11 @@ public:
 // The library: ZooKeeperConnection, ServiceWatcher and an observer.
 std::unique_ptr<WatchClient> MakeFerrowClient(const std::string& connect, const std::string& service,
                                               InstanceSink& sink);
+
+// The library's cache: ZooKeeperConnection and a ServiceCache, which keeps
+// the records (the sink, made with keepsRecords false, only counts).
+std::unique_ptr<WatchClient> MakeCacheClient(const std::string& connect, const std::string& service,
+                                             InstanceSink& sink);
 
 // The same protocol written directly on the C client, as lean as it allows.
 // A non-zero `resolutionDelayMs` is passed to zoo_set_servers_resolution_delay;

@@ -1,12 +1,13 @@
-// The measured library client: ServiceWatcher over ZooKeeperConnection, with
-// a counting decorator between the two so that the reads the watcher issues
-// can be reported.
+// The measured library clients: a ServiceWatcher, or a ServiceCache, over
+// ZooKeeperConnection, with a counting decorator between the two so that the
+// reads the watcher issues can be reported.
 
 #include <atomic>
 #include <iostream>
 #include <stdexcept>
 
 #include "bench_support.h"
+#include "ferrow/service_cache.h"
 #include "ferrow/service_watcher.h"
 #include "ferrow/zookeeper_connection.h"
 
@@ -103,9 +104,27 @@ private:
     InstanceSink& m_sink;
 };
 
-class FerrowClient final : public WatchClient {
+class CacheSinkObserver final : public ferrow::ServiceCacheObserver {
 public:
-    FerrowClient(const std::string& connect, const std::string& service, InstanceSink& sink) {
+    explicit CacheSinkObserver(InstanceSink& sink) : m_sink(sink) {}
+    void OnInstanceAdded(ferrow::ServiceCache&, const ferrow::InstancePtr& added) override {
+        m_sink.Added(added->id, added->record);
+    }
+    void OnInstanceModified(ferrow::ServiceCache&, const ferrow::InstancePtr&, const ferrow::InstancePtr& after) override {
+        m_sink.Modified(after->id, after->record);
+    }
+    void OnInstanceRemoved(ferrow::ServiceCache&, const ferrow::InstancePtr& removed) override {
+        m_sink.Removed(removed->id);
+    }
+
+private:
+    InstanceSink& m_sink;
+};
+
+// A session of its own, with the read counter between it and the watcher.
+class CountedSession {
+public:
+    explicit CountedSession(const std::string& connect) {
         ferrow::ConnectionOptions options;
         options.connect = connect;
         options.sessionTimeout = std::chrono::seconds(30);
@@ -113,20 +132,52 @@ public:
         if (!m_zk->WaitConnected(std::chrono::seconds(30))) throw std::runtime_error("ferrow: no session with " + connect);
         m_conn = std::make_shared<CountingConnection>(m_zk);
         m_conn->Attach();
-        m_watcher = std::make_unique<ferrow::ServiceWatcher>(m_conn, service, [](int rc) {
-            std::cerr << "ferrow watcher error: " << zerror(rc) << std::endl;
-        });
+    }
+    const std::shared_ptr<CountingConnection>& Conn() const { return m_conn; }
+
+private:
+    std::shared_ptr<ferrow::ZooKeeperConnection> m_zk;
+    std::shared_ptr<CountingConnection> m_conn;
+};
+
+void ReportError(int rc) { std::cerr << "ferrow watcher error: " << zerror(rc) << std::endl; }
+
+class FerrowClient final : public WatchClient {
+public:
+    FerrowClient(const std::string& connect, const std::string& service, InstanceSink& sink)
+        : m_session(connect), m_watcher(std::make_unique<ferrow::ServiceWatcher>(m_session.Conn(), service, ReportError)) {
         m_watcher->RegisterShared(std::make_shared<SinkObserver>(sink));
     }
 
     void Start() override { m_watcher->Start(); }
-    ReadCounts Reads() const override { return m_conn->Reads(); }
+    ReadCounts Reads() const override { return m_session.Conn()->Reads(); }
 
 private:
     // Declaration order is destruction order reversed: the watcher goes first.
-    std::shared_ptr<ferrow::ZooKeeperConnection> m_zk;
-    std::shared_ptr<CountingConnection> m_conn;
+    CountedSession m_session;
     std::unique_ptr<ferrow::ServiceWatcher> m_watcher;
+};
+
+class CacheClient final : public WatchClient {
+public:
+    CacheClient(const std::string& connect, const std::string& service, InstanceSink& sink)
+        : m_session(connect), m_cache(std::make_shared<ferrow::ServiceCache>(m_session.Conn(), service, ReportError)) {
+        m_cache->RegisterShared(std::make_shared<CacheSinkObserver>(sink));
+        sink.SetIdSource([weak = std::weak_ptr<ferrow::ServiceCache>(m_cache)] {
+            std::vector<ServiceId> ids;
+            if (const auto cache = weak.lock()) {
+                for (const ferrow::InstancePtr& instance : *cache->Snapshot()) ids.push_back(instance->id);
+            }
+            return ids;
+        });
+    }
+
+    void Start() override { m_cache->Start(); }
+    ReadCounts Reads() const override { return m_session.Conn()->Reads(); }
+
+private:
+    CountedSession m_session;
+    std::shared_ptr<ferrow::ServiceCache> m_cache;
 };
 
 }  // namespace
@@ -134,6 +185,11 @@ private:
 std::unique_ptr<WatchClient> MakeFerrowClient(const std::string& connect, const std::string& service,
                                               InstanceSink& sink) {
     return std::make_unique<FerrowClient>(connect, service, sink);
+}
+
+std::unique_ptr<WatchClient> MakeCacheClient(const std::string& connect, const std::string& service,
+                                             InstanceSink& sink) {
+    return std::make_unique<CacheClient>(connect, service, sink);
 }
 
 }  // namespace bench

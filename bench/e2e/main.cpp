@@ -42,6 +42,8 @@ const char* const kUsage =
     "  --joins J          instances joining in the churn (default 500)\n"
     "  --resolution-delay MS  the baseline calls zoo_set_servers_resolution_delay(MS)\n"
     "                     (default: the client's default, as the library runs)\n"
+    "  --cache            also measure the library's cache (ServiceCache), which keeps\n"
+    "                     the records itself\n"
     "  --smoke            tiny run: sizes 20, 5 updates, 10 joins, 1 rep, no warm-up\n";
 
 struct Options {
@@ -53,6 +55,7 @@ struct Options {
     std::vector<size_t> churnSizes{100, 1000, 5000};
     size_t joins = 500;
     std::string resolutionDelay;  // empty: the client's default
+    std::vector<std::string> clients{"ferrow", "baseline"};
 };
 
 std::vector<size_t> ParseList(const std::string& text) {
@@ -72,7 +75,9 @@ Options ParseOptions(int argc, char** argv) {
             if (i + 1 >= argc) throw std::runtime_error(arg + " needs a value");
             return argv[++i];
         };
-        if (arg == "--zk") {
+        if (arg == "--cache") {
+            options.clients = {"ferrow", "cache", "baseline"};
+        } else if (arg == "--zk") {
             options.zk = value();
         } else if (arg == "--reps") {
             options.reps = std::stoul(value());
@@ -159,16 +164,21 @@ public:
     }
 
     void Print() const {
-        std::printf("\n| figure | n | ferrow median (min–max) | baseline median (min–max) | ferrow/baseline |\n");
-        std::printf("|---|---:|---:|---:|---:|\n");
+        const bool cached = std::any_of(m_samples.begin(), m_samples.end(),
+                                        [](const auto& entry) { return std::get<1>(entry.first) == "cache"; });
+        std::printf("\n| figure | n | ferrow median (min–max) | baseline median (min–max) | ferrow/baseline |%s\n",
+                    cached ? " cache median (min–max) | cache/ferrow |" : "");
+        std::printf("|---|---:|---:|---:|---:|%s\n", cached ? "---:|---:|" : "");
         for (const Row& row : m_rows) {
             const Stats ferrow = Summarise(row, "ferrow");
             const Stats baseline = Summarise(row, "baseline");
-            std::printf("| %s | %zu | %s | %s | %s |\n", row.figure.c_str(), row.n, Cell(ferrow).c_str(),
-                        Cell(baseline).c_str(),
-                        ferrow.count && baseline.count && baseline.median != 0
-                            ? Format(ferrow.median / baseline.median).c_str()
-                            : "");
+            std::printf("| %s | %zu | %s | %s | %s |", row.figure.c_str(), row.n, Cell(ferrow).c_str(),
+                        Cell(baseline).c_str(), Ratio(ferrow, baseline).c_str());
+            if (cached) {
+                const Stats cache = Summarise(row, "cache");
+                std::printf(" %s | %s |", Cell(cache).c_str(), Ratio(cache, ferrow).c_str());
+            }
+            std::printf("\n");
         }
         std::printf("\n");
         for (const auto& entry : m_samples) {
@@ -210,6 +220,10 @@ private:
         return text;
     }
 
+    static std::string Ratio(const Stats& a, const Stats& b) {
+        return a.count && b.count && b.median != 0 ? Format(a.median / b.median) : "";
+    }
+
     static std::string Cell(const Stats& stats) {
         if (stats.count == 0) return "";
         return Format(stats.median) + " (" + Format(stats.min) + "–" + Format(stats.max) + ")";
@@ -219,12 +233,11 @@ private:
     std::map<std::tuple<std::string, std::string, size_t>, std::vector<double>> m_samples;
 };
 
-const char* const kClients[] = {"ferrow", "baseline"};
-
-// The clients in the order of repetition `rep`: alternating which goes first.
-std::vector<std::string> ClientOrder(size_t rep) {
-    if (rep % 2 == 0) return {kClients[0], kClients[1]};
-    return {kClients[1], kClients[0]};
+// The clients in the order of repetition `rep`: each goes first in turn.
+std::vector<std::string> ClientOrder(const Options& options, size_t rep) {
+    std::vector<std::string> order = options.clients;
+    std::rotate(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(rep % order.size()), order.end());
+    return order;
 }
 
 // Grows `service` from `have` to `want` instances with fresh ids.
@@ -264,12 +277,12 @@ void MeasureSync(const Options& options, ZkWriter& writer, Results& results) {
         have = n;
         if (n == options.sizes.front()) {
             for (size_t w = 0; w < options.warmup; ++w) {
-                for (const char* client : kClients) RunChildProcess(ChildArgs("sync", client, options, service, n));
+                for (const std::string& client : options.clients) RunChildProcess(ChildArgs("sync", client, options, service, n));
             }
         }
         for (size_t rep = 0; rep < options.reps; ++rep) {
             std::map<std::string, double> heapPerInstance;
-            for (const std::string& client : ClientOrder(rep)) {
+            for (const std::string& client : ClientOrder(options, rep)) {
                 std::cerr << "# sync n=" << n << " rep " << rep + 1 << "/" << options.reps << " " << client << std::endl;
                 std::vector<std::string> args = ChildArgs("sync", client, options, service, n);
                 if (n == latencyN && options.updates > 0) {
@@ -305,7 +318,7 @@ void MeasureChurn(const Options& options, ZkWriter& writer, Results& results) {
         writer.EnsurePath(ServicePath(service));
         Populate(writer, service, 0, n);
         for (size_t rep = 0; rep < options.reps; ++rep) {
-            for (const std::string& client : ClientOrder(rep)) {
+            for (const std::string& client : ClientOrder(options, rep)) {
                 std::cerr << "# churn n=" << n << " rep " << rep + 1 << "/" << options.reps << " " << client << std::endl;
                 std::vector<std::string> args = ChildArgs("churn", client, options, service, n);
                 args.push_back("--joins");
