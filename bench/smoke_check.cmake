@@ -1,7 +1,7 @@
 # Run by ctest in script mode: cmake -DBENCH=<ferrow_bench_e2e> -P smoke_check.cmake
 # Runs the end-to-end benchmark at its smoke sizes (with its own throwaway
 # server) and fails unless it exits 0 and prints the RESULT line of every
-# figure for the three clients.
+# figure for the four clients.
 execute_process(COMMAND "${BENCH}" --smoke --cache
   RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE errors TIMEOUT 100)
 if(NOT status EQUAL 0)
@@ -9,7 +9,7 @@ if(NOT status EQUAL 0)
 endif()
 foreach(figure initial_sync_ms initial_sync_reads peak_rss_mib cpu_ms_per_1k heap_bytes_per_instance
                change_latency_p50_ms change_latency_p99_ms churn_ms churn_data_reads churn_children_reads)
-  foreach(client ferrow cache baseline)
+  foreach(client ferrow cache baseline raw)
     if(NOT output MATCHES "RESULT figure=${figure} client=${client} n=[0-9]+ median=[-0-9.e+]+ min=[-0-9.e+]+ max=[-0-9.e+]+\n")
       message(FATAL_ERROR "no RESULT line for ${figure} of ${client}:\n${output}")
     endif()

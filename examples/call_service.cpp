@@ -19,9 +19,11 @@
 
 using namespace jx::ferrow;
 
-// The application's own call; here it only consults the record.
+// The application's own call; here it only consults the record. Record()
+// decodes the whole record; host, port, zone and weight are at hand.
 bool Call(const CachedInstance& instance) {
-    const auto& metadata = instance.record.metadata();
+    const ServiceInstanceData record = instance.Record();
+    const auto& metadata = record.metadata();
     const auto fail = metadata.find("fail");
     return fail == metadata.end() || fail->second != "yes";
 }
@@ -63,7 +65,7 @@ int main(int argc, char** argv) {
                 std::cout << "call " << call << ": no instance available" << std::endl;
                 continue;
             }
-            std::cout << "call " << call << " " << instance->record.host() << ":" << instance->record.port()
+            std::cout << "call " << call << " " << instance->host << ":" << instance->port
                       << std::endl;
             if (!Call(*instance)) provider.ReportFailure(instance->id);
         }

@@ -244,7 +244,8 @@ int Pick(const CommonOptions& common, const StopSignals& signals, const String& 
     for (unsigned i = 0; i < pick.count; ++i) {
         const InstancePtr chosen = provider.Choose();
         if (!chosen) throw CommandError("no instance of service '" + service + "' is available");
-        PrintLine(json ? InstanceJson(chosen->id, chosen->record) : InstanceText(chosen->id, chosen->record));
+        const ServiceInstanceData record = chosen->Record();
+        PrintLine(json ? InstanceJson(chosen->id, record) : InstanceText(chosen->id, record));
     }
     return 0;
 }

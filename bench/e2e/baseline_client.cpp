@@ -4,7 +4,8 @@
 // each record decoded (envelope, then ServiceInstanceData) on the client's
 // completion thread; on a child event the children are read again with a
 // watch and only the new ones are read; on a data event the node is read
-// again with a watch.
+// again with a watch. The raw variant keeps each node's bytes instead of
+// decoding them, as the leanest application of the C client would.
 
 #include <atomic>
 #include <condition_variable>
@@ -25,8 +26,9 @@ namespace {
 
 class BaselineClient final : public WatchClient {
 public:
-    BaselineClient(const std::string& connect, const std::string& service, int resolutionDelayMs, InstanceSink& sink)
-        : m_path(ServicePath(service)), m_sink(sink) {
+    BaselineClient(const std::string& connect, const std::string& service, int resolutionDelayMs, bool keepsBytes,
+                   InstanceSink& sink)
+        : m_path(ServicePath(service)), m_keepsBytes(keepsBytes), m_sink(sink) {
         m_zh = zookeeper_init(connect.c_str(), &OnSession, 30000, nullptr, this, 0);
         if (m_zh == nullptr) throw std::runtime_error("baseline: cannot start a session with " + connect);
         if (resolutionDelayMs != 0) zoo_set_servers_resolution_delay(m_zh, resolutionDelayMs);
@@ -60,6 +62,7 @@ private:
         ServiceId m_id;
         std::string m_path;
         bool m_reported = false;
+        std::string m_bytes;  // the node as read, when the client keeps bytes
     };
 
     static void OnSession(zhandle_t*, int type, int state, const char*, void* ctx) {
@@ -120,7 +123,12 @@ private:
             return;
         }
         ServiceInstanceData record;
-        record.ParseFromString(ferrow::ParseZNodeData(std::string(value, len > 0 ? static_cast<size_t>(len) : 0)));
+        const size_t size = len > 0 ? static_cast<size_t>(len) : 0;
+        if (instance->m_owner->m_keepsBytes) {
+            instance->m_bytes.assign(value, size);
+        } else {
+            record.ParseFromString(ferrow::ParseZNodeData(std::string(value, size)));
+        }
         if (instance->m_reported) {
             instance->m_owner->m_sink.Modified(instance->m_id, record);
         } else {
@@ -142,6 +150,7 @@ private:
     }
 
     const std::string m_path;
+    const bool m_keepsBytes;
     InstanceSink& m_sink;
     zhandle_t* m_zh = nullptr;
 
@@ -161,7 +170,12 @@ private:
 
 std::unique_ptr<WatchClient> MakeBaselineClient(const std::string& connect, const std::string& service,
                                                 int resolutionDelayMs, InstanceSink& sink) {
-    return std::make_unique<BaselineClient>(connect, service, resolutionDelayMs, sink);
+    return std::make_unique<BaselineClient>(connect, service, resolutionDelayMs, false, sink);
+}
+
+std::unique_ptr<WatchClient> MakeRawClient(const std::string& connect, const std::string& service,
+                                           InstanceSink& sink) {
+    return std::make_unique<BaselineClient>(connect, service, 0, true, sink);
 }
 
 }  // namespace bench

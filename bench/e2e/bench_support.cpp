@@ -169,7 +169,11 @@ void ZkWriter::Set(const std::string& path, const std::string& data) {
 void InstanceSink::Added(const ServiceId& id, const ServiceInstanceData& record) {
     {
         std::lock_guard<std::mutex> lock(m_mtx);
-        if (m_keepsRecords) m_records[id] = record;
+        if (m_keepsRecords) {
+            m_records[id] = record;
+        } else {
+            m_ids.insert(id);
+        }
         if (++m_added < m_awaited) return;
     }
     m_cv.notify_all();
@@ -189,6 +193,7 @@ void InstanceSink::Modified(const ServiceId& id, const ServiceInstanceData& reco
 void InstanceSink::Removed(const ServiceId& id) {
     std::lock_guard<std::mutex> lock(m_mtx);
     m_records.erase(id);
+    m_ids.erase(id);
 }
 
 bool InstanceSink::WaitAdded(size_t count, Clock::time_point deadline) {
@@ -206,10 +211,9 @@ bool InstanceSink::WaitModified(std::uint64_t count, Clock::time_point deadline,
 }
 
 std::vector<ServiceId> InstanceSink::Ids() const {
-    if (m_ids) return m_ids();
     std::lock_guard<std::mutex> lock(m_mtx);
-    std::vector<ServiceId> ids;
-    ids.reserve(m_records.size());
+    std::vector<ServiceId> ids(m_ids.begin(), m_ids.end());
+    ids.reserve(ids.size() + m_records.size());
     for (const auto& entry : m_records) ids.push_back(entry.first);
     return ids;
 }

@@ -10,11 +10,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -80,10 +80,9 @@ private:
 // waits on. Thread-safe; the clients call it on their delivery thread.
 class InstanceSink {
 public:
-    // `keepsRecords` false: the client keeps the records itself (the cache),
-    // so the sink only counts, and Ids asks `ids`.
+    // `keepsRecords` false: the client keeps the records itself (the cache,
+    // the raw baseline), so the sink keeps only the ids.
     explicit InstanceSink(bool keepsRecords = true) : m_keepsRecords(keepsRecords) {}
-    void SetIdSource(std::function<std::vector<ServiceId>()> ids) { m_ids = std::move(ids); }
 
     void Added(const ServiceId& id, const ServiceInstanceData& record);
     void Modified(const ServiceId& id, const ServiceInstanceData& record);
@@ -100,10 +99,10 @@ public:
 
 private:
     const bool m_keepsRecords;
-    std::function<std::vector<ServiceId>()> m_ids;  // set before the client starts
     mutable std::mutex m_mtx;
     std::condition_variable m_cv;
     std::unordered_map<ServiceId, ServiceInstanceData> m_records;  // guarded by m_mtx
+    std::unordered_set<ServiceId> m_ids;  // guarded by m_mtx; when records are not kept
     size_t m_added = 0;                                            // guarded by m_mtx
     std::uint64_t m_modified = 0;                                  // guarded by m_mtx
     std::vector<Clock::time_point> m_modifiedAt;                   // guarded by m_mtx
@@ -146,6 +145,11 @@ std::unique_ptr<WatchClient> MakeCacheClient(const std::string& connect, const s
 // which is what ZooKeeperConnection runs with.
 std::unique_ptr<WatchClient> MakeBaselineClient(const std::string& connect, const std::string& service,
                                                 int resolutionDelayMs, InstanceSink& sink);
+
+// The baseline keeping every node's bytes instead of a decoded record (its
+// sink, made with keepsRecords false, only counts).
+std::unique_ptr<WatchClient> MakeRawClient(const std::string& connect, const std::string& service,
+                                           InstanceSink& sink);
 
 }  // namespace bench
 }  // namespace jx

@@ -102,6 +102,7 @@ Args Parse(int argc, char** argv) {
 std::unique_ptr<WatchClient> MakeClient(const Args& args, InstanceSink& sink) {
     if (args.client == "ferrow") return MakeFerrowClient(args.zk, args.service, sink);
     if (args.client == "cache") return MakeCacheClient(args.zk, args.service, sink);
+    if (args.client == "raw") return MakeRawClient(args.zk, args.service, sink);
     if (args.client == "baseline") return MakeBaselineClient(args.zk, args.service, args.resolutionDelayMs, sink);
     throw std::runtime_error("child: unknown client " + args.client);
 }
@@ -127,7 +128,7 @@ void MeasureLatency(const Args& args, InstanceSink& sink) {
 }
 
 void RunSync(const Args& args) {
-    InstanceSink sink(args.client != "cache");
+    InstanceSink sink(args.client != "cache" && args.client != "raw");
     std::unique_ptr<WatchClient> client = MakeClient(args, sink);
     const Resources before = Sample();
     const ReadCounts readsBefore = client->Reads();
@@ -147,7 +148,7 @@ void RunSync(const Args& args) {
 }
 
 void RunChurn(const Args& args) {
-    InstanceSink sink(args.client != "cache");
+    InstanceSink sink(args.client != "cache" && args.client != "raw");
     std::unique_ptr<WatchClient> client = MakeClient(args, sink);
     client->Start();
     Require(sink.WaitAdded(args.n, Clock::now() + kWaitLimit), "initial sync did not complete");

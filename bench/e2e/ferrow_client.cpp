@@ -104,14 +104,17 @@ private:
     InstanceSink& m_sink;
 };
 
+// The cache keeps the records; its sink only counts.
+const ServiceInstanceData kNoRecord;
+
 class CacheSinkObserver final : public ferrow::ServiceCacheObserver {
 public:
     explicit CacheSinkObserver(InstanceSink& sink) : m_sink(sink) {}
     void OnInstanceAdded(ferrow::ServiceCache&, const ferrow::InstancePtr& added) override {
-        m_sink.Added(added->id, added->record);
+        m_sink.Added(added->id, kNoRecord);
     }
     void OnInstanceModified(ferrow::ServiceCache&, const ferrow::InstancePtr&, const ferrow::InstancePtr& after) override {
-        m_sink.Modified(after->id, after->record);
+        m_sink.Modified(after->id, kNoRecord);
     }
     void OnInstanceRemoved(ferrow::ServiceCache&, const ferrow::InstancePtr& removed) override {
         m_sink.Removed(removed->id);
@@ -163,13 +166,6 @@ public:
     CacheClient(const std::string& connect, const std::string& service, InstanceSink& sink)
         : m_session(connect), m_cache(std::make_shared<ferrow::ServiceCache>(m_session.Conn(), service, ReportError)) {
         m_cache->RegisterShared(std::make_shared<CacheSinkObserver>(sink));
-        sink.SetIdSource([weak = std::weak_ptr<ferrow::ServiceCache>(m_cache)] {
-            std::vector<ServiceId> ids;
-            if (const auto cache = weak.lock()) {
-                for (const ferrow::InstancePtr& instance : *cache->Snapshot()) ids.push_back(instance->id);
-            }
-            return ids;
-        });
     }
 
     void Start() override { m_cache->Start(); }

@@ -43,7 +43,7 @@ const char* const kUsage =
     "  --resolution-delay MS  the baseline calls zoo_set_servers_resolution_delay(MS)\n"
     "                     (default: the client's default, as the library runs)\n"
     "  --cache            also measure the library's cache (ServiceCache), which keeps\n"
-    "                     the records itself\n"
+    "                     the records itself, and the baseline keeping node bytes (raw)\n"
     "  --smoke            tiny run: sizes 20, 5 updates, 10 joins, 1 rep, no warm-up\n";
 
 struct Options {
@@ -76,7 +76,7 @@ Options ParseOptions(int argc, char** argv) {
             return argv[++i];
         };
         if (arg == "--cache") {
-            options.clients = {"ferrow", "cache", "baseline"};
+            options.clients = {"ferrow", "cache", "baseline", "raw"};
         } else if (arg == "--zk") {
             options.zk = value();
         } else if (arg == "--reps") {
@@ -167,8 +167,8 @@ public:
         const bool cached = std::any_of(m_samples.begin(), m_samples.end(),
                                         [](const auto& entry) { return std::get<1>(entry.first) == "cache"; });
         std::printf("\n| figure | n | ferrow median (min–max) | baseline median (min–max) | ferrow/baseline |%s\n",
-                    cached ? " cache median (min–max) | cache/ferrow |" : "");
-        std::printf("|---|---:|---:|---:|---:|%s\n", cached ? "---:|---:|" : "");
+                    cached ? " cache median (min–max) | cache/ferrow | raw median (min–max) | cache/raw |" : "");
+        std::printf("|---|---:|---:|---:|---:|%s\n", cached ? "---:|---:|---:|---:|" : "");
         for (const Row& row : m_rows) {
             const Stats ferrow = Summarise(row, "ferrow");
             const Stats baseline = Summarise(row, "baseline");
@@ -176,7 +176,9 @@ public:
                         Cell(baseline).c_str(), Ratio(ferrow, baseline).c_str());
             if (cached) {
                 const Stats cache = Summarise(row, "cache");
-                std::printf(" %s | %s |", Cell(cache).c_str(), Ratio(cache, ferrow).c_str());
+                const Stats raw = Summarise(row, "raw");
+                std::printf(" %s | %s | %s | %s |", Cell(cache).c_str(), Ratio(cache, ferrow).c_str(), Cell(raw).c_str(),
+                            Ratio(cache, raw).c_str());
             }
             std::printf("\n");
         }

@@ -243,8 +243,8 @@ std::shared_ptr<const Plan> InstanceProvider::BuildPlan(SnapshotPtr snapshot) {
     for (std::size_t index = 0; index < snapshot->size(); ++index) {
         const InstancePtr& instance = (*snapshot)[index];
         if (m_options.filter && !m_options.filter(*instance)) continue;
-        const bool elsewhere = !m_options.zone.empty() && instance->record.zone() != m_options.zone;
-        const bool drained = instance->record.weight() == 0;
+        const bool elsewhere = !m_options.zone.empty() && instance->zone != m_options.zone;
+        const bool drained = instance->weight == 0;
         groups[(drained ? 2 : 0) + (elsewhere ? 1 : 0)].push_back(instance.get());
     }
     std::lock_guard<std::mutex> lock(m_healthMtx);
@@ -254,7 +254,7 @@ std::shared_ptr<const Plan> InstanceProvider::BuildPlan(SnapshotPtr snapshot) {
         for (const CachedInstance* instance : groups[group]) {
             const std::shared_ptr<Health>& health = HealthOf(instance->id);
             health->seenIn = plan->version;
-            cumulative += instance->record.weight();
+            cumulative += instance->weight;
             plan->entries.push_back(Plan::Entry{instance, health.get(), cumulative});
             plan->healths.push_back(health);
         }

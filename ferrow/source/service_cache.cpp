@@ -47,8 +47,8 @@ public:
 
 private:
     void Put(const ServiceId& id, const ServiceInstanceData& record) {
-        // Built before the lock: the copy of the record is the costly part.
-        InstancePtr after = std::make_shared<const CachedInstance>(CachedInstance{id, record});
+        // Built before the lock: encoding the record is the costly part.
+        InstancePtr after = std::make_shared<const CachedInstance>(id, record);
         InstancePtr before;
         {
             std::lock_guard<std::mutex> lock(m_writeMtx);

@@ -48,7 +48,7 @@ ProviderOptions Using(ChoiceStrategy strategy) {
 
 InstanceMap Contents(const InstanceSnapshot& snapshot) {
     InstanceMap contents;
-    for (const InstancePtr& instance : snapshot) contents.emplace(instance->id, instance->record);
+    for (const InstancePtr& instance : snapshot) contents.emplace(instance->id, instance->Record());
     EXPECT_EQ(contents.size(), snapshot.size()) << "an id twice";
     return contents;
 }
@@ -58,7 +58,7 @@ InstanceMap Contents(const InstanceSnapshot& snapshot) {
 struct Counter : ServiceCacheObserver {
     void OnInstanceAdded(ServiceCache&, const InstancePtr&) override { ++added; }
     void OnInstanceModified(ServiceCache&, const InstancePtr& before, const InstancePtr& after) override {
-        modified += before->id == after->id && !testing::SameRecord(before->record, after->record);
+        modified += before->id == after->id && !testing::SameRecord(before->Record(), after->Record());
     }
     void OnInstanceRemoved(ServiceCache&, const InstancePtr&) override { ++removed; }
     std::atomic<int> added{0}, modified{0}, removed{0};
@@ -92,7 +92,7 @@ TEST_F(CacheTest, SnapshotsFollowTheServiceAndNeverChange) {
     EXPECT_EQ(counter->modified, 20);
     EXPECT_EQ(counter->added, 1);
     EXPECT_EQ(cache->Snapshot()->Version(), first->Version() + 41);
-    EXPECT_EQ(cache->Snapshot()->Find(added)->record.port(), truth[added].port());
+    EXPECT_EQ(cache->Snapshot()->Find(added)->port, truth[added].port());
 
     ASSERT_TRUE(testing::ExpireSession(s_server->ConnectString(), *conn));
     EXPECT_TRUE(PollUntil([&] { return counter->removed == 20 + 131 && cache->IsSynced(); }, kPatience));
@@ -163,7 +163,7 @@ TEST_F(CacheTest, StickyChoiceHoldsUntilItsInstanceIsDrainedOrLeaves) {
     std::thread other([&] { EXPECT_EQ(sticky.Choose()->id, first); });
     other.join();
     writer.Set(first, truth[first] = MakeRecord(1000), testing::Encoding::Raw);  // changed, still positive
-    ASSERT_TRUE(PollUntil([&] { return cache->Snapshot()->Find(first)->record.port() == truth[first].port(); }, kPatience));
+    ASSERT_TRUE(PollUntil([&] { return cache->Snapshot()->Find(first)->port == truth[first].port(); }, kPatience));
     EXPECT_EQ(sticky.Choose()->id, first);
     truth[first].set_weight(0);
     writer.Set(first, truth[first]);
@@ -189,7 +189,7 @@ TEST_F(CacheTest, ChoosingRacesUpdatesSafely) {
         threads.emplace_back([&] {
             while (!done) {
                 const InstancePtr instance = provider.Choose();
-                broken += !instance || instance->record.host().empty();
+                broken += !instance || instance->host.empty();
                 broken += cache->Snapshot()->size() < 90;
                 ++choices;
             }
