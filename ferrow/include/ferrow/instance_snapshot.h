@@ -1,8 +1,7 @@
 #pragma once
 
-// What a ServiceCache holds: every known instance of one service, id and
-// decoded record, as an immutable snapshot that any thread may read for as
-// long as it holds it.
+// What a ServiceCache holds: every known instance of one service, as an
+// immutable snapshot that any thread may read for as long as it holds it.
 
 #include <array>
 #include <cstddef>

@@ -1,6 +1,7 @@
 #pragma once
 
-// Keeps every instance of one service, id and decoded record, in memory, as
+// Keeps every instance of one service in memory (its id, host, port, zone,
+// weight and whole record, the latter serialized: see CachedInstance), as
 // immutable snapshots that any thread takes in constant time.
 //
 // Threads. The cache applies the watcher's reports on the connection's
