@@ -79,8 +79,9 @@ struct ProviderOptions {
     // Instances whose record has this zone come first; empty: no preference.
     String zone;
     // Accepts an instance; empty accepts all. Runs once per instance and
-    // version of the cache, on a choosing thread, without a lock of the
-    // cache: it must be thread-safe and must not call the provider.
+    // version of the cache, on a choosing thread, under the provider's plan
+    // lock and never a lock of the cache: it must be thread-safe and must
+    // not choose, with this provider or another.
     std::function<bool(const CachedInstance&)> filter;
     DownInstancePolicy down;
     WhenAllDown whenAllDown = WhenAllDown::kChooseNone;
