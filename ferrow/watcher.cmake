@@ -7,6 +7,7 @@ add_library(ferrow
   source/instance_table.cpp
   source/service_cache.cpp
   source/instance_provider.cpp
+  source/access_control.cpp
   source/zlib.cpp
   source/instance_data.cpp
   source/service_registration.cpp)

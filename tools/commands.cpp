@@ -11,6 +11,7 @@
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
+#include "ferrow/access_control.h"
 #include "ferrow/error.h"
 #include "ferrow/instance_data.h"
 #include "ferrow/instance_provider.h"
@@ -58,6 +59,9 @@ std::shared_ptr<ZooKeeperConnection> Connect(const CommonOptions& common, const 
     const auto deadline = std::chrono::steady_clock::now() + common.sessionTimeout;
     while (!conn->WaitConnected(std::chrono::milliseconds(50))) {
         if (const auto signal = signals.WaitFor(std::chrono::milliseconds(0))) throw Interrupted{*signal};
+        if (conn->State() == ZOO_AUTH_FAILED_STATE) {
+            throw CommandError("ZooKeeper at " + common.connect + " rejected the credentials of --auth");
+        }
         if (std::chrono::steady_clock::now() >= deadline) {
             throw CommandError("cannot connect to ZooKeeper at " + common.connect + " within " +
                                std::to_string(common.sessionTimeout.count()) + " ms");
@@ -276,10 +280,52 @@ int Register(const CommonOptions& common, const StopSignals& signals, const Stri
             throw CommandError("instance " + boost::uuids::to_string(chosen) + " of service '" + service +
                                "' is already registered");
         }
+        if (e.Code() == ZNOAUTH) {
+            throw CommandError("permission denied: create on " + ServicePath(service) +
+                               " (the service accepts its listed publishers only; see --auth)");
+        }
         throw;
     }
     PrintLine(boost::uuids::to_string(registration->Id()));
     signals.Wait();
+    return 0;
+}
+
+int Protect(const CommonOptions& common, const StopSignals& signals, const String& service,
+            const std::vector<String>& publishers) {
+    if (common.digestAuth.empty()) {
+        throw CommandError("protect needs the operator's credentials: give --auth or FERROW_AUTH");
+    }
+    std::vector<String> identities;
+    for (const String& publisher : publishers) identities.push_back(ParseIdentity(publisher));
+    const auto conn = Connect(common, signals);
+    try {
+        ProtectService(*conn, service, common.digestAuth, identities);
+    } catch (const ZooError& e) {
+        if (e.Code() != ZNOAUTH) throw;
+        throw CommandError("permission denied: admin on " + ServicePath(service) +
+                           " (only the operator named in its access list may change it)");
+    }
+    for (const AclEntry& entry : ServiceAcl(*conn, service)) PrintLine(AclText(entry));
+    return 0;
+}
+
+int Acl(const CommonOptions& common, const StopSignals& signals, const String& service, bool json) {
+    const auto conn = Connect(common, signals);
+    std::vector<AclEntry> acl;
+    const int rc = conn->GetAcl(ServicePath(service), acl);
+    if (rc == ZNONODE) throw CommandError("service '" + service + "' does not exist");
+    if (rc != ZOK) throw ZooError(rc);
+    if (!json) {
+        for (const AclEntry& entry : acl) PrintLine(AclText(entry));
+        return 0;
+    }
+    String array = "[";
+    for (const AclEntry& entry : acl) {
+        if (array.size() > 1) array += ",";
+        array += AclJson(entry);
+    }
+    PrintLine(array + "]");
     return 0;
 }
 
@@ -297,6 +343,10 @@ int Update(const CommonOptions& common, const StopSignals& signals, const String
         const int rc = conn->Set(path, EncodeInstanceData(record, compress), stat.version, nullptr);
         if (rc == ZBADVERSION) continue;
         if (rc == ZNONODE) throw CommandError(NoInstance(service, id));
+        if (rc == ZNOAUTH) {
+            throw CommandError("permission denied: write on " + path +
+                               " (only the instance's publisher may change its record)");
+        }
         if (rc != ZOK) throw ZooError(rc);
         PrintLine(json ? InstanceJson(id, record) : InstanceText(id, record));
         return 0;

@@ -86,6 +86,16 @@ struct PickOptions {
 int Pick(const CommonOptions& common, const StopSignals& signals, const String& service, const PickOptions& pick,
          bool json);
 
+// Gives the service node the protected access list (access_control.h) with
+// the operator of --auth and `publishers` ("user:password", or
+// "digest:user:hash"), then prints the list as Acl does.
+int Protect(const CommonOptions& common, const StopSignals& signals, const String& service,
+            const std::vector<String>& publishers);
+
+// Prints the service node's access list, one entry a line ("digest:alice:<hash>
+// create,delete"), or with `json` one array of {"scheme","id","perms":[...]}.
+int Acl(const CommonOptions& common, const StopSignals& signals, const String& service, bool json);
+
 // Prints one instance's record.
 int Get(const CommonOptions& common, const StopSignals& signals, const String& service, const ServiceId& id,
         bool json);

@@ -8,6 +8,7 @@
 // 2 invalid command line, 128 + signal when stopped before connecting.
 
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <map>
 
@@ -178,6 +179,29 @@ int main(int argc, char** argv) {
             ->capture_default_str();
         pickCommand->add_flag("--json", json, "One JSON object per line");
 
+        std::vector<String> publishers;
+        String publishersFile;
+        CLI::App* protect = app.add_subcommand(
+            "protect",
+            "Protect the service, run with the operator's --auth: its node (created when missing) grants read to "
+            "everyone, create and delete to each publisher, and everything to the operator; prints the new "
+            "access list. Passwords are hashed here and never stored. See the README's \"Access control\".");
+        addService(protect);
+        protect->add_option("--publisher", publishers,
+                            "A publisher's USER:PASSWORD, or its identity as digest:USER:HASH; repeat for several")
+            ->type_name("IDENTITY");
+        protect->add_option("--publishers-file", publishersFile,
+                            "A file of publisher identities, one a line in either form, which keeps passwords "
+                            "out of the process list")
+            ->check(CLI::ExistingFile)
+            ->type_name("FILE");
+
+        CLI::App* acl = app.add_subcommand(
+            "acl", "Print the service node's access list, one entry a line ('world:anyone read'); with --json "
+                   "one array of {\"scheme\":...,\"id\":...,\"perms\":[...]}.");
+        addService(acl);
+        acl->add_flag("--json", json, "One JSON array");
+
         CLI::App* list = app.add_subcommand(
             "list",
             "Print the instances the service has now, one line each; with --json one array of "
@@ -240,6 +264,20 @@ int main(int argc, char** argv) {
         if (*services) return Services(common, signals, json);
         if (*list) return List(common, signals, service, json);
         if (*pickCommand) return Pick(common, signals, service, pick, json);
+        if (*acl) return Acl(common, signals, service, json);
+        if (*protect) {
+            if (!publishersFile.empty()) {
+                std::ifstream file(publishersFile);
+                for (String line; std::getline(file, line);) {
+                    if (!line.empty()) publishers.push_back(line);
+                }
+            }
+            if (publishers.empty()) {
+                std::cerr << "ferrow: protect: give at least one --publisher or --publishers-file" << std::endl;
+                return 2;
+            }
+            return Protect(common, signals, service, publishers);
+        }
         if (*get) return Get(common, signals, service, *id, json);
         if (*reg) return Register(common, signals, service, fields, id, compress);
         if (fields.Empty()) {

@@ -3,10 +3,13 @@
 #include <cstdio>
 #include <ctime>
 #include <map>
+#include <sstream>
 #include <stdexcept>
 
 #include <boost/uuid/uuid_io.hpp>
 #include <google/protobuf/util/json_util.h>
+
+#include "ferrow/access_control.h"
 
 namespace jx {
 namespace ferrow {
@@ -88,6 +91,18 @@ String EventJson(const char* event, const String& service, const ServiceId& id,
                   ",\"id\":" + Quote(boost::uuids::to_string(id));
     if (record != nullptr) json += ",\"instance\":" + RecordJson(*record);
     return json + "}";
+}
+
+String AclJson(const AclEntry& entry) {
+    // The permission names as AclText writes them after the last space.
+    const String text = AclText(entry);
+    String perms;
+    std::stringstream names(text.substr(text.rfind(' ') + 1));
+    for (String name; std::getline(names, name, ',');) {
+        if (name == "none") continue;
+        perms += (perms.empty() ? "" : ",") + Quote(name);
+    }
+    return "{\"scheme\":" + Quote(entry.scheme) + ",\"id\":" + Quote(entry.id) + ",\"perms\":[" + perms + "]}";
 }
 
 String ServiceJson(const String& service, size_t instances) {

@@ -6,6 +6,7 @@
 // registered_at_ms is a JSON string in that mapping).
 
 #include "ferrow/service_watcher_observer.h"
+#include "ferrow/zookeeper_connection.h"
 #include "utility/string.h"
 
 namespace jx {
@@ -27,6 +28,9 @@ String EventText(const char* event, const ServiceId& id, const ServiceInstanceDa
 // without "instance" when `record` is null.
 String EventJson(const char* event, const String& service, const ServiceId& id,
                  const ServiceInstanceData* record);
+
+// {"scheme":"digest","id":"alice:<hash>","perms":["create","delete"]}
+String AclJson(const AclEntry& entry);
 
 // {"service":"<service>","instances":<instances>}
 String ServiceJson(const String& service, size_t instances);

@@ -30,6 +30,7 @@ struct SyncCall {
     String m_data;
     Stat m_stat{};
     std::vector<String> m_children;
+    std::vector<AclEntry> m_acl;
 };
 
 }  // namespace details
@@ -87,6 +88,16 @@ void SyncStringsDone(int rc, const String_vector* strings, const void* data) {
     FinishSync(data, rc, [strings](SyncCall& call) {
         if (strings == nullptr) return;
         for (int i = 0; i < strings->count; ++i) call.m_children.emplace_back(strings->data[i]);
+    });
+}
+
+void SyncAclDone(int rc, ACL_vector* acl, Stat*, const void* data) {
+    FinishSync(data, rc, [acl](SyncCall& call) {
+        if (acl == nullptr) return;
+        for (int i = 0; i < acl->count; ++i) {
+            const ACL& entry = acl->data[i];
+            call.m_acl.push_back(AclEntry{entry.id.scheme, entry.id.id, entry.perms});
+        }
     });
 }
 
@@ -271,6 +282,29 @@ int ZooKeeperConnection::GetChildren(String path, std::vector<String>& children)
     children.clear();
     if (rc == ZOK) children.swap(call->m_children);
     return rc;
+}
+
+int ZooKeeperConnection::GetAcl(String path, std::vector<AclEntry>& acl) const {
+    auto call = std::make_shared<SyncCall>();
+    const int rc = RunSync(call, [&](zhandle_t* zh, const void* ctx) {
+        return zoo_aget_acl(zh, path.c_str(), &SyncAclDone, ctx);
+    });
+    acl.clear();
+    if (rc == ZOK) acl.swap(call->m_acl);
+    return rc;
+}
+
+int ZooKeeperConnection::SetAcl(String path, const std::vector<AclEntry>& acl, int version) const {
+    // The client copies the list into the request before returning.
+    std::vector<ACL> entries;
+    for (const AclEntry& entry : acl) {
+        entries.push_back(ACL{entry.perms, Id{const_cast<char*>(entry.scheme.c_str()), const_cast<char*>(entry.id.c_str())}});
+    }
+    ACL_vector list{static_cast<std::int32_t>(entries.size()), entries.data()};
+    auto call = std::make_shared<SyncCall>();
+    return RunSync(call, [&](zhandle_t* zh, const void* ctx) {
+        return zoo_aset_acl(zh, path.c_str(), version, &list, &SyncVoidDone, ctx);
+    });
 }
 
 }  // namespace ferrow

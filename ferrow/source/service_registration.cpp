@@ -5,6 +5,7 @@
 
 #include <boost/uuid/random_generator.hpp>
 
+#include "ferrow/access_control.h"
 #include "ferrow/error.h"
 #include "ferrow/instance_data.h"
 #include "logger/logger.h"
@@ -111,8 +112,9 @@ private:
     // ephemeral instance node with m_record. Throws ZooError.
     void Publish() {
         EnsurePath(*m_conn, m_servicePath, false, ZOO_OPEN_ACL_UNSAFE);
-        const int rc = m_conn->Create(m_path, EncodeInstanceData(m_record, m_compress), ZOO_OPEN_ACL_UNSAFE,
-                                      ZOO_EPHEMERAL);
+        // With credentials, the node is writable by its publisher alone.
+        const ACL_vector& acl = m_conn->HasCredentials() ? PublisherInstanceAcl() : ZOO_OPEN_ACL_UNSAFE;
+        const int rc = m_conn->Create(m_path, EncodeInstanceData(m_record, m_compress), acl, ZOO_EPHEMERAL);
         if (rc != ZOK) throw ZooError(rc);
         m_node = Node::kPublished;
     }

@@ -210,6 +210,13 @@ void ZooKeeperConnection::RequestMaintenance(std::uint64_t generation) {
 
 void ZooKeeperConnection::DeliverSessionEvent(std::uint64_t generation, int type, int state,
                                               const String& path) {
+    // Refused credentials end the session for good: a new one would carry
+    // the same credentials, so none is opened.
+    if (state == ZOO_AUTH_FAILED_STATE) {
+        JXLOG(logging::JXLOG_ERROR, g_log) << "The server rejected the session's credentials; no new session is "
+                                              "opened: "
+                                           << m_options.connect;
+    }
     details::RunGuarded([&] { NotifyObservers(&ConnectionObserver::OnSessionEvent, type, state, path); });
     if (state == ZOO_EXPIRED_SESSION_STATE) RequestRenewal(generation);
 }
@@ -237,6 +244,8 @@ bool ZooKeeperConnection::WaitConnected(std::chrono::milliseconds deadline) cons
     std::unique_lock<std::mutex> lock(m_stateMtx);
     return m_stateCv.wait_for(lock, deadline, [this] { return State() == ZOO_CONNECTED_STATE; });
 }
+
+bool ZooKeeperConnection::HasCredentials() const { return !m_options.digestAuth.empty(); }
 
 bool ZooKeeperConnection::IsDeliveryThread() const { return m_deliveryThread.get_id() == std::this_thread::get_id(); }
 

@@ -93,6 +93,9 @@ public:
     // callback returns, so it must never wait for that. False where the
     // implementation cannot tell.
     virtual bool IsDeliveryThread() const { return false; }
+    // Whether requests of this connection carry a publisher's credentials,
+    // so that nodes it creates can be restricted to that identity.
+    virtual bool HasCredentials() const { return false; }
 
     // Reads a node. The incoming size of `out` is the read capacity: a node
     // larger than that leaves `out` empty and returns ZBADARGUMENTS, never a

@@ -67,6 +67,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <ostream>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -101,6 +102,19 @@ struct ConnectionOptions {
     size_t resetRequestLimit = kDefaultResetRequestLimit;
 };
 
+// One entry of a node's access list. `perms` is a set of ZOO_PERM_* bits.
+struct AclEntry {
+    String scheme;  // "world", "digest", "auth", ...
+    String id;      // "anyone", "user:hash", ...
+    int perms = 0;
+    bool operator==(const AclEntry& other) const {
+        return scheme == other.scheme && id == other.id && perms == other.perms;
+    }
+    friend std::ostream& operator<<(std::ostream& out, const AclEntry& entry) {
+        return out << entry.scheme << ":" << entry.id << " " << entry.perms;
+    }
+};
+
 namespace details {
 class DeliveryQueue;
 struct SyncCall;
@@ -133,6 +147,12 @@ public:
     // or its session is closed. For diagnostics and tests.
     size_t PendingWatchCount() const;
 
+    // A node's access list, and a change of it (`version` -1: any), as
+    // synchronous requests with the result code of the others below.
+    int GetAcl(String path, std::vector<AclEntry>& acl) const;
+    int SetAcl(String path, const std::vector<AclEntry>& acl, int version = -1) const;
+    // Whether the options gave credentials for the sessions.
+    bool HasCredentials() const override;
 
     // Connection. ZOO_EXPIRED_SESSION_STATE while no session exists.
     int State() const override;
