@@ -4,7 +4,7 @@
 //
 // Exit codes: 0 success (watch and register: stopped by SIGINT or SIGTERM),
 // 1 failure (cannot connect, no such service or instance, no instance to pick,
-// ZooKeeper error),
+// permission denied, ZooKeeper error),
 // 2 invalid command line, 128 + signal when stopped before connecting.
 
 #include <cstdlib>
@@ -40,7 +40,7 @@ Environment:
 
 Exit status: 0 success (watch and register: stopped by SIGINT or SIGTERM),
 1 failure (cannot connect, no such service or instance, no instance to pick,
-ZooKeeper error),
+permission denied, ZooKeeper error),
 2 invalid command line.)";
 
 const CLI::Validator kServiceName(

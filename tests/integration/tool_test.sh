@@ -87,6 +87,26 @@ fails 1 "ferrow: instance $taken_id of service 'tool' is already registered" \
 fails 2 "'not-a-uuid' is not a UUID" "$ferrow" --zk "$zk" get tool not-a-uuid
 fails 2 "'novalue' is not KEY=VALUE" "$ferrow" --zk "$zk" register tool --host h --port 1 --meta novalue
 
+# Access control: the operator protects a service for alice (hashed here,
+# given in a file); a stranger's register and another publisher's update are
+# refused with the permission named, while anyone may read.
+printf 'alice:pw-a\n' >"$dir/publishers"
+check "protect" "$(run "$ferrow" --zk "$zk" --auth op:secret protect guarded --publishers-file "$dir/publishers" |
+  sed -E 's|:[A-Za-z0-9+/]{27}=|:HASH|' | tr '\n' ,)" \
+  "world:anyone read,digest:op:HASH read,write,create,delete,admin,digest:alice:HASH create,delete,"
+FERROW_AUTH=alice:pw-a "$ferrow" --zk "$zk" register guarded --host a --port 1 >"$dir/alice" 2>&1 & alice=$!
+pids+=("$alice")
+alice_id=$(line "$dir/alice" 1)
+check "acl as anyone" "$(run "$ferrow" --zk "$zk" acl guarded | tr '\n' ,)" \
+  "world:anyone read,digest:op:x read,write,create,delete,admin,digest:alice:x create,delete,"
+check "list a protected service" "$(run "$ferrow" --zk "$zk" list guarded | cut -d' ' -f1-2)" "$alice_id a:1"
+fails 1 "ferrow: permission denied: create on /srv2/guarded (the service accepts its listed publishers only; see --auth)" \
+  "$ferrow" --zk "$zk" register guarded --host h --port 1
+fails 1 "ferrow: permission denied: write on /srv2/guarded/$alice_id (only the instance's publisher may change its record)" \
+  "$ferrow" --zk "$zk" --auth bob:pw-b update guarded "$alice_id" --weight 0
+fails 1 "ferrow: permission denied: admin on /srv2/guarded (only the operator named in its access list may change it)" \
+  "$ferrow" --zk "$zk" --auth mallory:x protect guarded --publisher mallory:x
+
 # The README's examples: watch_service prints what publish_instance does, and
 # call_service stops choosing an instance whose calls keep failing.
 mkfifo "$dir/stdin"
