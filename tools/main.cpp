@@ -52,6 +52,14 @@ const CLI::Validator kUuid(
     },
     "UUID");
 
+// Checks the form only, and never repeats the text: it holds a password.
+const CLI::Validator kCredentials(
+    [](String& text) {
+        const auto colon = text.find(':');
+        return colon == String::npos || colon == 0 ? String("credentials must read USER:PASSWORD") : String();
+    },
+    "");
+
 const CLI::Validator kMetadata(
     [](String& text) { return ParseMetadata(text) ? String() : "'" + text + "' is not KEY=VALUE"; }, "");
 
@@ -119,6 +127,7 @@ int main(int argc, char** argv) {
             ->type_name("MS");
         app.add_option("--auth", common.digestAuth, "Digest credentials for every session")
             ->envname("FERROW_AUTH")
+            ->check(kCredentials)
             ->type_name("USER:PASSWORD");
         app.add_option("--log-level", logLevel,
                        "Least severe log record written to standard error: debug, info, warning, error (default) "
