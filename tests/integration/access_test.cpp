@@ -8,7 +8,7 @@
 #include "ferrow/service_cache.h"
 #include "ferrow/service_registration.h"
 #include "tests/support/instances.h"
-#include "tests/support/zk_server.h"
+#include "tests/support/server_suite.h"
 
 namespace jx {
 namespace ferrow {
@@ -18,12 +18,8 @@ using testing::MakeRecord;
 using testing::PollUntil;
 constexpr std::chrono::seconds kPatience{30};
 
-class AccessTest : public ::testing::Test {
+class AccessTest : public testing::ServerSuite {
 protected:
-    static void SetUpTestSuite() { (s_server = new testing::ZkServer())->Start(); }
-    static void TearDownTestSuite() { delete s_server; }
-    static inline testing::ZkServer* s_server = nullptr;
-
     std::shared_ptr<ZooKeeperConnection> Session(const String& credentials) {
         auto conn = ZooKeeperConnection::Open({s_server->ConnectString(), std::chrono::seconds(30), credentials});
         EXPECT_TRUE(conn->WaitConnected(kPatience));

@@ -11,7 +11,7 @@
 #include "ferrow/instance_provider.h"
 #include "ferrow/service_cache.h"
 #include "tests/support/instances.h"
-#include "tests/support/zk_server.h"
+#include "tests/support/server_suite.h"
 
 namespace jx {
 namespace ferrow {
@@ -23,13 +23,8 @@ using testing::PollUntil;
 constexpr std::chrono::seconds kPatience{30};
 boost::uuids::random_generator g_generate;
 
-class CacheTest : public ::testing::Test {
+class CacheTest : public testing::ServerSuite {
 protected:
-    static void SetUpTestSuite() { (s_server = new testing::ZkServer())->Start(); }
-    static void TearDownTestSuite() { delete s_server; }
-    static inline testing::ZkServer* s_server = nullptr;
-    const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    testing::InstanceWriter writer{s_server->ConnectString(), name};
     const std::shared_ptr<ZooKeeperConnection> conn = testing::Connect(s_server->ConnectString());
 
     std::shared_ptr<ServiceCache> StartCache() {

@@ -11,7 +11,7 @@
 #include "ferrow/service_registration.h"
 #include "ferrow/zlib.h"
 #include "tests/support/recorder.h"
-#include "tests/support/zk_server.h"
+#include "tests/support/server_suite.h"
 
 namespace jx {
 namespace ferrow {
@@ -21,14 +21,7 @@ using testing::InstanceMap;
 using testing::MakeRecord;
 boost::uuids::random_generator g_generate;
 
-class WatcherTest : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() { (s_server = new testing::ZkServer())->Start(); }
-    static void TearDownTestSuite() { delete s_server; }
-    static inline testing::ZkServer* s_server = nullptr;
-    const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    testing::InstanceWriter writer{s_server->ConnectString(), name};
-};
+using WatcherTest = testing::ServerSuite;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int kCycles = 200;
