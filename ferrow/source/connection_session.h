@@ -114,6 +114,10 @@ struct ZooKeeperConnection::Session {
     // The state of the client's latest session event, set on its completion
     // thread before the session thread is asked to maintain the watches.
     std::atomic<int> m_lastState{0};
+    // The credentials could not be added yet: the client refuses them between
+    // two connection attempts. They are added on the first connected event,
+    // and until then the session does not count as connected.
+    std::atomic<bool> m_authPending{false};
     std::mutex m_watchMtx;
     std::unordered_map<WatchRecord*, std::unique_ptr<WatchRecord>> m_watches;  // guarded by m_watchMtx
     // Records per watched node and kind, by a hash of both: a collision only

@@ -119,7 +119,10 @@ int ZooKeeperConnection::OpenSession() {
     if (!m_options.digestAuth.empty()) {
         const int rc = zoo_add_auth(session->m_zh, "digest", m_options.digestAuth.data(),
                                     static_cast<int>(m_options.digestAuth.size()), nullptr, nullptr);
-        if (rc != ZOK) JXLOG(logging::JXLOG_ERROR, g_log) << "Cannot add digest credentials: " << zerror(rc);
+        if (rc != ZOK) {
+            session->m_authPending = true;
+            JXLOG(logging::JXLOG_INFO, g_log) << "Digest credentials wait for the first connection: " << zerror(rc);
+        }
     }
     m_session = std::move(session);
     lock.unlock();
@@ -221,9 +224,17 @@ void ZooKeeperConnection::DeliverSessionEvent(std::uint64_t generation, int type
     if (state == ZOO_EXPIRED_SESSION_STATE) RequestRenewal(generation);
 }
 
-void ZooKeeperConnection::OnClientSessionEvent(zhandle_t*, int type, int state, const char* path, void* ctx) {
+void ZooKeeperConnection::OnClientSessionEvent(zhandle_t* zh, int type, int state, const char* path, void* ctx) {
     Session& session = *static_cast<Session*>(ctx);
     ZooKeeperConnection& conn = session.m_conn;
+    // Before anyone learns of the connection: the credentials are sent
+    // ahead of every request issued afterwards.
+    if (type == ZOO_SESSION_EVENT && state == ZOO_CONNECTED_STATE && session.m_authPending.exchange(false)) {
+        const String& credentials = conn.m_options.digestAuth;
+        const int rc =
+            zoo_add_auth(zh, "digest", credentials.data(), static_cast<int>(credentials.size()), nullptr, nullptr);
+        if (rc != ZOK) JXLOG(logging::JXLOG_ERROR, g_log) << "Cannot add digest credentials: " << zerror(rc);
+    }
     conn.NotifyStateWaiters();
     if (type != ZOO_SESSION_EVENT) return;
     const std::uint64_t generation = session.m_generation;
@@ -251,7 +262,10 @@ bool ZooKeeperConnection::IsDeliveryThread() const { return m_deliveryThread.get
 
 int ZooKeeperConnection::State() const {
     std::shared_lock<std::shared_mutex> lock(m_sessionMtx);
-    return m_session ? zoo_state(m_session->m_zh) : ZOO_EXPIRED_SESSION_STATE;
+    if (!m_session) return ZOO_EXPIRED_SESSION_STATE;
+    // Connected without its credentials yet: not connected for the caller.
+    const int state = zoo_state(m_session->m_zh);
+    return state == ZOO_CONNECTED_STATE && m_session->m_authPending ? ZOO_CONNECTING_STATE : state;
 }
 
 std::int64_t ZooKeeperConnection::SessionId() const {
