@@ -45,9 +45,8 @@ int main(int argc, char** argv) {
 
         // The cache owns its watcher; the provider shares the cache. Both may
         // be used from any thread.
-        auto cache = std::make_shared<ServiceCache>(conn, argv[2], [](int rc) {
-            std::cerr << "ZooKeeper error: " << zerror(rc) << std::endl;
-        });
+        auto cache = std::make_shared<ServiceCache>(
+            conn, argv[2], [](int rc) { std::cerr << "ZooKeeper error: " << zerror(rc) << std::endl; });
         cache->Start();
         if (!cache->WaitSynced(std::chrono::seconds(10))) {
             std::cerr << "the view of " << argv[2] << " is not complete" << std::endl;
@@ -65,8 +64,7 @@ int main(int argc, char** argv) {
                 std::cout << "call " << call << ": no instance available" << std::endl;
                 continue;
             }
-            std::cout << "call " << call << " " << instance->host << ":" << instance->port
-                      << std::endl;
+            std::cout << "call " << call << " " << instance->host << ":" << instance->port << std::endl;
             if (!Call(*instance)) provider.ReportFailure(instance->id);
         }
         return 0;

@@ -16,7 +16,8 @@ String Base64(const unsigned char* bytes, size_t size) {
     static const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     String text;
     for (size_t i = 0; i < size; i += 3) {
-        const unsigned value = (bytes[i] << 16) | ((i + 1 < size ? bytes[i + 1] : 0) << 8) | (i + 2 < size ? bytes[i + 2] : 0);
+        const unsigned value =
+            (bytes[i] << 16) | ((i + 1 < size ? bytes[i + 1] : 0) << 8) | (i + 2 < size ? bytes[i + 2] : 0);
         text += kAlphabet[(value >> 18) & 63];
         text += kAlphabet[(value >> 12) & 63];
         text += i + 1 < size ? kAlphabet[(value >> 6) & 63] : '=';
@@ -89,8 +90,10 @@ std::vector<AclEntry> ServiceAcl(const ZooKeeperConnection& conn, const String& 
 }
 
 String AclText(const AclEntry& entry) {
-    static const std::pair<int, const char*> kNames[] = {{ZOO_PERM_READ, "read"},     {ZOO_PERM_WRITE, "write"},
-                                                         {ZOO_PERM_CREATE, "create"}, {ZOO_PERM_DELETE, "delete"},
+    static const std::pair<int, const char*> kNames[] = {{ZOO_PERM_READ, "read"},
+                                                         {ZOO_PERM_WRITE, "write"},
+                                                         {ZOO_PERM_CREATE, "create"},
+                                                         {ZOO_PERM_DELETE, "delete"},
                                                          {ZOO_PERM_ADMIN, "admin"}};
     String perms;
     for (const auto& [bit, name] : kNames) {

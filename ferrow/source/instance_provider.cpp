@@ -26,7 +26,7 @@ struct InstanceProvider::Health {
 struct InstanceProvider::Plan {
     struct Entry {
         const CachedInstance* instance;  // kept alive by `snapshot`
-        Health* health;               // kept alive by `healths`
+        Health* health;                  // kept alive by `healths`
         std::uint64_t cumulativeWeight;  // within its group, up to this entry
     };
     static constexpr std::size_t kGroups = 4;
@@ -153,7 +153,8 @@ std::size_t InstanceProvider::ChooseIn(Choosing& choosing, std::size_t group, bo
     std::size_t start;
     if (m_options.strategy == ChoiceStrategy::kRoundRobin) {
         start = choosing.slot.turn++ % count;
-    } else if (m_options.strategy == ChoiceStrategy::kWeighted && plan.entries[begin + count - 1].cumulativeWeight > 0) {
+    } else if (m_options.strategy == ChoiceStrategy::kWeighted &&
+               plan.entries[begin + count - 1].cumulativeWeight > 0) {
         const auto first = plan.entries.begin() + static_cast<std::ptrdiff_t>(begin);
         const std::uint64_t point = Random() % plan.entries[begin + count - 1].cumulativeWeight;
         start = static_cast<std::size_t>(
@@ -265,9 +266,9 @@ std::shared_ptr<const Plan> InstanceProvider::BuildPlan(SnapshotPtr snapshot) {
     const std::int64_t windowStart = now - std::chrono::nanoseconds(m_options.down.errorWindow).count();
     for (auto it = m_health.begin(); it != m_health.end();) {
         const Health& health = *it->second;
-        const bool counting = health.downUntil.load() > now ||
-                              std::any_of(health.failures.begin(), health.failures.end(),
-                                          [&](std::int64_t at) { return at > windowStart; });
+        const bool counting =
+            health.downUntil.load() > now || std::any_of(health.failures.begin(), health.failures.end(),
+                                                         [&](std::int64_t at) { return at > windowStart; });
         it = health.seenIn != plan->version && !counting ? m_health.erase(it) : std::next(it);
     }
     plan->snapshot = std::move(snapshot);

@@ -59,7 +59,8 @@ TEST_F(AccessTest, ProtectedServiceRefusesStrangersAndKeepsEachRecordToItsPublis
     // A publishes; only A may change its record, though B may add its own.
     ServiceRegistration published(a, "guarded", MakeRecord(2));
     const String path = published.Path();
-    const std::vector<AclEntry> own{{"world", "anyone", ZOO_PERM_READ}, {"digest", DigestIdentity("alice:pw-a"), ZOO_PERM_ALL}};
+    const std::vector<AclEntry> own{{"world", "anyone", ZOO_PERM_READ},
+                                    {"digest", DigestIdentity("alice:pw-a"), ZOO_PERM_ALL}};
     EXPECT_EQ(NodeAcl(*a, path), own);
     EXPECT_EQ(b->Set(path, bytes, -1, nullptr), ZNOAUTH);
     EXPECT_EQ(anonymous->Set(path, bytes, -1, nullptr), ZNOAUTH);
@@ -87,7 +88,8 @@ TEST_F(AccessTest, ProtectedServiceRefusesStrangersAndKeepsEachRecordToItsPublis
 // credentials still keeps its own record to itself.
 TEST_F(AccessTest, UnprotectedServicesStayOpen) {
     ServiceRegistration anonymousPublisher(anonymous, "open", MakeRecord(1));
-    EXPECT_EQ(NodeAcl(*anonymous, anonymousPublisher.Path()), (std::vector<AclEntry>{{"world", "anyone", ZOO_PERM_ALL}}));
+    EXPECT_EQ(NodeAcl(*anonymous, anonymousPublisher.Path()),
+              (std::vector<AclEntry>{{"world", "anyone", ZOO_PERM_ALL}}));
     EXPECT_EQ(b->Set(anonymousPublisher.Path(), EncodeInstanceData(MakeRecord(5), false), -1, nullptr), ZOK);
     ServiceRegistration withCredentials(a, "open", MakeRecord(2));
     EXPECT_EQ(b->Set(withCredentials.Path(), EncodeInstanceData(MakeRecord(5), false), -1, nullptr), ZNOAUTH);

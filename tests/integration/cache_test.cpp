@@ -142,7 +142,8 @@ TEST_F(CacheTest, ProviderChoosesByPreferenceAndSkipsDownInstances) {
     options.whenAllDown = WhenAllDown::kChooseAmongDown;
     options.filter = [c](const CachedInstance& instance) { return instance.id != c; };
     InstanceProvider filtered(cache, options);
-    for (const ServiceId& id : {a, b, d}) filtered.ReportFailure(id), filtered.ReportFailure(id), filtered.ReportFailure(id);
+    for (const ServiceId& id : {a, b, d})
+        filtered.ReportFailure(id), filtered.ReportFailure(id), filtered.ReportFailure(id);
     EXPECT_EQ(chosen(filtered, 100).count(c), 0u);
     EXPECT_NE(filtered.Choose(), nullptr);
 }

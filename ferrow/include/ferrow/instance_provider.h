@@ -69,9 +69,9 @@ enum class WhenAllDown {
 };
 
 struct DownInstancePolicy {
-    int errorThreshold = 3;                             // failures ...
-    std::chrono::milliseconds errorWindow{10'000};      // ... within this time
-    std::chrono::milliseconds downTime{30'000};         // make it down this long
+    int errorThreshold = 3;                         // failures ...
+    std::chrono::milliseconds errorWindow{10'000};  // ... within this time
+    std::chrono::milliseconds downTime{30'000};     // make it down this long
 };
 
 struct ProviderOptions {
