@@ -56,8 +56,9 @@ const ACL_vector& PublisherInstanceAcl();
 void ProtectService(const ZooKeeperConnection& conn, const String& service, const String& operatorCredentials,
                     const std::vector<String>& publishers);
 
-// The access list of /srv2/<service>. Throws ZooError (ZNONODE when the
-// service does not exist).
+// The access list of /srv2/<service>. The server shows the hash of a
+// digest identity only to a session with ADMIN on the node; others read
+// "user:x". Throws ZooError (ZNONODE when the service does not exist).
 std::vector<AclEntry> ServiceAcl(const ZooKeeperConnection& conn, const String& service);
 
 // "digest:alice:<hash> create,delete,read": the scheme, the id and the

@@ -28,6 +28,10 @@ class ServiceRegistrationImpl;
 // event after an expiry, creates the node again with the current record.
 // A re-creation that fails is logged under "ferrow.registration" and tried
 // again on the next connected event.
+//
+// Access: over a connection with credentials (Connection::HasCredentials),
+// the node is created, and created again, readable by everyone and writable
+// only by this publisher's identity (access_control.h); otherwise open.
 class ServiceRegistration {
 public:
     // Publishes `record` under a new random (version 4) id. The connection
