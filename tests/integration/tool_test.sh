@@ -99,6 +99,8 @@ pids+=("$alice")
 alice_id=$(line "$dir/alice" 1)
 check "acl as anyone" "$(run "$ferrow" --zk "$zk" acl guarded | tr '\n' ,)" \
   "world:anyone read,digest:op:x read,write,create,delete,admin,digest:alice:x create,delete,"
+check "acl as anyone, JSON" "$(run "$ferrow" --zk "$zk" acl guarded --json | cut -c1-60)" \
+  '[{"scheme":"world","id":"anyone","perms":["read"]},{"scheme"'
 check "list a protected service" "$(run "$ferrow" --zk "$zk" list guarded | cut -d' ' -f1-2)" "$alice_id a:1"
 fails 1 "ferrow: permission denied: create on /srv2/guarded (the service accepts its listed publishers only; see --auth)" \
   "$ferrow" --zk "$zk" register guarded --host h --port 1
