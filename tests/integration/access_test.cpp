@@ -78,7 +78,8 @@ TEST_F(AccessTest, ProtectedServiceRefusesStrangersAndKeepsEachRecordToItsPublis
     EXPECT_TRUE(PollUntil(
         [&] {
             testing::InstanceMap seen;
-            for (const InstancePtr& instance : *cache->Snapshot()) seen.emplace(instance->id, instance->Record());
+            const SnapshotPtr snapshot = cache->Snapshot();
+            for (const InstancePtr& instance : *snapshot) seen.emplace(instance->id, instance->Record());
             return cache->IsSynced() && testing::SameInstances(truth, seen);
         },
         kPatience));

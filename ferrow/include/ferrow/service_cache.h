@@ -73,7 +73,10 @@ public:
     // attached cache: its owner starts the watcher.
     void Start();
 
-    // The instances now. Constant time; never waits for an update.
+    // The instances now. Constant time; never waits for an update. Hold the
+    // pointer while reading: `for (... : *cache.Snapshot())` iterates a
+    // snapshot that the next update may free, since the loop keeps only the
+    // reference, not the pointer.
     SnapshotPtr Snapshot() const;
     // The version of the latest snapshot; cheaper than Snapshot() for a
     // reader that only wants to know whether anything changed.
