@@ -139,6 +139,17 @@ TEST_F(CacheTest, ProviderChoosesByPreferenceAndSkipsDownInstances) {
     EXPECT_FALSE(weighted.IsDown(a)) << "each provider counts its own failures";
     EXPECT_TRUE(PollUntil([&] { return roundRobin.Choose() != nullptr; }, kPatience)) << "tried again after downTime";
 
+    // Failures older than the window no longer count.
+    options.down.errorWindow = std::chrono::milliseconds(200);
+    InstanceProvider windowed(cache, options);
+    windowed.ReportFailure(a), windowed.ReportFailure(a);
+    const auto windowEnd = std::chrono::steady_clock::now() + options.down.errorWindow;
+    ASSERT_TRUE(PollUntil([&] { return std::chrono::steady_clock::now() > windowEnd; }, kPatience));
+    windowed.ReportFailure(a);
+    EXPECT_FALSE(windowed.IsDown(a));
+    windowed.ReportFailure(a), windowed.ReportFailure(a);
+    EXPECT_TRUE(windowed.IsDown(a));
+
     options.whenAllDown = WhenAllDown::kChooseAmongDown;
     options.filter = [c](const CachedInstance& instance) { return instance.id != c; };
     InstanceProvider filtered(cache, options);
