@@ -4,6 +4,7 @@ add_library(ferrow
   source/service_watcher.cpp
   source/service_watcher_impl.cpp
   source/sync_tracker.cpp
+  source/instance_snapshot.cpp
   source/instance_table.cpp
   source/service_cache.cpp
   source/instance_provider.cpp

@@ -42,6 +42,17 @@ String NoInstance(const String& service, const ServiceId& id) {
     return "instance " + boost::uuids::to_string(id) + " of service '" + service + "' does not exist";
 }
 
+String NoService(const String& service) { return "service '" + service + "' does not exist"; }
+
+// The children of the service node; a missing service is the user's error.
+std::vector<String> ServiceChildren(const Connection& conn, const String& service) {
+    std::vector<String> children;
+    const int rc = conn.GetChildren(ServicePath(service), children);
+    if (rc == ZNONODE) throw CommandError(NoService(service));
+    if (rc != ZOK) throw ZooError(rc);
+    return children;
+}
+
 // Opens a session and waits until it is connected, at most the session
 // timeout. A stop signal meanwhile throws Interrupted.
 std::shared_ptr<ZooKeeperConnection> Connect(const CommonOptions& common, const StopSignals& signals) {
@@ -172,7 +183,7 @@ int Services(const CommonOptions& common, const StopSignals& signals, bool json)
     const int rc = conn->GetChildren("/srv2", services);
     if (rc != ZOK && rc != ZNONODE) throw ZooError(rc);  // no /srv2: no service yet
     std::sort(services.begin(), services.end());
-    String array = "[";
+    std::vector<String> objects;
     for (const String& service : services) {
         std::vector<String> children;
         // A service removed since the listing is not listed.
@@ -182,24 +193,19 @@ int Services(const CommonOptions& common, const StopSignals& signals, bool json)
         const auto instances = std::count_if(children.begin(), children.end(),
                                              [](const String& child) { return ParseServiceId(child).has_value(); });
         if (json) {
-            array += String(array.size() > 1 ? "," : "") + ServiceJson(service, instances);
+            objects.push_back(ServiceJson(service, instances));
         } else {
             PrintLine(service + " " + std::to_string(instances));
         }
     }
-    if (json) PrintLine(array + "]");
+    if (json) PrintLine(JsonArray(objects));
     return 0;
 }
 
 int List(const CommonOptions& common, const StopSignals& signals, const String& service, bool json) {
     const auto conn = Connect(common, signals);
-    std::vector<String> children;
-    const int rc = conn->GetChildren(ServicePath(service), children);
-    if (rc == ZNONODE) throw CommandError("service '" + service + "' does not exist");
-    if (rc != ZOK) throw ZooError(rc);
-
     std::map<ServiceId, ServiceInstanceData> instances;
-    for (const auto& child : children) {
+    for (const auto& child : ServiceChildren(*conn, service)) {
         const auto id = ParseServiceId(child);
         if (!id) continue;  // not an instance node
         ServiceInstanceData record;
@@ -208,12 +214,9 @@ int List(const CommonOptions& common, const StopSignals& signals, const String& 
     }
 
     if (json) {
-        String array = "[";
-        for (const auto& [id, record] : instances) {
-            if (array.size() > 1) array += ",";
-            array += InstanceJson(id, record);
-        }
-        PrintLine(array + "]");
+        std::vector<String> objects;
+        for (const auto& [id, record] : instances) objects.push_back(InstanceJson(id, record));
+        PrintLine(JsonArray(objects));
     } else {
         for (const auto& [id, record] : instances) PrintLine(InstanceText(id, record));
     }
@@ -223,11 +226,8 @@ int List(const CommonOptions& common, const StopSignals& signals, const String& 
 int Pick(const CommonOptions& common, const StopSignals& signals, const String& service, const PickOptions& pick,
          bool json) {
     const auto conn = Connect(common, signals);
-    std::vector<String> children;
     // Unlike `watch`, `pick` does not create a missing service.
-    const int rc = conn->GetChildren(ServicePath(service), children);
-    if (rc == ZNONODE) throw CommandError("service '" + service + "' does not exist");
-    if (rc != ZOK) throw ZooError(rc);
+    ServiceChildren(*conn, service);
 
     auto cache = std::make_shared<ServiceCache>(conn, service, [service](int code) {
         std::cerr << "ferrow: ZooKeeper error while reading '" << service << "': " << zerror(code) << std::endl;
@@ -314,18 +314,15 @@ int Acl(const CommonOptions& common, const StopSignals& signals, const String& s
     const auto conn = Connect(common, signals);
     std::vector<AclEntry> acl;
     const int rc = conn->GetAcl(ServicePath(service), acl);
-    if (rc == ZNONODE) throw CommandError("service '" + service + "' does not exist");
+    if (rc == ZNONODE) throw CommandError(NoService(service));
     if (rc != ZOK) throw ZooError(rc);
     if (!json) {
         for (const AclEntry& entry : acl) PrintLine(AclText(entry));
         return 0;
     }
-    String array = "[";
-    for (const AclEntry& entry : acl) {
-        if (array.size() > 1) array += ",";
-        array += AclJson(entry);
-    }
-    PrintLine(array + "]");
+    std::vector<String> objects;
+    for (const AclEntry& entry : acl) objects.push_back(AclJson(entry));
+    PrintLine(JsonArray(objects));
     return 0;
 }
 

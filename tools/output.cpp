@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <ctime>
 #include <map>
-#include <sstream>
 #include <stdexcept>
 
 #include <boost/uuid/uuid_io.hpp>
@@ -94,15 +93,15 @@ String EventJson(const char* event, const String& service, const ServiceId& id,
 }
 
 String AclJson(const AclEntry& entry) {
-    // The permission names as AclText writes them after the last space.
-    const String text = AclText(entry);
-    String perms;
-    std::stringstream names(text.substr(text.rfind(' ') + 1));
-    for (String name; std::getline(names, name, ',');) {
-        if (name == "none") continue;
-        perms += (perms.empty() ? "" : ",") + Quote(name);
-    }
-    return "{\"scheme\":" + Quote(entry.scheme) + ",\"id\":" + Quote(entry.id) + ",\"perms\":[" + perms + "]}";
+    std::vector<String> perms;
+    for (const String& name : PermissionNames(entry.perms)) perms.push_back(Quote(name));
+    return "{\"scheme\":" + Quote(entry.scheme) + ",\"id\":" + Quote(entry.id) + ",\"perms\":" + JsonArray(perms) + "}";
+}
+
+String JsonArray(const std::vector<String>& elements) {
+    String array = "[";
+    for (const String& element : elements) array += (array.size() > 1 ? "," : "") + element;
+    return array + "]";
 }
 
 String ServiceJson(const String& service, size_t instances) {

@@ -5,6 +5,8 @@
 // field names of the .proto file and every field present (uint64
 // registered_at_ms is a JSON string in that mapping).
 
+#include <vector>
+
 #include "ferrow/service_watcher_observer.h"
 #include "ferrow/zookeeper_connection.h"
 #include "utility/string.h"
@@ -28,6 +30,9 @@ String EventText(const char* event, const ServiceId& id, const ServiceInstanceDa
 // without "instance" when `record` is null.
 String EventJson(const char* event, const String& service, const ServiceId& id,
                  const ServiceInstanceData* record);
+
+// "[a,b,...]" of JSON texts.
+String JsonArray(const std::vector<String>& elements);
 
 // {"scheme":"digest","id":"alice:<hash>","perms":["create","delete"]}
 String AclJson(const AclEntry& entry);

@@ -89,18 +89,22 @@ std::vector<AclEntry> ServiceAcl(const ZooKeeperConnection& conn, const String& 
     return acl;
 }
 
-String AclText(const AclEntry& entry) {
+std::vector<String> PermissionNames(int perms) {
     static const std::pair<int, const char*> kNames[] = {{ZOO_PERM_READ, "read"},
                                                          {ZOO_PERM_WRITE, "write"},
                                                          {ZOO_PERM_CREATE, "create"},
                                                          {ZOO_PERM_DELETE, "delete"},
                                                          {ZOO_PERM_ADMIN, "admin"}};
-    String perms;
+    std::vector<String> names;
     for (const auto& [bit, name] : kNames) {
-        if ((entry.perms & bit) == 0) continue;
-        if (!perms.empty()) perms += ",";
-        perms += name;
+        if ((perms & bit) != 0) names.push_back(name);
     }
+    return names;
+}
+
+String AclText(const AclEntry& entry) {
+    String perms;
+    for (const String& name : PermissionNames(entry.perms)) perms += (perms.empty() ? "" : ",") + name;
     return entry.scheme + ":" + entry.id + " " + (perms.empty() ? "none" : perms);
 }
 

@@ -17,7 +17,7 @@ struct InstanceProvider::Health {
     std::atomic<std::int64_t> downUntil{0};
     // Guarded by m_healthMtx: the times of the failures within the window.
     std::vector<std::int64_t> failures;
-    // Guarded by m_healthMtx: the version of the last plan that included it.
+    // Guarded by m_healthMtx: the newest version of a plan that included it.
     std::uint64_t seenIn = 0;
 };
 
@@ -26,7 +26,7 @@ struct InstanceProvider::Health {
 struct InstanceProvider::Plan {
     struct Entry {
         const CachedInstance* instance;  // kept alive by `snapshot`
-        Health* health;                  // kept alive by `healths`
+        std::shared_ptr<Health> health;
         std::uint64_t cumulativeWeight;  // within its group, up to this entry
     };
     static constexpr std::size_t kGroups = 4;
@@ -36,7 +36,6 @@ struct InstanceProvider::Plan {
     std::uint64_t version = 0;
     std::vector<Entry> entries;
     std::size_t groupStart[kGroups + 1] = {};  // group g is [groupStart[g], groupStart[g + 1])
-    std::vector<std::shared_ptr<Health>> healths;
 };
 
 // One thread's plan of one provider, and its round-robin position there.
@@ -113,6 +112,12 @@ std::uint64_t StickyKey(std::uint64_t version, std::size_t index) {
     return (static_cast<std::uint64_t>(index) << 32) | (version & 0xffffffffULL);
 }
 
+// The index a sticky key holds for the plan of `version`, or Plan::kNone when
+// it names a choice in another plan.
+std::size_t StickyIndex(std::uint64_t key, std::uint64_t version) {
+    return (key & 0xffffffffULL) == (version & 0xffffffffULL) ? static_cast<std::size_t>(key >> 32) : Plan::kNone;
+}
+
 }  // namespace
 
 InstanceProvider::InstanceProvider(std::shared_ptr<const ServiceCache> cache, ProviderOptions options)
@@ -132,13 +137,11 @@ InstancePtr InstanceProvider::Choose() {
 }
 
 std::size_t InstanceProvider::ChooseIndex(Choosing& choosing) {
-    for (std::size_t group = 0; group < Plan::kGroups; ++group) {
-        const std::size_t index = ChooseIn(choosing, group, false);
-        if (index != Plan::kNone) return index;
-    }
-    if (m_options.whenAllDown == WhenAllDown::kChooseAmongDown) {
+    // Among the instances that are up, then, if the policy says so, among all.
+    for (const bool evenDown : {false, true}) {
+        if (evenDown && m_options.whenAllDown != WhenAllDown::kChooseAmongDown) break;
         for (std::size_t group = 0; group < Plan::kGroups; ++group) {
-            const std::size_t index = ChooseIn(choosing, group, true);
+            const std::size_t index = ChooseIn(choosing, group, evenDown);
             if (index != Plan::kNone) return index;
         }
     }
@@ -174,15 +177,11 @@ std::size_t InstanceProvider::ChooseIn(Choosing& choosing, std::size_t group, bo
 
 InstancePtr InstanceProvider::ChooseSticky(Choosing& choosing) {
     const Plan& plan = *choosing.slot.plan;
-    const std::uint64_t key = m_sticky.load(std::memory_order_acquire);
-    if ((key & 0xffffffffULL) == (plan.version & 0xffffffffULL)) {
-        const std::size_t index = static_cast<std::size_t>(key >> 32);
-        const bool drained = index >= plan.groupStart[2];
-        // A drained choice stands only while nothing has a positive weight.
-        if (index < plan.entries.size() && (!drained || plan.groupStart[2] == 0) &&
-            !DownNow(plan.entries[index], choosing.now)) {
-            return Hand(choosing.slot, plan.entries[index]);
-        }
+    const std::size_t held = StickyIndex(m_sticky.load(std::memory_order_acquire), plan.version);
+    // A drained choice stands only while nothing has a positive weight.
+    if (held < plan.entries.size() && (held < plan.groupStart[2] || plan.groupStart[2] == 0) &&
+        !DownNow(plan.entries[held], choosing.now)) {
+        return Hand(choosing.slot, plan.entries[held]);
     }
     const std::size_t index = ChooseIndex(choosing);
     if (index == Plan::kNone) return nullptr;
@@ -216,30 +215,35 @@ void InstanceProvider::Refresh(ThreadSlot& slot) {
 
 std::shared_ptr<const Plan> InstanceProvider::LatestPlan() {
     SnapshotPtr snapshot = m_cache->Snapshot();
-    std::lock_guard<std::mutex> lock(m_planMtx);
-    if (!m_plan || m_plan->version != snapshot->Version()) {
-        std::shared_ptr<const Plan> plan = BuildPlan(std::move(snapshot));
-        // The sticky choice follows its instance into the new plan.
-        const std::uint64_t key = m_sticky.load(std::memory_order_acquire);
-        if (m_plan && (key & 0xffffffffULL) == (m_plan->version & 0xffffffffULL) &&
-            (key >> 32) < m_plan->entries.size()) {
-            const ServiceId& id = m_plan->entries[key >> 32].instance->id;
-            for (std::size_t index = 0; index < plan->entries.size(); ++index) {
-                if (plan->entries[index].instance->id != id) continue;
-                std::uint64_t expected = key;
-                m_sticky.compare_exchange_strong(expected, StickyKey(plan->version, index));
-                break;
-            }
-        }
-        m_plan = std::move(plan);
+    {
+        std::lock_guard<std::mutex> lock(m_planMtx);
+        if (m_plan && m_plan->version >= snapshot->Version()) return m_plan;
     }
-    return m_plan;
+    // Built with no lock of the provider held, since the filter runs in it:
+    // two threads may build the same plan, and the first one stored wins.
+    std::shared_ptr<const Plan> plan = BuildPlan(std::move(snapshot));
+    std::lock_guard<std::mutex> lock(m_planMtx);
+    if (m_plan && m_plan->version >= plan->version) return m_plan;
+    // The sticky choice follows its instance into the new plan.
+    const std::uint64_t key = m_sticky.load(std::memory_order_acquire);
+    const std::size_t held = m_plan ? StickyIndex(key, m_plan->version) : Plan::kNone;
+    if (m_plan && held < m_plan->entries.size()) {
+        const ServiceId& id = m_plan->entries[held].instance->id;
+        for (std::size_t index = 0; index < plan->entries.size(); ++index) {
+            if (plan->entries[index].instance->id != id) continue;
+            std::uint64_t expected = key;
+            m_sticky.compare_exchange_strong(expected, StickyKey(plan->version, index));
+            break;
+        }
+    }
+    m_plan = plan;
+    return plan;
 }
 
 std::shared_ptr<const Plan> InstanceProvider::BuildPlan(SnapshotPtr snapshot) {
     auto plan = std::make_shared<Plan>();
     plan->version = snapshot->Version();
-    // The filter is the caller's code: it runs without a lock held.
+    // The filter is the caller's code: it runs with no lock held.
     std::vector<const CachedInstance*> groups[Plan::kGroups];
     for (std::size_t index = 0; index < snapshot->size(); ++index) {
         const InstancePtr& instance = (*snapshot)[index];
@@ -254,22 +258,22 @@ std::shared_ptr<const Plan> InstanceProvider::BuildPlan(SnapshotPtr snapshot) {
         std::uint64_t cumulative = 0;
         for (const CachedInstance* instance : groups[group]) {
             const std::shared_ptr<Health>& health = HealthOf(instance->id);
-            health->seenIn = plan->version;
+            health->seenIn = std::max(health->seenIn, plan->version);
             cumulative += instance->weight;
-            plan->entries.push_back(Plan::Entry{instance, health.get(), cumulative});
-            plan->healths.push_back(health);
+            plan->entries.push_back(Plan::Entry{instance, health, cumulative});
         }
     }
     plan->groupStart[Plan::kGroups] = plan->entries.size();
-    // Forget instances that left and have nothing left to count.
+    // Forget instances that left and have nothing left to count; a plan of an
+    // older version, built at the same time, forgets none that a newer has.
     const std::int64_t now = NowNs();
-    const std::int64_t windowStart = now - std::chrono::nanoseconds(m_options.down.errorWindow).count();
+    const std::int64_t windowStart = WindowStart(now);
     for (auto it = m_health.begin(); it != m_health.end();) {
         const Health& health = *it->second;
         const bool counting =
             health.downUntil.load() > now || std::any_of(health.failures.begin(), health.failures.end(),
                                                          [&](std::int64_t at) { return at > windowStart; });
-        it = health.seenIn != plan->version && !counting ? m_health.erase(it) : std::next(it);
+        it = health.seenIn < plan->version && !counting ? m_health.erase(it) : std::next(it);
     }
     plan->snapshot = std::move(snapshot);
     return plan;
@@ -283,7 +287,7 @@ const std::shared_ptr<InstanceProvider::Health>& InstanceProvider::HealthOf(cons
 
 void InstanceProvider::ReportFailure(const ServiceId& id) {
     const std::int64_t now = NowNs();
-    const std::int64_t windowStart = now - std::chrono::nanoseconds(m_options.down.errorWindow).count();
+    const std::int64_t windowStart = WindowStart(now);
     std::lock_guard<std::mutex> lock(m_healthMtx);
     Health& health = *HealthOf(id);
     std::vector<std::int64_t>& failures = health.failures;
@@ -295,6 +299,10 @@ void InstanceProvider::ReportFailure(const ServiceId& id) {
         health.downUntil.store(now + std::chrono::nanoseconds(m_options.down.downTime).count(),
                                std::memory_order_relaxed);
     }
+}
+
+std::int64_t InstanceProvider::WindowStart(std::int64_t now) const {
+    return now - std::chrono::nanoseconds(m_options.down.errorWindow).count();
 }
 
 bool InstanceProvider::IsDown(const ServiceId& id) const {

@@ -5,28 +5,6 @@
 namespace jx {
 namespace ferrow {
 
-CachedInstance::CachedInstance(const ServiceId& id, const ServiceInstanceData& record)
-    : id(id),
-      host(record.host()),
-      port(record.port()),
-      zone(record.zone()),
-      weight(record.weight()),
-      m_bytes(record.SerializeAsString()) {}
-
-ServiceInstanceData CachedInstance::Record() const {
-    ServiceInstanceData record;
-    // Bytes this object serialized itself: they always parse.
-    record.ParseFromString(m_bytes);
-    return record;
-}
-
-InstancePtr InstanceSnapshot::Find(const ServiceId& id) const {
-    for (const InstancePtr& instance : *this) {
-        if (instance->id == id) return instance;
-    }
-    return nullptr;
-}
-
 InstancePtr InstanceTable::Put(InstancePtr instance) {
     const auto [position, added] = m_positions.try_emplace(instance->id, m_size);
     if (added) {

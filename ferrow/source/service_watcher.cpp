@@ -59,7 +59,9 @@ bool ServiceWatcher::IsSynced() const { return m_sync->Track(); }
 bool ServiceWatcher::WaitSynced(std::chrono::milliseconds deadline) const { return m_sync->Wait(deadline); }
 
 void ServiceWatcher::SetSyncedListener(std::function<void(size_t instances)> listener) {
-    m_sync->SetListener([this, listener = std::move(listener)] { listener(m_impl->ListInstances().size()); });
+    m_sync->SetListener([impl = std::weak_ptr<ServiceWatcherImpl>(m_impl), listener = std::move(listener)] {
+        if (const std::shared_ptr<ServiceWatcherImpl> alive = impl.lock()) listener(alive->ListInstances().size());
+    });
     m_sync->Track();
 }
 

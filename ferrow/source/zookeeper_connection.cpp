@@ -117,8 +117,7 @@ int ZooKeeperConnection::OpenSession() {
     // after a connection loss still follows DNS changes where they matter.
     zoo_set_servers_resolution_delay(session->m_zh, -1);
     if (!m_options.digestAuth.empty()) {
-        const int rc = zoo_add_auth(session->m_zh, "digest", m_options.digestAuth.data(),
-                                    static_cast<int>(m_options.digestAuth.size()), nullptr, nullptr);
+        const int rc = AddCredentials(session->m_zh);
         if (rc != ZOK) {
             session->m_authPending = true;
             JXLOG(logging::JXLOG_INFO, g_log) << "Digest credentials wait for the first connection: " << zerror(rc);
@@ -230,9 +229,7 @@ void ZooKeeperConnection::OnClientSessionEvent(zhandle_t* zh, int type, int stat
     // Before anyone learns of the connection: the credentials are sent
     // ahead of every request issued afterwards.
     if (type == ZOO_SESSION_EVENT && state == ZOO_CONNECTED_STATE && session.m_authPending.exchange(false)) {
-        const String& credentials = conn.m_options.digestAuth;
-        const int rc =
-            zoo_add_auth(zh, "digest", credentials.data(), static_cast<int>(credentials.size()), nullptr, nullptr);
+        const int rc = conn.AddCredentials(zh);
         if (rc != ZOK) JXLOG(logging::JXLOG_ERROR, g_log) << "Cannot add digest credentials: " << zerror(rc);
     }
     conn.NotifyStateWaiters();
@@ -254,6 +251,11 @@ void ZooKeeperConnection::OnClientSessionEvent(zhandle_t* zh, int type, int stat
 bool ZooKeeperConnection::WaitConnected(std::chrono::milliseconds deadline) const {
     std::unique_lock<std::mutex> lock(m_stateMtx);
     return m_stateCv.wait_for(lock, deadline, [this] { return State() == ZOO_CONNECTED_STATE; });
+}
+
+int ZooKeeperConnection::AddCredentials(zhandle_t* zh) const {
+    const String& credentials = m_options.digestAuth;
+    return zoo_add_auth(zh, "digest", credentials.data(), static_cast<int>(credentials.size()), nullptr, nullptr);
 }
 
 bool ZooKeeperConnection::HasCredentials() const { return !m_options.digestAuth.empty(); }

@@ -27,6 +27,14 @@ class CacheTest : public testing::ServerSuite {
 protected:
     const std::shared_ptr<ZooKeeperConnection> conn = testing::Connect(s_server->ConnectString());
 
+    // Writes `count` instances to the service and returns them.
+    InstanceMap Preload(int count) {
+        InstanceMap truth;
+        for (int i = 0; i < count; ++i) truth.emplace(g_generate(), MakeRecord(i));
+        writer.CreateAll(truth);
+        return truth;
+    }
+
     std::shared_ptr<ServiceCache> StartCache() {
         auto cache = std::make_shared<ServiceCache>(conn, name, [](int rc) { ADD_FAILURE() << zerror(rc); });
         cache->Start();
@@ -62,9 +70,7 @@ struct Counter : ServiceCacheObserver {
 // Complete once synced; every change lands in a new snapshot while the old
 // ones keep what they held; an expiry empties and refills it.
 TEST_F(CacheTest, SnapshotsFollowTheServiceAndNeverChange) {
-    InstanceMap truth;
-    for (int i = 0; i < 150; ++i) truth.emplace(g_generate(), MakeRecord(i));  // three blocks
-    writer.CreateAll(truth);
+    InstanceMap truth = Preload(150);  // three blocks
     const auto cache = StartCache();
     const auto counter = std::make_shared<Counter>();
     cache->RegisterShared(counter);
@@ -115,6 +121,10 @@ TEST_F(CacheTest, ProviderChoosesByPreferenceAndSkipsDownInstances) {
         return counts;
     };
 
+    const auto fail = [](InstanceProvider& provider, const ServiceId& id, int times) {
+        for (int i = 0; i < times; ++i) provider.ReportFailure(id);
+    };
+
     ProviderOptions options;
     options.zone = "z1";
     options.down.downTime = std::chrono::milliseconds(500);
@@ -127,14 +137,14 @@ TEST_F(CacheTest, ProviderChoosesByPreferenceAndSkipsDownInstances) {
     EXPECT_NEAR(counts.at(b), 3000, 300);  // eleven standard deviations
 
     // Down in order of preference: the other zone, then the drained, then none.
-    for (int i = 0; i < 3; ++i) roundRobin.ReportFailure(a);
+    fail(roundRobin, a, 3);
     EXPECT_TRUE(roundRobin.IsDown(a));
     EXPECT_EQ(chosen(roundRobin, 4), (std::map<ServiceId, int>{{b, 4}}));
-    for (int i = 0; i < 3; ++i) roundRobin.ReportFailure(b);
+    fail(roundRobin, b, 3);
     EXPECT_EQ(chosen(roundRobin, 2), (std::map<ServiceId, int>{{c, 2}}));
-    for (int i = 0; i < 3; ++i) roundRobin.ReportFailure(c);
+    fail(roundRobin, c, 3);
     EXPECT_EQ(chosen(roundRobin, 2), (std::map<ServiceId, int>{{d, 2}}));
-    for (int i = 0; i < 3; ++i) roundRobin.ReportFailure(d);
+    fail(roundRobin, d, 3);
     EXPECT_EQ(roundRobin.Choose(), nullptr);
     EXPECT_FALSE(weighted.IsDown(a)) << "each provider counts its own failures";
     EXPECT_TRUE(PollUntil([&] { return roundRobin.Choose() != nullptr; }, kPatience)) << "tried again after downTime";
@@ -142,28 +152,25 @@ TEST_F(CacheTest, ProviderChoosesByPreferenceAndSkipsDownInstances) {
     // Failures older than the window no longer count.
     options.down.errorWindow = std::chrono::milliseconds(200);
     InstanceProvider windowed(cache, options);
-    windowed.ReportFailure(a), windowed.ReportFailure(a);
+    fail(windowed, a, 2);
     const auto windowEnd = std::chrono::steady_clock::now() + options.down.errorWindow;
     ASSERT_TRUE(PollUntil([&] { return std::chrono::steady_clock::now() > windowEnd; }, kPatience));
-    windowed.ReportFailure(a);
+    fail(windowed, a, 1);
     EXPECT_FALSE(windowed.IsDown(a));
-    windowed.ReportFailure(a), windowed.ReportFailure(a);
+    fail(windowed, a, 2);
     EXPECT_TRUE(windowed.IsDown(a));
 
     options.whenAllDown = WhenAllDown::kChooseAmongDown;
     options.filter = [c](const CachedInstance& instance) { return instance.id != c; };
     InstanceProvider filtered(cache, options);
-    for (const ServiceId& id : {a, b, d})
-        filtered.ReportFailure(id), filtered.ReportFailure(id), filtered.ReportFailure(id);
+    for (const ServiceId& id : {a, b, d}) fail(filtered, id, 3);
     EXPECT_EQ(chosen(filtered, 100).count(c), 0u);
     EXPECT_NE(filtered.Choose(), nullptr);
 }
 
 // Sticky: one instance for every thread until it is drained or leaves.
 TEST_F(CacheTest, StickyChoiceHoldsUntilItsInstanceIsDrainedOrLeaves) {
-    InstanceMap truth;
-    for (int i = 0; i < 10; ++i) truth.emplace(g_generate(), MakeRecord(i));
-    writer.CreateAll(truth);
+    InstanceMap truth = Preload(10);
     const auto cache = StartCache();
     InstanceProvider sticky(cache, Using(ChoiceStrategy::kSticky));
     const ServiceId first = sticky.Choose()->id;
@@ -184,9 +191,7 @@ TEST_F(CacheTest, StickyChoiceHoldsUntilItsInstanceIsDrainedOrLeaves) {
 // Threads choose and take snapshots while the service changes under them:
 // every choice is a whole instance of the service.
 TEST_F(CacheTest, ChoosingRacesUpdatesSafely) {
-    InstanceMap truth;
-    for (int i = 0; i < 100; ++i) truth.emplace(g_generate(), MakeRecord(i));
-    writer.CreateAll(truth);
+    InstanceMap truth = Preload(100);
     const auto cache = StartCache();
     InstanceProvider provider(cache, Using(ChoiceStrategy::kRandom));
     std::atomic<bool> done{false};

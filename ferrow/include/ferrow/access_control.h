@@ -61,9 +61,12 @@ void ProtectService(const ZooKeeperConnection& conn, const String& service, cons
 // "user:x". Throws ZooError (ZNONODE when the service does not exist).
 std::vector<AclEntry> ServiceAcl(const ZooKeeperConnection& conn, const String& service);
 
-// "digest:alice:<hash> create,delete,read": the scheme, the id and the
-// permissions by name in the order read, write, create, delete, admin, or
-// "none".
+// The names of the ZOO_PERM_* bits in `perms`, in the order read, write,
+// create, delete, admin.
+std::vector<String> PermissionNames(int perms);
+
+// "digest:alice:<hash> read,create,delete": the scheme, the id and the
+// permission names joined by commas, or "none".
 String AclText(const AclEntry& entry);
 
 }  // namespace ferrow

@@ -78,10 +78,11 @@ struct ProviderOptions {
     ChoiceStrategy strategy = ChoiceStrategy::kRoundRobin;
     // Instances whose record has this zone come first; empty: no preference.
     String zone;
-    // Accepts an instance; empty accepts all. Runs once per instance and
-    // version of the cache, on a choosing thread, under the provider's plan
-    // lock and never a lock of the cache: it must be thread-safe and must
-    // not choose, with this provider or another.
+    // Accepts an instance; empty accepts all. Runs about once per instance
+    // and version of the cache (twice when two threads meet a new version
+    // at once), on a choosing thread, with no lock of the provider or the
+    // cache held: it must be thread-safe and must not choose, with this
+    // provider or another.
     std::function<bool(const CachedInstance&)> filter;
     DownInstancePolicy down;
     WhenAllDown whenAllDown = WhenAllDown::kChooseNone;
@@ -122,6 +123,8 @@ private:
     // Gives `slot` the latest plan.
     void Refresh(ThreadSlot& slot);
     std::shared_ptr<const Plan> BuildPlan(SnapshotPtr snapshot);
+    // The oldest failure time `now` still counts.
+    std::int64_t WindowStart(std::int64_t now) const;
     // Requires m_healthMtx held. The health record of `id`, made if missing.
     const std::shared_ptr<Health>& HealthOf(const ServiceId& id);
     // The index in the plan of the instance to choose, or Plan::kNone.
@@ -134,7 +137,7 @@ private:
     const ProviderOptions m_options;
     const std::uint64_t m_id;  // names this provider in the threads' plan caches
 
-    std::mutex m_planMtx;  // guards m_plan; taken only when the cache changed
+    std::mutex m_planMtx;  // guards m_plan; taken only when the cache changed, never across the filter
     std::shared_ptr<const Plan> m_plan;
 
     mutable std::mutex m_healthMtx;  // guards m_health and each Health's failures

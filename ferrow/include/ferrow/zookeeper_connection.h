@@ -187,6 +187,8 @@ private:
     std::unique_ptr<Session> TakeSession(std::optional<std::uint64_t> generation);
     // Wakes WaitConnected to look at the state again.
     void NotifyStateWaiters();
+    // Hands the options' digest credentials to `zh`; the client's result.
+    int AddCredentials(zhandle_t* zh) const;
 
     // The session thread: replaces an expired session when asked, and keeps
     // the watches of the current one (MaintainWatches).
