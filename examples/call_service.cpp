@@ -64,8 +64,8 @@ int main(int argc, char** argv) {
                 std::cout << "call " << call << ": no instance available" << std::endl;
                 continue;
             }
-            std::cout << "call " << call << " " << instance->host << ":" << instance->port << std::endl;
-            if (!Call(*instance)) provider.ReportFailure(instance->id);
+            std::cout << "call " << call << " " << instance->Host() << ":" << instance->Port() << std::endl;
+            if (!Call(*instance)) provider.ReportFailure(instance->Id());
         }
         return 0;
     } catch (const std::exception& e) {

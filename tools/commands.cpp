@@ -249,7 +249,7 @@ int Pick(const CommonOptions& common, const StopSignals& signals, const String& 
         const InstancePtr chosen = provider.Choose();
         if (!chosen) throw CommandError("no instance of service '" + service + "' is available");
         const ServiceInstanceData record = chosen->Record();
-        PrintLine(json ? InstanceJson(chosen->id, record) : InstanceText(chosen->id, record));
+        PrintLine(json ? InstanceJson(chosen->Id(), record) : InstanceText(chosen->Id(), record));
     }
     return 0;
 }

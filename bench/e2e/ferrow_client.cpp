@@ -111,13 +111,13 @@ class CacheSinkObserver final : public ferrow::ServiceCacheObserver {
 public:
     explicit CacheSinkObserver(InstanceSink& sink) : m_sink(sink) {}
     void OnInstanceAdded(ferrow::ServiceCache&, const ferrow::InstancePtr& added) override {
-        m_sink.Added(added->id, kNoRecord);
+        m_sink.Added(added->Id(), kNoRecord);
     }
     void OnInstanceModified(ferrow::ServiceCache&, const ferrow::InstancePtr&, const ferrow::InstancePtr& after) override {
-        m_sink.Modified(after->id, kNoRecord);
+        m_sink.Modified(after->Id(), kNoRecord);
     }
     void OnInstanceRemoved(ferrow::ServiceCache&, const ferrow::InstancePtr& removed) override {
-        m_sink.Removed(removed->id);
+        m_sink.Removed(removed->Id());
     }
 
 private:

@@ -228,9 +228,9 @@ std::shared_ptr<const Plan> InstanceProvider::LatestPlan() {
     const std::uint64_t key = m_sticky.load(std::memory_order_acquire);
     const std::size_t held = m_plan ? StickyIndex(key, m_plan->version) : Plan::kNone;
     if (m_plan && held < m_plan->entries.size()) {
-        const ServiceId& id = m_plan->entries[held].instance->id;
+        const ServiceId& id = m_plan->entries[held].instance->Id();
         for (std::size_t index = 0; index < plan->entries.size(); ++index) {
-            if (plan->entries[index].instance->id != id) continue;
+            if (plan->entries[index].instance->Id() != id) continue;
             std::uint64_t expected = key;
             m_sticky.compare_exchange_strong(expected, StickyKey(plan->version, index));
             break;
@@ -248,8 +248,8 @@ std::shared_ptr<const Plan> InstanceProvider::BuildPlan(SnapshotPtr snapshot) {
     for (std::size_t index = 0; index < snapshot->size(); ++index) {
         const InstancePtr& instance = (*snapshot)[index];
         if (m_options.filter && !m_options.filter(*instance)) continue;
-        const bool elsewhere = !m_options.zone.empty() && instance->zone != m_options.zone;
-        const bool drained = instance->weight == 0;
+        const bool elsewhere = !m_options.zone.empty() && instance->Zone() != m_options.zone;
+        const bool drained = instance->Weight() == 0;
         groups[(drained ? 2 : 0) + (elsewhere ? 1 : 0)].push_back(instance.get());
     }
     std::lock_guard<std::mutex> lock(m_healthMtx);
@@ -257,9 +257,9 @@ std::shared_ptr<const Plan> InstanceProvider::BuildPlan(SnapshotPtr snapshot) {
         plan->groupStart[group] = plan->entries.size();
         std::uint64_t cumulative = 0;
         for (const CachedInstance* instance : groups[group]) {
-            const std::shared_ptr<Health>& health = HealthOf(instance->id);
+            const std::shared_ptr<Health>& health = HealthOf(instance->Id());
             health->seenIn = std::max(health->seenIn, plan->version);
-            cumulative += instance->weight;
+            cumulative += instance->Weight();
             plan->entries.push_back(Plan::Entry{instance, health, cumulative});
         }
     }

@@ -3,11 +3,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "ferrow/instance_snapshot.h"
-#include "utility/uuid_hash.h"
 
 namespace jx {
 namespace ferrow {
@@ -34,9 +32,21 @@ private:
     // The slot at `index`, in a block of its own: a block still shared with
     // a published snapshot is copied first.
     InstancePtr& Slot(std::size_t index);
+    // The entry at `index`, for reading.
+    const InstancePtr& At(std::size_t index) const;
+
+    // The index from ids to positions: open addressing with linear probing
+    // over positions alone (the ids are the entries' own), at most half
+    // full, about 10 bytes per instance where a node-based map takes 56.
+    // Where `id` is, or the empty place where it would go.
+    std::size_t Locate(const ServiceId& id) const;
+    // Empties place `at`, shifting back the entries that probed past it.
+    void Unindex(std::size_t at);
+    // Doubles the index when one more entry would fill it beyond half.
+    void Reserve();
 
     std::vector<std::shared_ptr<Block>> m_blocks;
-    std::unordered_map<ServiceId, std::size_t> m_positions;  // id -> index
+    std::vector<std::uint32_t> m_index;  // position + 1; 0 marks an empty place
     std::size_t m_size = 0;
     std::uint64_t m_version = 0;
 };

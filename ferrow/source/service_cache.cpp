@@ -48,7 +48,7 @@ public:
 private:
     void Put(const ServiceId& id, const ServiceInstanceData& record) {
         // Built before the lock: encoding the record is the costly part.
-        InstancePtr after = std::make_shared<const CachedInstance>(id, record);
+        InstancePtr after = CachedInstance::Make(id, record);
         InstancePtr before;
         {
             std::lock_guard<std::mutex> lock(m_writeMtx);

@@ -79,7 +79,7 @@ TEST_F(AccessTest, ProtectedServiceRefusesStrangersAndKeepsEachRecordToItsPublis
         [&] {
             testing::InstanceMap seen;
             const SnapshotPtr snapshot = cache->Snapshot();
-            for (const InstancePtr& instance : *snapshot) seen.emplace(instance->id, instance->Record());
+            for (const InstancePtr& instance : *snapshot) seen.emplace(instance->Id(), instance->Record());
             return cache->IsSynced() && testing::SameInstances(truth, seen);
         },
         kPatience));

@@ -51,7 +51,7 @@ ProviderOptions Using(ChoiceStrategy strategy) {
 
 InstanceMap Contents(const InstanceSnapshot& snapshot) {
     InstanceMap contents;
-    for (const InstancePtr& instance : snapshot) contents.emplace(instance->id, instance->Record());
+    for (const InstancePtr& instance : snapshot) contents.emplace(instance->Id(), instance->Record());
     EXPECT_EQ(contents.size(), snapshot.size()) << "an id twice";
     return contents;
 }
@@ -61,7 +61,7 @@ InstanceMap Contents(const InstanceSnapshot& snapshot) {
 struct Counter : ServiceCacheObserver {
     void OnInstanceAdded(ServiceCache&, const InstancePtr&) override { ++added; }
     void OnInstanceModified(ServiceCache&, const InstancePtr& before, const InstancePtr& after) override {
-        modified += before->id == after->id && !testing::SameRecord(before->Record(), after->Record());
+        modified += before->Id() == after->Id() && !testing::SameRecord(before->Record(), after->Record());
     }
     void OnInstanceRemoved(ServiceCache&, const InstancePtr&) override { ++removed; }
     std::atomic<int> added{0}, modified{0}, removed{0};
@@ -93,7 +93,7 @@ TEST_F(CacheTest, SnapshotsFollowTheServiceAndNeverChange) {
     EXPECT_EQ(counter->modified, 20);
     EXPECT_EQ(counter->added, 1);
     EXPECT_EQ(cache->Snapshot()->Version(), first->Version() + 41);
-    EXPECT_EQ(cache->Snapshot()->Find(added)->port, truth[added].port());
+    EXPECT_EQ(cache->Snapshot()->Find(added)->Port(), truth[added].port());
 
     ASSERT_TRUE(testing::ExpireSession(s_server->ConnectString(), *conn));
     EXPECT_TRUE(PollUntil([&] { return counter->removed == 20 + 131 && cache->IsSynced(); }, kPatience));
@@ -116,7 +116,7 @@ TEST_F(CacheTest, ProviderChoosesByPreferenceAndSkipsDownInstances) {
         std::map<ServiceId, int> counts;
         for (int i = 0; i < times; ++i) {
             const InstancePtr instance = provider.Choose();
-            ++counts[instance ? instance->id : ServiceId()];
+            ++counts[instance ? instance->Id() : ServiceId()];
         }
         return counts;
     };
@@ -161,7 +161,7 @@ TEST_F(CacheTest, ProviderChoosesByPreferenceAndSkipsDownInstances) {
     EXPECT_TRUE(windowed.IsDown(a));
 
     options.whenAllDown = WhenAllDown::kChooseAmongDown;
-    options.filter = [c](const CachedInstance& instance) { return instance.id != c; };
+    options.filter = [c](const CachedInstance& instance) { return instance.Id() != c; };
     InstanceProvider filtered(cache, options);
     for (const ServiceId& id : {a, b, d}) fail(filtered, id, 3);
     EXPECT_EQ(chosen(filtered, 100).count(c), 0u);
@@ -173,19 +173,19 @@ TEST_F(CacheTest, StickyChoiceHoldsUntilItsInstanceIsDrainedOrLeaves) {
     InstanceMap truth = Preload(10);
     const auto cache = StartCache();
     InstanceProvider sticky(cache, Using(ChoiceStrategy::kSticky));
-    const ServiceId first = sticky.Choose()->id;
-    std::thread other([&] { EXPECT_EQ(sticky.Choose()->id, first); });
+    const ServiceId first = sticky.Choose()->Id();
+    std::thread other([&] { EXPECT_EQ(sticky.Choose()->Id(), first); });
     other.join();
     writer.Set(first, truth[first] = MakeRecord(1000), testing::Encoding::Raw);  // changed, still positive
-    ASSERT_TRUE(PollUntil([&] { return cache->Snapshot()->Find(first)->port == truth[first].port(); }, kPatience));
-    EXPECT_EQ(sticky.Choose()->id, first);
+    ASSERT_TRUE(PollUntil([&] { return cache->Snapshot()->Find(first)->Port() == truth[first].port(); }, kPatience));
+    EXPECT_EQ(sticky.Choose()->Id(), first);
     truth[first].set_weight(0);
     writer.Set(first, truth[first]);
-    ASSERT_TRUE(PollUntil([&] { return sticky.Choose()->id != first; }, kPatience));
-    const ServiceId second = sticky.Choose()->id;
-    EXPECT_EQ(sticky.Choose()->id, second);
+    ASSERT_TRUE(PollUntil([&] { return sticky.Choose()->Id() != first; }, kPatience));
+    const ServiceId second = sticky.Choose()->Id();
+    EXPECT_EQ(sticky.Choose()->Id(), second);
     writer.Remove(second);
-    EXPECT_TRUE(PollUntil([&] { return sticky.Choose()->id != second; }, kPatience));
+    EXPECT_TRUE(PollUntil([&] { return sticky.Choose()->Id() != second; }, kPatience));
 }
 
 // Threads choose and take snapshots while the service changes under them:
@@ -201,7 +201,7 @@ TEST_F(CacheTest, ChoosingRacesUpdatesSafely) {
         threads.emplace_back([&] {
             while (!done) {
                 const InstancePtr instance = provider.Choose();
-                broken += !instance || instance->host.empty();
+                broken += !instance || instance->Host().empty();
                 broken += cache->Snapshot()->size() < 90;
                 ++choices;
             }

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "ferrow/service_watcher_observer.h"
@@ -15,30 +16,55 @@
 namespace jx {
 namespace ferrow {
 
-// One instance as the cache knows it: its id, the fields that choosing and
-// calling need at hand, and the whole record in its compact serialized form
-// (about a fifth of the memory of a decoded one), decoded on demand.
-// Immutable: a change of record makes a new CachedInstance, so a pointer to
-// one never sees its record change.
-class CachedInstance {
-public:
-    CachedInstance(const ServiceId& id, const ServiceInstanceData& record);
+class CachedInstance;
+using InstancePtr = std::shared_ptr<const CachedInstance>;
 
-    const ServiceId id;
-    const String host;
-    const std::uint32_t port;
-    const String zone;
-    const std::uint32_t weight;
+// One instance as the cache knows it: its id, the fields that choosing and
+// calling need at hand, and the whole record in its compact serialized form,
+// decoded on demand: about 100 bytes beyond the serialized record, where a
+// decoded record alone takes five times the serialized size. Immutable: a
+// change of record makes a new CachedInstance, so a pointer to one never sees
+// its record change. Any thread may read one it holds.
+class CachedInstance {
+    struct Key;  // only Make constructs
+
+public:
+    // Encodes `record` into a new instance.
+    static InstancePtr Make(const ServiceId& id, const ServiceInstanceData& record);
+
+    const ServiceId& Id() const { return m_id; }
+    // Host and zone are views into this instance's own bytes: valid for as
+    // long as the instance is held, like every snapshot entry.
+    std::string_view Host() const { return View(m_host); }
+    std::uint32_t Port() const { return m_port; }
+    std::string_view Zone() const { return View(m_zone); }
+    std::uint32_t Weight() const { return m_weight; }
 
     // The whole record, decoded anew by each call (about a microsecond and a
     // few allocations): for metadata and the other fields, not for every
     // request.
     ServiceInstanceData Record() const;
 
+    // For Make only (through std::make_shared).
+    CachedInstance(Key, const ServiceId& id, const ServiceInstanceData& record);
+    CachedInstance(const CachedInstance&) = delete;  // shared by pointer, never copied
+    CachedInstance& operator=(const CachedInstance&) = delete;
+
 private:
+    // A field of the serialized record, by offset and size.
+    struct Span {
+        std::uint32_t offset = 0;
+        std::uint32_t size = 0;
+    };
+    std::string_view View(Span span) const { return std::string_view(m_bytes.data() + span.offset, span.size); }
+
+    const ServiceId m_id;
     const String m_bytes;
+    const std::uint32_t m_port;
+    const std::uint32_t m_weight;
+    Span m_host;
+    Span m_zone;
 };
-using InstancePtr = std::shared_ptr<const CachedInstance>;
 
 class InstanceTable;
 
