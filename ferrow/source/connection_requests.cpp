@@ -125,11 +125,11 @@ void ZooKeeperConnection::OnClientData(int clientRc, const char* value, int len,
     String bytes = (rc == ZOK && value != nullptr && len > 0) ? String(value, static_cast<size_t>(len)) : String();
     const bool hasStat = rc == ZOK && stat != nullptr;
     const Stat copy = hasStat ? *stat : Stat{};
-    session.m_conn.m_queue->Push(
-        session.m_generation, true,
-        [result = std::move(request->m_onData), unused = std::move(unused), rc, bytes = std::move(bytes), hasStat, copy]() mutable {
-            result(rc, std::move(bytes), hasStat ? &copy : nullptr);
-        });
+    session.m_conn.m_queue->Push(session.m_generation, true,
+                                 [result = std::move(std::get<DataResult>(request->m_result)),
+                                  unused = std::move(unused), rc, bytes = std::move(bytes), hasStat, copy]() mutable {
+                                     result(rc, std::move(bytes), hasStat ? &copy : nullptr);
+                                 });
 }
 
 void ZooKeeperConnection::OnClientChildren(int clientRc, const String_vector* strings, const Stat* stat,
@@ -139,11 +139,11 @@ void ZooKeeperConnection::OnClientChildren(int clientRc, const String_vector* st
     session.m_outstanding.Remove(data);
     const int rc = ResultCode(clientRc);
     std::shared_ptr<WatchContext> unused = Settle(session, request->m_record, rc, stat != nullptr ? stat->pzxid : 0);
-    session.m_conn.m_queue->Push(
-        session.m_generation, true,
-        [result = std::move(request->m_onChildren), unused = std::move(unused), rc, names = ToNames(strings)]() mutable {
-            result(rc, std::move(names));
-        });
+    session.m_conn.m_queue->Push(session.m_generation, true,
+                                 [result = std::move(std::get<ChildrenResult>(request->m_result)),
+                                  unused = std::move(unused), rc, names = ToNames(strings)]() mutable {
+                                     result(rc, std::move(names));
+                                 });
 }
 
 template <typename Issue>
@@ -188,7 +188,7 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String pat
     WatchRecord* record = request->m_record;
     AsyncRequest* raw = request.release();
     session.m_outstanding.Add(raw, [](const void* context) {
-        if (static_cast<const AsyncRequest*>(context)->m_onChildren) {
+        if (std::holds_alternative<ChildrenResult>(static_cast<const AsyncRequest*>(context)->m_result)) {
             OnClientChildren(ZCLOSING, nullptr, nullptr, context);
         } else {
             OnClientData(ZCLOSING, nullptr, 0, nullptr, context);
@@ -208,7 +208,7 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String pat
 std::pair<int, Connection::WatchHandle> ZooKeeperConnection::AsyncGet(String path, WatchFunction watch,
                                                                       DataResult result) const {
     auto request = std::make_unique<AsyncRequest>();
-    request->m_onData = std::move(result);
+    request->m_result.emplace<DataResult>(std::move(result));
     return RunAsync(std::move(path), false, std::move(watch), std::move(request),
                     [](zhandle_t* zh, const char* node, WatchRecord* record, AsyncRequest* context) {
                         if (record == nullptr) return zoo_aget(zh, node, 0, &OnClientData, context);
@@ -219,7 +219,7 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::AsyncGet(String pat
 std::pair<int, Connection::WatchHandle> ZooKeeperConnection::AsyncGetChildren(String path, WatchFunction watch,
                                                                               ChildrenResult result) const {
     auto request = std::make_unique<AsyncRequest>();
-    request->m_onChildren = std::move(result);
+    request->m_result.emplace<ChildrenResult>(std::move(result));
     return RunAsync(std::move(path), true, std::move(watch), std::move(request),
                     [](zhandle_t* zh, const char* node, WatchRecord* record, AsyncRequest* context) {
                         if (record == nullptr) return zoo_aget_children2(zh, node, 0, &OnClientChildren, context);

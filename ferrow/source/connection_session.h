@@ -10,7 +10,9 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string_view>
 #include <unordered_map>
+#include <variant>
 
 #include "ferrow/zookeeper_connection.h"
 
@@ -68,11 +70,23 @@ struct ZooKeeperConnection::WatchRecord {
         kRearming,   // the read that arms it again is in flight
     };
 
-    WatchRecord(Session& session, std::shared_ptr<WatchContext> ctx, String path, bool child)
-        : m_session(session), m_path(std::move(path)), m_child(child), m_ctx(std::move(ctx)) {}
+    // A record in state kReading, its path kept right behind it in the same
+    // allocation: one allocation per watch.
+    static std::unique_ptr<WatchRecord> Make(Session& session, std::shared_ptr<WatchContext> ctx,
+                                             std::string_view path, bool child) {
+        return std::unique_ptr<WatchRecord>(new (PathBytes{path.size()})
+                                                WatchRecord(session, std::move(ctx), path, child));
+    }
+    WatchRecord(const WatchRecord&) = delete;  // its path lives behind it
+    WatchRecord& operator=(const WatchRecord&) = delete;
+    static void operator delete(void* record) { ::operator delete(record); }
+
+    // The watched node, NUL-terminated.
+    const char* Path() const { return reinterpret_cast<const char*>(this + 1); }
+    std::string_view PathView() const { return std::string_view(Path(), m_pathSize); }
 
     Session& m_session;
-    const String m_path;
+    const std::uint32_t m_pathSize;
     const bool m_child;  // a child watch; a data watch otherwise
 
     // The fields below are guarded by m_session.m_watchMtx.
@@ -88,6 +102,21 @@ struct ZooKeeperConnection::WatchRecord {
     // freeing to whoever set m_busy.
     bool m_busy = false;
     bool m_fired = false;
+
+private:
+    struct PathBytes {
+        std::size_t size;
+    };
+    static void* operator new(std::size_t size, PathBytes path) { return ::operator new(size + path.size + 1); }
+    static void operator delete(void* record, PathBytes) { ::operator delete(record); }
+
+    WatchRecord(Session& session, std::shared_ptr<WatchContext> ctx, std::string_view path, bool child)
+        : m_session(session), m_pathSize(static_cast<std::uint32_t>(path.size())), m_child(child),
+          m_ctx(std::move(ctx)) {
+        char* bytes = reinterpret_cast<char*>(this + 1);
+        path.copy(bytes, path.size());
+        bytes[path.size()] = '\0';
+    }
 };
 
 // One client handle and the watch records registered through it. Outlives
@@ -96,15 +125,11 @@ struct ZooKeeperConnection::Session {
     Session(ZooKeeperConnection& conn, std::uint64_t generation) : m_conn(conn), m_generation(generation) {}
 
     // Adds a record in state kReading.
-    WatchRecord* AddWatch(std::shared_ptr<WatchContext> ctx, String path, bool child);
+    WatchRecord* AddWatch(std::shared_ptr<WatchContext> ctx, std::string_view path, bool child);
     // Removes `record` from the registry and returns it (null if absent).
     std::unique_ptr<WatchRecord> TakeWatch(WatchRecord* record);
     // As TakeWatch; requires m_watchMtx held.
     std::unique_ptr<WatchRecord> TakeWatchLocked(WatchRecord* record);
-    // How many records watch the node of `record` the same way (itself
-    // included); requires m_watchMtx held. The server keeps one watch per
-    // node and kind for all of them.
-    std::uint32_t SharersLocked(const WatchRecord& record) const;
     // Moves every record out (the handle is closed; nothing can fire).
     std::unordered_map<WatchRecord*, std::unique_ptr<WatchRecord>> TakeAll();
 
@@ -120,21 +145,16 @@ struct ZooKeeperConnection::Session {
     std::atomic<bool> m_authPending{false};
     std::mutex m_watchMtx;
     std::unordered_map<WatchRecord*, std::unique_ptr<WatchRecord>> m_watches;  // guarded by m_watchMtx
-    // Records per watched node and kind, by a hash of both: a collision only
-    // makes a withdrawal stay local, leaving the server one watch until it
-    // fires.
-    std::unordered_map<std::size_t, std::uint32_t> m_sharers;  // guarded by m_watchMtx
     size_t m_resetBytes = 0;  // guarded by m_watchMtx: estimate over m_watches
     details::Outstanding m_outstanding;
 };
 
-// The completion context of an asynchronous read; exactly one of the two
-// results is set. m_record is null for a read that sets no watch.
+// The completion context of an asynchronous read: a data or a children
+// read. m_record is null for a read that sets no watch.
 struct ZooKeeperConnection::AsyncRequest {
     Session* m_session = nullptr;
     WatchRecord* m_record = nullptr;
-    DataResult m_onData;
-    ChildrenResult m_onChildren;
+    std::variant<DataResult, ChildrenResult> m_result;
 };
 
 }  // namespace ferrow

@@ -5,6 +5,8 @@
 
 #include <functional>
 #include <shared_mutex>
+#include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include "connection_session.h"
@@ -20,10 +22,13 @@ const logging::ConstSourcePtr g_log = logging::MakeSource("ferrow.connection");
 
 // What one watch adds to the request that re-registers the watches after a
 // reconnection: its path and the path's length field.
-size_t ResetRequestBytes(const String& path) { return path.size() + 4; }
+size_t ResetRequestBytes(std::string_view path) { return path.size() + 4; }
 
-// The key of a watched node and kind in Session::m_sharers.
-std::size_t SharerKey(const String& path, bool child) { return std::hash<String>{}(path) * 2 + (child ? 1 : 0); }
+// A watched node and kind, by a hash of both: a collision only makes a
+// withdrawal stay local, leaving the server one watch until it fires.
+std::size_t NodeKey(std::string_view path, bool child) {
+    return std::hash<std::string_view>{}(path) * 2 + (child ? 1 : 0);
+}
 
 ZooWatcherType WatcherType(bool child) { return child ? ZWATCHTYPE_CHILD : ZWATCHTYPE_DATA; }
 
@@ -34,14 +39,13 @@ void_completion_t* AsDeclared(void_completion_t completion) { return reinterpret
 
 }  // namespace
 
-ZooKeeperConnection::WatchRecord* ZooKeeperConnection::Session::AddWatch(std::shared_ptr<WatchContext> ctx, String path,
-                                                                         bool child) {
-    auto record = std::make_unique<WatchRecord>(*this, std::move(ctx), std::move(path), child);
+ZooKeeperConnection::WatchRecord* ZooKeeperConnection::Session::AddWatch(std::shared_ptr<WatchContext> ctx,
+                                                                         std::string_view path, bool child) {
+    std::unique_ptr<WatchRecord> record = WatchRecord::Make(*this, std::move(ctx), path, child);
     WatchRecord* raw = record.get();
     {
         std::lock_guard<std::mutex> lock(m_watchMtx);
-        m_resetBytes += ResetRequestBytes(raw->m_path);
-        ++m_sharers[SharerKey(raw->m_path, raw->m_child)];
+        m_resetBytes += ResetRequestBytes(raw->PathView());
         m_watches.emplace(raw, std::move(record));
     }
     ++m_conn.m_pendingWatches;
@@ -59,16 +63,9 @@ std::unique_ptr<ZooKeeperConnection::WatchRecord> ZooKeeperConnection::Session::
     if (it == m_watches.end()) return taken;
     taken = std::move(it->second);
     m_watches.erase(it);
-    m_resetBytes -= ResetRequestBytes(taken->m_path);
-    const auto sharers = m_sharers.find(SharerKey(taken->m_path, taken->m_child));
-    if (--sharers->second == 0) m_sharers.erase(sharers);
+    m_resetBytes -= ResetRequestBytes(taken->PathView());
     --m_conn.m_pendingWatches;
     return taken;
-}
-
-std::uint32_t ZooKeeperConnection::Session::SharersLocked(const WatchRecord& record) const {
-    const auto it = m_sharers.find(SharerKey(record.m_path, record.m_child));
-    return it == m_sharers.end() ? 0 : it->second;
 }
 
 std::unordered_map<ZooKeeperConnection::WatchRecord*, std::unique_ptr<ZooKeeperConnection::WatchRecord>>
@@ -77,7 +74,6 @@ ZooKeeperConnection::Session::TakeAll() {
     {
         std::lock_guard<std::mutex> lock(m_watchMtx);
         all.swap(m_watches);
-        m_sharers.clear();
         m_resetBytes = 0;
     }
     m_conn.m_pendingWatches -= all.size();
@@ -183,7 +179,7 @@ size_t ZooKeeperConnection::Unregister(Session& session, const std::vector<Watch
         // From the client alone: while reconnecting, the server has already
         // forgotten the lost connection's watches; while connected, the
         // caller keeps the server's watch for another record.
-        const int rc = allowed() ? zoo_remove_watches(session.m_zh, record->m_path.c_str(), WatcherType(record->m_child),
+        const int rc = allowed() ? zoo_remove_watches(session.m_zh, record->Path(), WatcherType(record->m_child),
                                                       &OnClientWatchEvent, record, 1)
                                  : ZINVALIDSTATE;
         // Freed records hold no context: their event took it.
@@ -207,7 +203,7 @@ void ZooKeeperConnection::Withdraw(Session& session, const std::vector<WatchReco
     std::unordered_map<std::size_t, WatchRecord*> lastOfNode;
     std::vector<WatchRecord*> local;
     for (WatchRecord* record : records) {
-        WatchRecord*& last = lastOfNode[SharerKey(record->m_path, record->m_child)];
+        WatchRecord*& last = lastOfNode[NodeKey(record->PathView(), record->m_child)];
         if (last != nullptr) local.push_back(last);
         last = record;
     }
@@ -218,10 +214,20 @@ void ZooKeeperConnection::Withdraw(Session& session, const std::vector<WatchReco
         // between the count and the request: the server answers in order,
         // and the client registers a read's watch only when its answer comes.
         std::lock_guard<std::mutex> lock(session.m_watchMtx);
+        // How many records of the session watch each of these nodes the same
+        // way, counted now rather than kept per watch: withdrawals come in
+        // batches (a watcher stopping, a session's leftovers), and a count
+        // kept per watch would cost every watch a map entry.
+        std::unordered_map<std::size_t, std::uint32_t> sharers;
+        for (const auto& entry : lastOfNode) sharers.emplace(entry.first, 0);
+        for (const auto& entry : session.m_watches) {
+            const auto it = sharers.find(NodeKey(entry.first->PathView(), entry.first->m_child));
+            if (it != sharers.end()) ++it->second;
+        }
         for (const auto& entry : lastOfNode) {
             WatchRecord* record = entry.second;
-            const bool alone = session.SharersLocked(*record) == 1;
-            if (!alone || zoo_aremove_all_watches(session.m_zh, record->m_path.c_str(), WatcherType(record->m_child),
+            const bool alone = sharers[entry.first] == 1;
+            if (!alone || zoo_aremove_all_watches(session.m_zh, record->Path(), WatcherType(record->m_child),
                                                   0, AsDeclared(&OnWithdrawn), record) != ZOK) {
                 local.push_back(record);
             }
@@ -239,7 +245,7 @@ void ZooKeeperConnection::OnWithdrawn(int rc, const void* data) {
     if (rc == ZNOWATCHER) {
         // The server held none (its event is on the way, or the watch was
         // never set again after a reconnection): the client's own goes.
-        zoo_remove_watches(session.m_zh, record->m_path.c_str(), WatcherType(record->m_child), &OnClientWatchEvent,
+        zoo_remove_watches(session.m_zh, record->Path(), WatcherType(record->m_child), &OnClientWatchEvent,
                            record, 1);
     }
     // Otherwise (the connection was lost meanwhile) it stays armed and
@@ -248,7 +254,7 @@ void ZooKeeperConnection::OnWithdrawn(int rc, const void* data) {
 }
 
 void ZooKeeperConnection::Rearm(Session& session, WatchRecord* record) {
-    const char* path = record->m_path.c_str();
+    const char* path = record->Path();
     const int rc = record->m_child ? zoo_awget_children2(session.m_zh, path, &OnClientWatchEvent, record,
                                                          &OnRearmChildren, record)
                                    : zoo_awget(session.m_zh, path, &OnClientWatchEvent, record, &OnRearmData, record);
@@ -267,7 +273,7 @@ void ZooKeeperConnection::FinishRearm(WatchRecord* record, int rc, std::int64_t 
     Session& session = record->m_session;
     // Copied now: once the lock is released the session thread may free a
     // record reported here.
-    String path = record->m_path;
+    String path(record->PathView());
     int type = 0;
     std::shared_ptr<WatchContext> watch;
     std::unique_ptr<WatchRecord> freed;

@@ -106,6 +106,23 @@ TEST_F(ConnectionTest, NoCallbackRunsAfterDestructionAndTheLastReferenceMayDieOn
     EXPECT_NE(0, future.get());
 }
 
+// The server keeps one watch per node and kind for all of a session's
+// watchers: withdrawing one of two must leave the other's in place.
+TEST_F(ConnectionTest, WithdrawingOneOfTwoWatchesOnANodeKeepsTheOther) {
+    const size_t baseline = conn->PendingWatchCount();
+    std::atomic<int> changed{0};
+    const Connection::WatchHandle kept =
+        conn->AsyncGet(path, [&](int type, int, String) { changed += type == ZOO_CHANGED_EVENT; }, kIgnore).second;
+    {
+        const Connection::WatchHandle dropped =
+            conn->AsyncGet(path, [](int, int, String) { ADD_FAILURE() << "a cancelled watch fired"; }, kIgnore).second;
+        Flush(*conn);  // both armed
+    }
+    ASSERT_TRUE(PollUntil([&] { return conn->PendingWatchCount() == baseline + 1; }, kDeadline));
+    ASSERT_EQ(ZOK, conn->Set(path, "v1", -1, nullptr));
+    EXPECT_TRUE(PollUntil([&] { return changed == 1; }, kDeadline));
+}
+
 // Around a reconnection the connection re-arms its watches itself (here
 // always: its limit is 0). A re-arm the server refuses is reported as a
 // change, so that the owner reads the node again, rather than leaving the
