@@ -28,10 +28,10 @@ InstancePtr InstanceTable::Remove(const ServiceId& id) {
     const std::size_t index = m_index[at] - 1;
     Unindex(at);
     // The last entry fills the hole, so that the entries stay contiguous.
-    // Its place is found while every entry is still where the index says.
     const std::size_t last = --m_size;
     InstancePtr removed = std::move(Slot(index));
     if (index != last) {
+        // Found while the last entry is still where the index says.
         const std::size_t moved = Locate(At(last)->Id());
         Slot(index) = std::move(Slot(last));
         m_index[moved] = static_cast<std::uint32_t>(index + 1);

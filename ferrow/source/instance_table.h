@@ -35,10 +35,7 @@ private:
     // The entry at `index`, for reading.
     const InstancePtr& At(std::size_t index) const;
 
-    // The index from ids to positions: open addressing with linear probing
-    // over positions alone (the ids are the entries' own), at most half
-    // full, about 10 bytes per instance where a node-based map takes 56.
-    // Where `id` is, or the empty place where it would go.
+    // The place of `id` in m_index, or the empty place where it would go.
     std::size_t Locate(const ServiceId& id) const;
     // Empties place `at`, shifting back the entries that probed past it.
     void Unindex(std::size_t at);
@@ -46,7 +43,11 @@ private:
     void Reserve();
 
     std::vector<std::shared_ptr<Block>> m_blocks;
-    std::vector<std::uint32_t> m_index;  // position + 1; 0 marks an empty place
+    // Positions by id: open addressing with linear probing over positions
+    // alone (the ids are the entries' own), at most half full: about 10
+    // bytes per instance where a node-based map takes 56. Each place holds
+    // a position + 1; 0 marks an empty place.
+    std::vector<std::uint32_t> m_index;
     std::size_t m_size = 0;
     std::uint64_t m_version = 0;
 };
