@@ -182,11 +182,13 @@ size_t ZooKeeperConnection::Unregister(Session& session, const std::vector<Watch
         const int rc = allowed() ? zoo_remove_watches(session.m_zh, record->Path(), WatcherType(record->m_child),
                                                       &OnClientWatchEvent, record, 1)
                                  : ZINVALIDSTATE;
-        // Freed records hold no context: their event took it.
+        // Freed records hold no context: their event took it. ZNOWATCHER
+        // means the client has collected an event for the record and will
+        // still call OnClientWatchEvent with it: that call frees it.
         std::unique_ptr<WatchRecord> freed;
         std::lock_guard<std::mutex> lock(session.m_watchMtx);
         record->m_busy = false;
-        if (record->m_fired || ((rc == ZOK || rc == ZNOWATCHER) && !record->m_ctx)) {
+        if (record->m_fired || (rc == ZOK && !record->m_ctx)) {
             freed = session.TakeWatchLocked(record);
         } else if (rc == ZOK) {
             record->m_state = WatchRecord::State::kTakenOut;
@@ -242,15 +244,19 @@ void ZooKeeperConnection::OnWithdrawn(int rc, const void* data) {
     std::unique_ptr<WatchRecord> freed;
     std::lock_guard<std::mutex> lock(session.m_watchMtx);
     record->m_busy = false;
-    if (rc == ZNOWATCHER) {
+    bool gone = rc == ZOK || record->m_fired;
+    if (rc == ZNOWATCHER && !record->m_fired) {
         // The server held none (its event is on the way, or the watch was
-        // never set again after a reconnection): the client's own goes.
-        zoo_remove_watches(session.m_zh, record->Path(), WatcherType(record->m_child), &OnClientWatchEvent,
-                           record, 1);
+        // never set again after a reconnection): the client's own goes. If
+        // the client no longer holds it either, it has collected the event
+        // and will still call OnClientWatchEvent with the record, which
+        // frees it then.
+        gone = zoo_remove_watches(session.m_zh, record->Path(), WatcherType(record->m_child), &OnClientWatchEvent,
+                                  record, 1) == ZOK;
     }
     // Otherwise (the connection was lost meanwhile) it stays armed and
     // unwanted, and is withdrawn at the next connected event.
-    if (rc == ZOK || rc == ZNOWATCHER || record->m_fired) freed = session.TakeWatchLocked(record);
+    if (gone) freed = session.TakeWatchLocked(record);
 }
 
 void ZooKeeperConnection::Rearm(Session& session, WatchRecord* record) {
