@@ -117,6 +117,19 @@ std::vector<String> ToNames(const String_vector* strings) {
 int ZooKeeperConnection::ResultCode(int rc) { return rc == ZSESSIONEXPIRED ? ZCLOSING : rc; }
 
 void ZooKeeperConnection::OnClientData(int clientRc, const char* value, int len, const Stat* stat, const void* data) {
+    Session& session = *static_cast<const AsyncRequest*>(data)->m_session;
+    DeliverData(clientRc, value, len, stat, data);
+    IssueWaiting(session);
+}
+
+void ZooKeeperConnection::OnClientChildren(int clientRc, const String_vector* strings, const Stat* stat,
+                                           const void* data) {
+    Session& session = *static_cast<const AsyncRequest*>(data)->m_session;
+    DeliverChildren(clientRc, strings, stat, data);
+    IssueWaiting(session);
+}
+
+void ZooKeeperConnection::DeliverData(int clientRc, const char* value, int len, const Stat* stat, const void* data) {
     std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
     Session& session = *request->m_session;
     session.m_outstanding.Remove(data);
@@ -132,8 +145,8 @@ void ZooKeeperConnection::OnClientData(int clientRc, const char* value, int len,
                                  });
 }
 
-void ZooKeeperConnection::OnClientChildren(int clientRc, const String_vector* strings, const Stat* stat,
-                                           const void* data) {
+void ZooKeeperConnection::DeliverChildren(int clientRc, const String_vector* strings, const Stat* stat,
+                                          const void* data) {
     std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
     Session& session = *request->m_session;
     session.m_outstanding.Remove(data);
@@ -170,10 +183,47 @@ int ZooKeeperConnection::RunSync(const std::shared_ptr<SyncCall>& call, Issue&& 
     return call->m_rc;
 }
 
-template <typename Issue>
+int ZooKeeperConnection::IssueRead(zhandle_t* zh, const char* path, AsyncRequest* request) {
+    WatchRecord* record = request->m_record;
+    if (std::holds_alternative<ChildrenResult>(request->m_result)) {
+        return record ? zoo_awget_children2(zh, path, &OnClientWatchEvent, record, &OnClientChildren, request)
+                      : zoo_aget_children2(zh, path, 0, &OnClientChildren, request);
+    }
+    return record ? zoo_awget(zh, path, &OnClientWatchEvent, record, &OnClientData, request)
+                  : zoo_aget(zh, path, 0, &OnClientData, request);
+}
+
+void ZooKeeperConnection::IssueWaiting(Session& session) {
+    const size_t limit = session.m_conn.m_options.readsInFlight;
+    // Refused by the client: completed below as if it had answered so, in
+    // order, after the lock (their completion issues nothing further).
+    std::vector<std::pair<AsyncRequest*, int>> refused;
+    {
+        std::lock_guard<std::mutex> lock(session.m_readMtx);
+        if (session.m_readsInFlight > 0) --session.m_readsInFlight;
+        if (session.m_closing) return;
+        while (!session.m_waitingReads.empty() && (limit == 0 || session.m_readsInFlight < limit)) {
+            AsyncRequest* next = session.m_waitingReads.front();
+            session.m_waitingReads.pop_front();
+            const int rc = IssueRead(session.m_zh, next->m_path.c_str(), next);
+            if (rc == ZOK) {
+                ++session.m_readsInFlight;
+            } else {
+                refused.emplace_back(next, rc);
+            }
+        }
+    }
+    for (const auto& [request, rc] : refused) {
+        if (std::holds_alternative<ChildrenResult>(request->m_result)) {
+            DeliverChildren(rc, nullptr, nullptr, request);
+        } else {
+            DeliverData(rc, nullptr, 0, nullptr, request);
+        }
+    }
+}
+
 std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String path, bool child, WatchFunction watch,
-                                                                      std::unique_ptr<AsyncRequest> request,
-                                                                      Issue&& issue) const {
+                                                                      std::unique_ptr<AsyncRequest> request) const {
     // An empty watch function sets no watch at all.
     std::shared_ptr<WatchContext> ctx;
     if (watch) ctx = std::make_shared<WatchContext>(*this, std::move(watch));
@@ -194,7 +244,20 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String pat
             OnClientData(ZCLOSING, nullptr, 0, nullptr, context);
         }
     });
-    const int rc = issue(session.m_zh, path.c_str(), record, raw);
+    int rc = ZOK;
+    {
+        // Issued now only when no read waits: the client answers in the order
+        // it is given requests, and the waiting ones were asked for first.
+        std::lock_guard<std::mutex> readLock(session.m_readMtx);
+        const size_t limit = m_options.readsInFlight;
+        if (session.m_waitingReads.empty() && (limit == 0 || session.m_readsInFlight < limit)) {
+            rc = IssueRead(session.m_zh, path.c_str(), raw);
+            if (rc == ZOK) ++session.m_readsInFlight;
+        } else {
+            raw->m_path = std::move(path);
+            session.m_waitingReads.push_back(raw);
+        }
+    }
     if (rc != ZOK) {
         // Neither the watcher nor the completion will ever be called.
         session.m_outstanding.Remove(raw);
@@ -209,23 +272,14 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::AsyncGet(String pat
                                                                       DataResult result) const {
     auto request = std::make_unique<AsyncRequest>();
     request->m_result.emplace<DataResult>(std::move(result));
-    return RunAsync(std::move(path), false, std::move(watch), std::move(request),
-                    [](zhandle_t* zh, const char* node, WatchRecord* record, AsyncRequest* context) {
-                        if (record == nullptr) return zoo_aget(zh, node, 0, &OnClientData, context);
-                        return zoo_awget(zh, node, &OnClientWatchEvent, record, &OnClientData, context);
-                    });
+    return RunAsync(std::move(path), false, std::move(watch), std::move(request));
 }
 
 std::pair<int, Connection::WatchHandle> ZooKeeperConnection::AsyncGetChildren(String path, WatchFunction watch,
                                                                               ChildrenResult result) const {
     auto request = std::make_unique<AsyncRequest>();
     request->m_result.emplace<ChildrenResult>(std::move(result));
-    return RunAsync(std::move(path), true, std::move(watch), std::move(request),
-                    [](zhandle_t* zh, const char* node, WatchRecord* record, AsyncRequest* context) {
-                        if (record == nullptr) return zoo_aget_children2(zh, node, 0, &OnClientChildren, context);
-                        return zoo_awget_children2(zh, node, &OnClientWatchEvent, record, &OnClientChildren,
-                                                   context);
-                    });
+    return RunAsync(std::move(path), true, std::move(watch), std::move(request));
 }
 
 int ZooKeeperConnection::Get(String path, String& out, Stat* stat) const {

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string_view>
@@ -147,6 +148,15 @@ struct ZooKeeperConnection::Session {
     std::unordered_map<WatchRecord*, std::unique_ptr<WatchRecord>> m_watches;  // guarded by m_watchMtx
     size_t m_resetBytes = 0;  // guarded by m_watchMtx: estimate over m_watches
     details::Outstanding m_outstanding;
+    // Reads handed to the client and not answered yet, and the reads
+    // waiting for their turn in the order they were asked for. A leaf lock
+    // but for the client's own, which issuing takes under it.
+    std::mutex m_readMtx;
+    std::deque<AsyncRequest*> m_waitingReads;  // guarded by m_readMtx; owned through m_outstanding
+    size_t m_readsInFlight = 0;                // guarded by m_readMtx
+    // Set before the handle is closed: nothing is issued any more, and the
+    // waiting reads are completed with the leftovers of m_outstanding.
+    bool m_closing = false;  // guarded by m_readMtx
 };
 
 // The completion context of an asynchronous read: a data or a children
@@ -155,6 +165,7 @@ struct ZooKeeperConnection::AsyncRequest {
     Session* m_session = nullptr;
     WatchRecord* m_record = nullptr;
     std::variant<DataResult, ChildrenResult> m_result;
+    String m_path;  // only while it waits for its turn
 };
 
 }  // namespace ferrow

@@ -147,6 +147,11 @@ void ZooKeeperConnection::NotifyStateWaiters() {
 }
 
 void ZooKeeperConnection::CloseSession(std::unique_ptr<Session> session) {
+    {
+        std::lock_guard<std::mutex> lock(session->m_readMtx);
+        session->m_closing = true;
+        session->m_waitingReads.clear();  // still in m_outstanding
+    }
     zookeeper_close(session->m_zh);
     // Requests the client dropped unanswered complete with ZCLOSING, as the
     // ones it answered during the close did.

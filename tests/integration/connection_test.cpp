@@ -123,6 +123,48 @@ TEST_F(ConnectionTest, WithdrawingOneOfTwoWatchesOnANodeKeepsTheOther) {
     EXPECT_TRUE(PollUntil([&] { return changed == 1; }, kDeadline));
 }
 
+// Reads beyond the connection's limit in flight wait in it and are issued
+// as answers arrive, still answered in the order they were asked for; reads
+// waiting when the connection is destroyed are dropped without a callback.
+TEST_F(ConnectionTest, ReadsBeyondTheLimitInFlightWaitAndKeepTheirOrder) {
+    ConnectionOptions options{s_server->ConnectString(), std::chrono::seconds(10), ""};
+    options.readsInFlight = 4;
+    auto limited = ZooKeeperConnection::Open(options);
+    ASSERT_TRUE(limited->WaitConnected(kDeadline));
+    const size_t baseline = limited->PendingWatchCount();
+    std::mutex mtx;
+    std::vector<int> answered;  // guarded by mtx
+    std::vector<Connection::WatchHandle> handles;
+    for (int i = 0; i < 200; ++i) {
+        auto result = [&, i](int rc, String, const Stat*) {
+            std::lock_guard<std::mutex> lock(mtx);
+            answered.push_back(rc == ZOK ? i : -1);
+        };
+        auto watched = limited->AsyncGet(path, i % 2 ? Connection::WatchFunction([](int, int, String) {}) : nullptr,
+                                      std::move(result));
+        ASSERT_EQ(ZOK, watched.first);
+        handles.push_back(std::move(watched.second));
+    }
+    Flush(*limited);
+    std::vector<int> expected(200);
+    for (int i = 0; i < 200; ++i) expected[static_cast<size_t>(i)] = i;
+    {
+        std::lock_guard<std::mutex> lock(mtx);
+        EXPECT_EQ(answered, expected);
+    }
+    EXPECT_EQ(limited->PendingWatchCount(), baseline + 100);
+
+    std::atomic<bool> destroyed{false};
+    std::atomic<int> late{0};
+    for (int i = 0; i < 100; ++i) {
+        limited->AsyncGet(path, [&](int, int, String) { late += destroyed; }, [&](int, String, const Stat*) { late += destroyed; });
+    }
+    handles.clear();
+    limited.reset();
+    destroyed = true;
+    EXPECT_EQ(0, late.load());
+}
+
 // Around a reconnection the connection re-arms its watches itself (here
 // always: its limit is 0). A re-arm the server refuses is reported as a
 // change, so that the owner reads the node again, rather than leaving the

@@ -85,6 +85,7 @@ namespace ferrow {
 // Half the server's default request limit (jute.maxbuffer, 1 MiB), leaving
 // room for servers that count differently.
 inline constexpr size_t kDefaultResetRequestLimit = 512 * 1024;
+inline constexpr size_t kDefaultReadsInFlight = 128;
 
 struct ConnectionOptions {
     // host:port[,host:port...][/chroot]
@@ -100,6 +101,16 @@ struct ConnectionOptions {
     // Reconnection above). The default suits the server's default request
     // limit; a server with a smaller jute.maxbuffer needs a smaller one.
     size_t resetRequestLimit = kDefaultResetRequestLimit;
+    // Asynchronous reads handed to the client at a time. More wait in the
+    // connection and are issued, in the order asked for, by the client's
+    // completion thread as answers arrive. A watcher that lists a large
+    // service asks for a read of every instance at once; the client's own
+    // bookkeeping of those reads is then made off the caller's thread, a
+    // few at a time, instead of between the caller's long-lived
+    // allocations. The default keeps about 128 reads per round trip on
+    // the wire: more than a server answers on a local network; raise it
+    // for a server tens of milliseconds away. 0: no limit.
+    size_t readsInFlight = kDefaultReadsInFlight;
 };
 
 // One entry of a node's access list. `perms` is a set of ZOO_PERM_* bits.
@@ -233,12 +244,16 @@ private:
     int RunSync(const std::shared_ptr<details::SyncCall>& call, Issue&& issue) const;
 
     // Registers a watch record (a child watch with `child`, a data watch
-    // otherwise), issues `issue(zh, record, request)` and undoes both when
-    // the client refuses the request.
-    template <typename Issue>
+    // otherwise) and issues the read, or queues it behind the reads already
+    // waiting (see ConnectionOptions::readsInFlight); undoes both when the
+    // client refuses the read.
     std::pair<int, WatchHandle> RunAsync(String path, bool child, WatchFunction watch,
-                                         std::unique_ptr<AsyncRequest> request,
-                                         Issue&& issue) const;
+                                         std::unique_ptr<AsyncRequest> request) const;
+    // Hands `request` to the client; returns the client's code.
+    static int IssueRead(zhandle_t* zh, const char* path, AsyncRequest* request);
+    // One read of `session` was answered: issues waiting reads, in order,
+    // while fewer than the limit are in flight.
+    static void IssueWaiting(Session& session);
 
     // The C client's callbacks.
     static void OnClientSessionEvent(zhandle_t* zh, int type, int state, const char* path, void* ctx);
@@ -246,6 +261,9 @@ private:
     static int ResultCode(int clientRc);
     static void OnClientData(int clientRc, const char* value, int len, const Stat* stat, const void* data);
     static void OnClientChildren(int clientRc, const String_vector* strings, const Stat* stat, const void* data);
+    // The result of a read, queued for delivery; the request is freed.
+    static void DeliverData(int clientRc, const char* value, int len, const Stat* stat, const void* data);
+    static void DeliverChildren(int clientRc, const String_vector* strings, const Stat* stat, const void* data);
     // Records the outcome of the read that registers `record` (null for a
     // read without watch): armed at `zxid`, or freed when the read failed.
     // Returns the context of a freed record, to be released on the delivery
