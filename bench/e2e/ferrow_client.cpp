@@ -145,47 +145,35 @@ private:
 
 void ReportError(int rc) { std::cerr << "ferrow watcher error: " << zerror(rc) << std::endl; }
 
-class FerrowClient final : public WatchClient {
+// A ServiceWatcher or a ServiceCache over a counted session, reporting to
+// the sink through `Observer`.
+template <typename Follower, typename Observer>
+class LibraryClient final : public WatchClient {
 public:
-    FerrowClient(const std::string& connect, const std::string& service, InstanceSink& sink)
-        : m_session(connect), m_watcher(std::make_unique<ferrow::ServiceWatcher>(m_session.Conn(), service, ReportError)) {
-        m_watcher->RegisterShared(std::make_shared<SinkObserver>(sink));
+    LibraryClient(const std::string& connect, const std::string& service, InstanceSink& sink)
+        : m_session(connect), m_follower(std::make_shared<Follower>(m_session.Conn(), service, ReportError)) {
+        m_follower->RegisterShared(std::make_shared<Observer>(sink));
     }
 
-    void Start() override { m_watcher->Start(); }
+    void Start() override { m_follower->Start(); }
     ReadCounts Reads() const override { return m_session.Conn()->Reads(); }
 
 private:
-    // Declaration order is destruction order reversed: the watcher goes first.
+    // Declaration order is destruction order reversed: the follower goes first.
     CountedSession m_session;
-    std::unique_ptr<ferrow::ServiceWatcher> m_watcher;
-};
-
-class CacheClient final : public WatchClient {
-public:
-    CacheClient(const std::string& connect, const std::string& service, InstanceSink& sink)
-        : m_session(connect), m_cache(std::make_shared<ferrow::ServiceCache>(m_session.Conn(), service, ReportError)) {
-        m_cache->RegisterShared(std::make_shared<CacheSinkObserver>(sink));
-    }
-
-    void Start() override { m_cache->Start(); }
-    ReadCounts Reads() const override { return m_session.Conn()->Reads(); }
-
-private:
-    CountedSession m_session;
-    std::shared_ptr<ferrow::ServiceCache> m_cache;
+    std::shared_ptr<Follower> m_follower;
 };
 
 }  // namespace
 
 std::unique_ptr<WatchClient> MakeFerrowClient(const std::string& connect, const std::string& service,
                                               InstanceSink& sink) {
-    return std::make_unique<FerrowClient>(connect, service, sink);
+    return std::make_unique<LibraryClient<ferrow::ServiceWatcher, SinkObserver>>(connect, service, sink);
 }
 
 std::unique_ptr<WatchClient> MakeCacheClient(const std::string& connect, const std::string& service,
                                              InstanceSink& sink) {
-    return std::make_unique<CacheClient>(connect, service, sink);
+    return std::make_unique<LibraryClient<ferrow::ServiceCache, CacheSinkObserver>>(connect, service, sink);
 }
 
 }  // namespace bench

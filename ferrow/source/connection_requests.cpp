@@ -193,16 +193,23 @@ int ZooKeeperConnection::IssueRead(zhandle_t* zh, const char* path, AsyncRequest
                   : zoo_aget(zh, path, 0, &OnClientData, request);
 }
 
+void ZooKeeperConnection::FailRead(const void* data, int rc) {
+    if (std::holds_alternative<ChildrenResult>(static_cast<const AsyncRequest*>(data)->m_result)) {
+        DeliverChildren(rc, nullptr, nullptr, data);
+    } else {
+        DeliverData(rc, nullptr, 0, nullptr, data);
+    }
+}
+
 void ZooKeeperConnection::IssueWaiting(Session& session) {
-    const size_t limit = session.m_conn.m_options.readsInFlight;
     // Refused by the client: completed below as if it had answered so, in
-    // order, after the lock (their completion issues nothing further).
+    // order, after the lock.
     std::vector<std::pair<AsyncRequest*, int>> refused;
     {
         std::lock_guard<std::mutex> lock(session.m_readMtx);
-        if (session.m_readsInFlight > 0) --session.m_readsInFlight;
+        --session.m_readsInFlight;  // only reads handed to the client come here
         if (session.m_closing) return;
-        while (!session.m_waitingReads.empty() && (limit == 0 || session.m_readsInFlight < limit)) {
+        while (!session.m_waitingReads.empty() && session.HasReadRoomLocked()) {
             AsyncRequest* next = session.m_waitingReads.front();
             session.m_waitingReads.pop_front();
             const int rc = IssueRead(session.m_zh, next->m_path.c_str(), next);
@@ -213,13 +220,7 @@ void ZooKeeperConnection::IssueWaiting(Session& session) {
             }
         }
     }
-    for (const auto& [request, rc] : refused) {
-        if (std::holds_alternative<ChildrenResult>(request->m_result)) {
-            DeliverChildren(rc, nullptr, nullptr, request);
-        } else {
-            DeliverData(rc, nullptr, 0, nullptr, request);
-        }
-    }
+    for (const auto& [request, rc] : refused) FailRead(request, rc);
 }
 
 std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String path, bool child, WatchFunction watch,
@@ -237,20 +238,15 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String pat
     if (ctx) request->m_record = session.AddWatch(ctx, path, child);
     WatchRecord* record = request->m_record;
     AsyncRequest* raw = request.release();
-    session.m_outstanding.Add(raw, [](const void* context) {
-        if (std::holds_alternative<ChildrenResult>(static_cast<const AsyncRequest*>(context)->m_result)) {
-            OnClientChildren(ZCLOSING, nullptr, nullptr, context);
-        } else {
-            OnClientData(ZCLOSING, nullptr, 0, nullptr, context);
-        }
-    });
+    // Left over once the handle is closed, handed to the client or waiting:
+    // completed without issuing anything further.
+    session.m_outstanding.Add(raw, [](const void* context) { FailRead(context, ZCLOSING); });
     int rc = ZOK;
     {
         // Issued now only when no read waits: the client answers in the order
         // it is given requests, and the waiting ones were asked for first.
         std::lock_guard<std::mutex> readLock(session.m_readMtx);
-        const size_t limit = m_options.readsInFlight;
-        if (session.m_waitingReads.empty() && (limit == 0 || session.m_readsInFlight < limit)) {
+        if (session.m_waitingReads.empty() && session.HasReadRoomLocked()) {
             rc = IssueRead(session.m_zh, path.c_str(), raw);
             if (rc == ZOK) ++session.m_readsInFlight;
         } else {

@@ -131,6 +131,11 @@ struct ZooKeeperConnection::Session {
     std::unique_ptr<WatchRecord> TakeWatch(WatchRecord* record);
     // As TakeWatch; requires m_watchMtx held.
     std::unique_ptr<WatchRecord> TakeWatchLocked(WatchRecord* record);
+    // Whether one more read may go to the client now; requires m_readMtx.
+    bool HasReadRoomLocked() const {
+        const size_t limit = m_conn.m_options.readsInFlight;
+        return limit == 0 || m_readsInFlight < limit;
+    }
     // Moves every record out (the handle is closed; nothing can fire).
     std::unordered_map<WatchRecord*, std::unique_ptr<WatchRecord>> TakeAll();
 

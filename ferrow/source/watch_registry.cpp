@@ -202,10 +202,12 @@ void ZooKeeperConnection::Withdraw(Session& session, const std::vector<WatchReco
     // The server keeps one watch per node and kind for every record of the
     // session: only the last record of a node asks the server to drop it.
     // Of several in this batch, the others go first, from the client alone.
-    std::unordered_map<std::size_t, WatchRecord*> lastOfNode;
+    // By node and kind: the batch's last record there, and how many records
+    // of the session watch it so.
+    std::unordered_map<std::size_t, std::pair<WatchRecord*, std::uint32_t>> lastOfNode;
     std::vector<WatchRecord*> local;
     for (WatchRecord* record : records) {
-        WatchRecord*& last = lastOfNode[NodeKey(record->PathView(), record->m_child)];
+        WatchRecord*& last = lastOfNode[NodeKey(record->PathView(), record->m_child)].first;
         if (last != nullptr) local.push_back(last);
         last = record;
     }
@@ -216,21 +218,17 @@ void ZooKeeperConnection::Withdraw(Session& session, const std::vector<WatchReco
         // between the count and the request: the server answers in order,
         // and the client registers a read's watch only when its answer comes.
         std::lock_guard<std::mutex> lock(session.m_watchMtx);
-        // How many records of the session watch each of these nodes the same
-        // way, counted now rather than kept per watch: withdrawals come in
-        // batches (a watcher stopping, a session's leftovers), and a count
-        // kept per watch would cost every watch a map entry.
-        std::unordered_map<std::size_t, std::uint32_t> sharers;
-        for (const auto& entry : lastOfNode) sharers.emplace(entry.first, 0);
+        // Counted now rather than kept per watch: withdrawals come in batches
+        // (a watcher stopping, a session's leftovers), and a count kept per
+        // watch would cost every watch a map entry.
         for (const auto& entry : session.m_watches) {
-            const auto it = sharers.find(NodeKey(entry.first->PathView(), entry.first->m_child));
-            if (it != sharers.end()) ++it->second;
+            const auto node = lastOfNode.find(NodeKey(entry.first->PathView(), entry.first->m_child));
+            if (node != lastOfNode.end()) ++node->second.second;
         }
-        for (const auto& entry : lastOfNode) {
-            WatchRecord* record = entry.second;
-            const bool alone = sharers[entry.first] == 1;
-            if (!alone || zoo_aremove_all_watches(session.m_zh, record->Path(), WatcherType(record->m_child),
-                                                  0, AsDeclared(&OnWithdrawn), record) != ZOK) {
+        for (const auto& [key, node] : lastOfNode) {
+            const auto [record, sharers] = node;
+            if (sharers != 1 || zoo_aremove_all_watches(session.m_zh, record->Path(), WatcherType(record->m_child),
+                                                        0, AsDeclared(&OnWithdrawn), record) != ZOK) {
                 local.push_back(record);
             }
         }

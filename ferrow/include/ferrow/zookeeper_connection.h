@@ -264,6 +264,9 @@ private:
     // The result of a read, queued for delivery; the request is freed.
     static void DeliverData(int clientRc, const char* value, int len, const Stat* stat, const void* data);
     static void DeliverChildren(int clientRc, const String_vector* strings, const Stat* stat, const void* data);
+    // Completes a read the client never answered with `rc`, issuing nothing
+    // further.
+    static void FailRead(const void* data, int rc);
     // Records the outcome of the read that registers `record` (null for a
     // read without watch): armed at `zxid`, or freed when the read failed.
     // Returns the context of a freed record, to be released on the delivery
