@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <iostream>
 #include <map>
@@ -65,6 +66,10 @@ std::shared_ptr<ZooKeeperConnection> Connect(const CommonOptions& common, const 
         conn = ZooKeeperConnection::Open(options);
     } catch (const ZooError& e) {
         if (e.Code() == ZBADARGUMENTS) throw CommandError("invalid connect string '" + common.connect + "'");
+        if (e.Code() == ZSYSTEMERROR) {
+            throw CommandError("cannot start a session with '" + common.connect +
+                               "': no server name in it resolves to an address");
+        }
         throw;
     }
     const auto deadline = std::chrono::steady_clock::now() + common.sessionTimeout;
@@ -77,6 +82,13 @@ std::shared_ptr<ZooKeeperConnection> Connect(const CommonOptions& common, const 
             throw CommandError("cannot connect to ZooKeeper at " + common.connect + " within " +
                                std::to_string(common.sessionTimeout.count()) + " ms");
         }
+    }
+    // With a chroot, "/" is the chroot's node: every path of a command would
+    // otherwise fail on its missing ancestor with a bare "no node".
+    const auto chroot = common.connect.find('/');
+    if (chroot != String::npos && conn->Exists("/", nullptr) == ZNONODE) {
+        throw CommandError("the chroot '" + common.connect.substr(chroot) + "' of connect string '" +
+                           common.connect + "' does not exist");
     }
     return conn;
 }
@@ -164,8 +176,12 @@ std::optional<std::pair<String, String>> ParseMetadata(const String& text) {
 
 int Watch(const CommonOptions& common, const StopSignals& signals, const String& service, bool json) {
     const auto conn = Connect(common, signals);
-    ServiceWatcher watcher(conn, service, [service](int rc) {
-        std::cerr << "ferrow: ZooKeeper error while watching '" << service << "': " << zerror(rc) << std::endl;
+    // An error no retry cures ends the command: printed once, by this
+    // thread, which then exits 1.
+    auto failure = std::make_shared<std::atomic<int>>(ZOK);
+    ServiceWatcher watcher(conn, service, [failure](int rc) {
+        int none = ZOK;
+        failure->compare_exchange_strong(none, rc);
     });
     watcher.RegisterShared(std::make_shared<EventPrinter>(service, json));
     // On the delivery thread too, after the reports that completed the view.
@@ -173,8 +189,12 @@ int Watch(const CommonOptions& common, const StopSignals& signals, const String&
         PrintLine(json ? SyncedJson(service, instances) : SyncedText(instances));
     });
     watcher.Start();
-    signals.Wait();
-    return 0;
+    for (;;) {
+        if (signals.WaitFor(std::chrono::milliseconds(100))) return 0;
+        if (const int rc = failure->load(); rc != ZOK) {
+            throw CommandError("ZooKeeper error while watching '" + service + "': " + zerror(rc));
+        }
+    }
 }
 
 int Services(const CommonOptions& common, const StopSignals& signals, bool json) {

@@ -133,16 +133,29 @@ void ZooKeeperConnection::DeliverData(int clientRc, const char* value, int len, 
     std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
     Session& session = *request->m_session;
     session.m_outstanding.Remove(data);
-    const int rc = ResultCode(clientRc);
-    std::shared_ptr<WatchContext> unused = Settle(session, request->m_record, rc, stat != nullptr ? stat->mzxid : 0);
+    int rc = ResultCode(clientRc);
+    const bool watched = request->m_record != nullptr;
+    std::weak_ptr<WatchContext> owner;
+    String gonePath;
+    std::shared_ptr<WatchContext> unused =
+        Settle(session, request->m_record, rc, stat != nullptr ? stat->mzxid : 0, owner, gonePath);
+    // A watch on a node that is gone will never fire: reported deleted right
+    // after the answer, so that its owner does not keep it for ever.
+    std::shared_ptr<WatchContext> gone = gonePath.empty() ? nullptr : unused;
+    const std::weak_ptr<WatchContext> goneOwner = owner;
     String bytes = (rc == ZOK && value != nullptr && len > 0) ? String(value, static_cast<size_t>(len)) : String();
     const bool hasStat = rc == ZOK && stat != nullptr;
     const Stat copy = hasStat ? *stat : Stat{};
     session.m_conn.m_queue->Push(session.m_generation, true,
-                                 [result = std::move(std::get<DataResult>(request->m_result)),
-                                  unused = std::move(unused), rc, bytes = std::move(bytes), hasStat, copy]() mutable {
-                                     result(rc, std::move(bytes), hasStat ? &copy : nullptr);
+                                 [result = std::move(std::get<DataResult>(request->m_result)), unused = std::move(unused),
+                                  watched, owner = std::move(owner), rc, bytes = std::move(bytes), hasStat, copy]() mutable {
+                                     if (watched && owner.expired()) {
+                                         result(ZCLOSING, String(), nullptr);
+                                     } else {
+                                         result(rc, std::move(bytes), hasStat ? &copy : nullptr);
+                                     }
                                  });
+    if (gone) session.PushEvent(std::move(gone), goneOwner, ZOO_DELETED_EVENT, ZOO_CONNECTED_STATE, std::move(gonePath));
 }
 
 void ZooKeeperConnection::DeliverChildren(int clientRc, const String_vector* strings, const Stat* stat,
@@ -150,13 +163,27 @@ void ZooKeeperConnection::DeliverChildren(int clientRc, const String_vector* str
     std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
     Session& session = *request->m_session;
     session.m_outstanding.Remove(data);
-    const int rc = ResultCode(clientRc);
-    std::shared_ptr<WatchContext> unused = Settle(session, request->m_record, rc, stat != nullptr ? stat->pzxid : 0);
+    int rc = ResultCode(clientRc);
+    const bool watched = request->m_record != nullptr;
+    std::weak_ptr<WatchContext> owner;
+    String gonePath;
+    std::shared_ptr<WatchContext> unused =
+        Settle(session, request->m_record, rc, stat != nullptr ? stat->pzxid : 0, owner, gonePath);
+    // A watch on a node that is gone will never fire: reported deleted right
+    // after the answer, so that its owner does not keep it for ever.
+    std::shared_ptr<WatchContext> gone = gonePath.empty() ? nullptr : unused;
+    const std::weak_ptr<WatchContext> goneOwner = owner;
     session.m_conn.m_queue->Push(session.m_generation, true,
                                  [result = std::move(std::get<ChildrenResult>(request->m_result)),
-                                  unused = std::move(unused), rc, names = ToNames(strings)]() mutable {
-                                     result(rc, std::move(names));
+                                  unused = std::move(unused), watched, owner = std::move(owner), rc,
+                                  names = rc == ZOK ? ToNames(strings) : std::vector<String>()]() mutable {
+                                     if (watched && owner.expired()) {
+                                         result(ZCLOSING, std::vector<String>());
+                                     } else {
+                                         result(rc, std::move(names));
+                                     }
                                  });
+    if (gone) session.PushEvent(std::move(gone), goneOwner, ZOO_DELETED_EVENT, ZOO_CONNECTED_STATE, std::move(gonePath));
 }
 
 template <typename Issue>
@@ -216,7 +243,9 @@ void ZooKeeperConnection::IssueWaiting(Session& session) {
             if (rc == ZOK) {
                 ++session.m_readsInFlight;
             } else {
-                refused.emplace_back(next, rc);
+                // Accepted earlier, refused now: the session is over (expired
+                // or closing), and the read dies with it.
+                refused.emplace_back(next, rc == ZINVALIDSTATE ? ZCLOSING : rc);
             }
         }
     }
@@ -228,14 +257,20 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String pat
     // An empty watch function sets no watch at all.
     std::shared_ptr<WatchContext> ctx;
     if (watch) ctx = std::make_shared<WatchContext>(*this, std::move(watch));
-    // Declared before the lock: a refused request's callbacks are destroyed
-    // after it is released.
+    // Declared before the lock: a refused request's callbacks and the
+    // handle's share are released after it, the share's release taking
+    // the lock itself.
+    std::shared_ptr<WatchContext> share;
     std::unique_ptr<WatchRecord> refusedRecord;
     std::shared_lock<std::shared_mutex> lock(m_sessionMtx);
     if (!m_session) return {ZINVALIDSTATE, WatchHandle()};
     Session& session = *m_session;
     request->m_session = &session;
-    if (ctx) request->m_record = session.AddWatch(ctx, path, child);
+    if (ctx) {
+        request->m_record = session.AddWatch(ctx, path, child);
+        // Before the read is issued: its answer may come at once.
+        share = OwnerShare(session, request->m_record, std::move(ctx));
+    }
     WatchRecord* record = request->m_record;
     AsyncRequest* raw = request.release();
     // Left over once the handle is closed, handed to the client or waiting:
@@ -261,7 +296,7 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String pat
         if (record) refusedRecord = session.TakeWatch(record);
         return {rc, WatchHandle()};
     }
-    return {ZOK, ctx ? HandleFor(session, record, std::move(ctx)) : WatchHandle()};
+    return {ZOK, share ? MakeWatchHandle(std::move(share)) : WatchHandle()};
 }
 
 std::pair<int, Connection::WatchHandle> ZooKeeperConnection::AsyncGet(String path, WatchFunction watch,

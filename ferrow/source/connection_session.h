@@ -60,11 +60,11 @@ private:
 // its address as the watcher context while the watch is registered there.
 //
 // A record whose m_ctx is null is no longer wanted: its one event was
-// delivered (or reported by a re-arm), or its handle cancelled it. Once the
+// delivered (or reported by a re-arm), or its handle let it go. Once the
 // client holds it (kArmed), the session thread withdraws it from the client
 // and the server; in any other state the completion that settles it frees it.
 struct ZooKeeperConnection::WatchRecord {
-    enum class State {
+    enum class State : std::uint8_t {
         kReading,    // the read that registers it is in flight
         kArmed,      // the client holds the registration
         kTakenOut,   // taken out of the client; armed again once connected
@@ -87,17 +87,22 @@ struct ZooKeeperConnection::WatchRecord {
     std::string_view PathView() const { return std::string_view(Path(), m_pathSize); }
 
     Session& m_session;
-    const std::uint32_t m_pathSize;
-    const bool m_child;  // a child watch; a data watch otherwise
 
-    // The fields below are guarded by m_session.m_watchMtx.
+    // The fields below are guarded by m_session.m_watchMtx, but m_owner,
+    // which is set before the read that registers the record is issued.
     // Moved out before the record is freed on a client thread, so that the
     // context (and the user's function in it) is released on the delivery
     // thread: it may hold the last reference to the connection.
     std::shared_ptr<WatchContext> m_ctx;
-    State m_state = State::kReading;
+    // The handle's share of the context: expired once the handle let the
+    // watch go (cancelled, destroyed or released by a move assignment). An
+    // answer or event that finds it expired at delivery reaches nobody.
+    std::weak_ptr<WatchContext> m_owner;
     // The node's mzxid (pzxid for a child watch) when the watch was armed.
     std::int64_t m_zxid = 0;
+    const std::uint32_t m_pathSize;
+    const bool m_child;  // a child watch; a data watch otherwise
+    State m_state = State::kReading;
     // The session thread or a removal request in flight is taking the
     // registration away; a firing meanwhile sets m_fired and leaves the
     // freeing to whoever set m_busy.
@@ -112,8 +117,8 @@ private:
     static void operator delete(void* record, PathBytes) { ::operator delete(record); }
 
     WatchRecord(Session& session, std::shared_ptr<WatchContext> ctx, std::string_view path, bool child)
-        : m_session(session), m_pathSize(static_cast<std::uint32_t>(path.size())), m_child(child),
-          m_ctx(std::move(ctx)) {
+        : m_session(session), m_ctx(std::move(ctx)), m_pathSize(static_cast<std::uint32_t>(path.size())),
+          m_child(child) {
         char* bytes = reinterpret_cast<char*>(this + 1);
         path.copy(bytes, path.size());
         bytes[path.size()] = '\0';
@@ -136,6 +141,10 @@ struct ZooKeeperConnection::Session {
         const size_t limit = m_conn.m_options.readsInFlight;
         return limit == 0 || m_readsInFlight < limit;
     }
+    // Queues a watch event for `watch`, delivered only if its handle, whose
+    // share is `owner`, still holds the watch then.
+    void PushEvent(std::shared_ptr<WatchContext> watch, std::weak_ptr<WatchContext> owner, int type, int state,
+                   String path);
     // Moves every record out (the handle is closed; nothing can fire).
     std::unordered_map<WatchRecord*, std::unique_ptr<WatchRecord>> TakeAll();
 

@@ -44,6 +44,9 @@ public:
             Publish();
         } catch (...) {
             m_conn->UnregisterRaw(this);
+            // A create whose answer was lost may have made the node.
+            std::lock_guard<std::mutex> lock(m_mtx);
+            if (m_node == Node::kUncertain) m_conn->Delete(m_path, -1);
             throw;
         }
         JXLOG(logging::JXLOG_INFO, g_log) << "Instance published: " << m_path;
@@ -54,7 +57,7 @@ public:
     void Stop() {
         m_conn->UnregisterRaw(this);
         std::lock_guard<std::mutex> lock(m_mtx);
-        if (m_node != Node::kPublished) return;
+        if (m_node != Node::kPublished && m_node != Node::kUncertain) return;
         const int rc = m_conn->Delete(m_path, -1);
         if (rc == ZOK || rc == ZNONODE) {
             JXLOG(logging::JXLOG_INFO, g_log) << "Instance withdrawn: " << m_path;
@@ -86,7 +89,7 @@ public:
         }
         // A connected event that arrives before Start has published is the
         // session's first, not a new session: Start creates the node itself.
-        if (state != ZOO_CONNECTED_STATE || m_node != Node::kLostWithSession) return;
+        if (state != ZOO_CONNECTED_STATE || (m_node != Node::kLostWithSession && m_node != Node::kUncertain)) return;
         try {
             Publish();
             JXLOG(logging::JXLOG_INFO, g_log) << "Instance published again after session expiry: " << m_path;
@@ -115,6 +118,8 @@ private:
         // With credentials, the node is writable by its publisher alone.
         const ACL_vector& acl = m_conn->HasCredentials() ? PublisherInstanceAcl() : ZOO_OPEN_ACL_UNSAFE;
         const int rc = m_conn->Create(m_path, EncodeInstanceData(m_record, m_compress), acl, ZOO_EPHEMERAL);
+        // No answer: the server may have created the node all the same.
+        if (rc == ZOPERATIONTIMEOUT || rc == ZCONNECTIONLOSS) m_node = Node::kUncertain;
         if (rc != ZOK) throw ZooError(rc);
         m_node = Node::kPublished;
     }
@@ -127,9 +132,10 @@ private:
 
     mutable std::mutex m_mtx;
     ServiceInstanceData m_record;  // guarded by m_mtx
-    // Only a node that Start created and an expiry then deleted is created
-    // again by a connected event.
-    enum class Node { kNotCreated, kPublished, kLostWithSession };
+    // Only a node that Start created and an expiry then deleted, or one
+    // whose creation went unanswered, is created again by a connected
+    // event; a node that may exist (kUncertain) is deleted on Stop too.
+    enum class Node { kNotCreated, kPublished, kLostWithSession, kUncertain };
     Node m_node = Node::kNotCreated;  // guarded by m_mtx
 };
 

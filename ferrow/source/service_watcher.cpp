@@ -38,6 +38,12 @@ ServiceWatcher::~ServiceWatcher() {
     // none is running on another thread.
     m_sync->Close();
     m_impl->Close();
+    // Taken out of the connection's registry while both are alive: the
+    // registry matches an entry by the observer it still reaches, so their
+    // own destructors, which run once nothing reaches them, would leave the
+    // entries behind, one pair per watcher ever made.
+    m_conn->UnregisterRaw(static_cast<const ConnectionObserver*>(m_sync.get()));
+    m_conn->UnregisterRaw(static_cast<const ConnectionObserver*>(m_impl.get()));
     // The impl may still be held by a callback that was turned away, or by
     // the connection while it notifies its observers of a session event.
     // Elsewhere than on the delivery thread, that ends soon and is waited

@@ -80,23 +80,25 @@ ZooKeeperConnection::Session::TakeAll() {
     return all;
 }
 
-Connection::WatchHandle ZooKeeperConnection::HandleFor(const Session& session, WatchRecord* record,
-                                                       std::shared_ptr<WatchContext> ctx) const {
-    // The handle's share of the context: when the handle lets go of a context
-    // it cancelled (a move only releases it, still valid), the record is
-    // withdrawn. Runs on whatever thread destroys the handle, never waits for
-    // a server, and does nothing once the connection is gone.
+std::shared_ptr<Connection::WatchContext> ZooKeeperConnection::OwnerShare(const Session& session, WatchRecord* record,
+                                                                           std::shared_ptr<WatchContext> ctx) const {
+    // When the handle lets go of the context, cancelled or only released by
+    // a move assignment, nobody can want the watch any more, and the record
+    // is withdrawn. A watch released without being cancelled would otherwise
+    // stay with the client and the server until it fired, and be delivered
+    // to an owner that has armed its successor already: one change reported
+    // twice. Runs on whatever thread lets the handle go, never waits for a
+    // server, and does nothing once the connection is gone. The context is
+    // released here too, not with the last weak reference to this share,
+    // which a client thread may hold.
     WatchContext* raw = ctx.get();
-    auto release = [ctx = std::move(ctx), self = m_self, generation = session.m_generation, record](WatchContext*) {
-        bool cancelled = false;
-        {
-            std::lock_guard<std::mutex> lock(ctx->m_mtx);
-            cancelled = !ctx->m_valid;
-        }
-        if (!cancelled) return;
+    auto release = [ctx = std::move(ctx), self = m_self, generation = session.m_generation, record](WatchContext*) mutable {
         if (const std::shared_ptr<ZooKeeperConnection> conn = self.lock()) conn->WithdrawWatch(generation, record, ctx.get());
+        ctx.reset();
     };
-    return MakeWatchHandle(std::shared_ptr<WatchContext>(raw, std::move(release)));
+    std::shared_ptr<WatchContext> share(raw, std::move(release));
+    record->m_owner = share;
+    return share;
 }
 
 void ZooKeeperConnection::WithdrawWatch(std::uint64_t generation, WatchRecord* record, const WatchContext* ctx) {
@@ -280,6 +282,7 @@ void ZooKeeperConnection::FinishRearm(WatchRecord* record, int rc, std::int64_t 
     String path(record->PathView());
     int type = 0;
     std::shared_ptr<WatchContext> watch;
+    std::weak_ptr<WatchContext> owner;
     std::unique_ptr<WatchRecord> freed;
     bool unwanted = false;
     {
@@ -290,6 +293,7 @@ void ZooKeeperConnection::FinishRearm(WatchRecord* record, int rc, std::int64_t 
                 // Changed while not watched: reported now.
                 type = record->m_child ? ZOO_CHILD_EVENT : ZOO_CHANGED_EVENT;
                 watch = std::move(record->m_ctx);
+                owner = record->m_owner;
             }
             // Reported now or cancelled meanwhile: the registration just made
             // is withdrawn by the session thread.
@@ -306,14 +310,24 @@ void ZooKeeperConnection::FinishRearm(WatchRecord* record, int rc, std::int64_t 
             // the answer itself.
             type = rc == ZNONODE ? ZOO_DELETED_EVENT : record->m_child ? ZOO_CHILD_EVENT : ZOO_CHANGED_EVENT;
             watch = std::move(record->m_ctx);
+            owner = record->m_owner;
             freed = session.TakeWatchLocked(record);
         }
     }
     if (unwanted) session.m_conn.RequestMaintenance(session.m_generation);
-    if (!watch) return;
-    session.m_conn.m_queue->Push(session.m_generation, false, [watch, type, path = std::move(path)] {
-        InvokeWatch(*watch, type, ZOO_CONNECTED_STATE, path);
-    });
+    if (watch) session.PushEvent(std::move(watch), std::move(owner), type, ZOO_CONNECTED_STATE, std::move(path));
+}
+
+void ZooKeeperConnection::Session::PushEvent(std::shared_ptr<WatchContext> watch, std::weak_ptr<WatchContext> owner,
+                                             int type, int state, String path) {
+    m_conn.m_queue->Push(m_generation, false,
+                         [watch = std::move(watch), owner = std::move(owner), type, state, path = std::move(path)] {
+                             // Held while the event runs: a handle let go
+                             // inside the call withdraws its watch after it.
+                             if (const std::shared_ptr<WatchContext> held = owner.lock()) {
+                                 InvokeWatch(*watch, type, state, path);
+                             }
+                         });
 }
 
 void ZooKeeperConnection::OnClientWatchEvent(zhandle_t*, int type, int state, const char* path, void* ctx) {
@@ -323,42 +337,49 @@ void ZooKeeperConnection::OnClientWatchEvent(zhandle_t*, int type, int state, co
     auto* record = static_cast<WatchRecord*>(ctx);
     Session& session = record->m_session;
     std::shared_ptr<WatchContext> watch;
+    std::weak_ptr<WatchContext> owner;
     std::unique_ptr<WatchRecord> freed;
     {
         std::lock_guard<std::mutex> lock(session.m_watchMtx);
         watch = std::move(record->m_ctx);
+        owner = record->m_owner;
         if (record->m_busy) {
             record->m_fired = true;
         } else {
             freed = session.TakeWatchLocked(record);
         }
     }
-    if (!watch) return;  // reported by its re-arm already
-    session.m_conn.m_queue->Push(session.m_generation, false,
-                                 [watch, type, state, text = String(path ? path : "")] {
-                                     InvokeWatch(*watch, type, state, text);
-                                 });
+    if (!watch) return;  // reported by its re-arm already, or let go
+    session.PushEvent(std::move(watch), std::move(owner), type, state, String(path ? path : ""));
 }
 
-std::shared_ptr<Connection::WatchContext> ZooKeeperConnection::Settle(Session& session, WatchRecord* record, int rc,
-                                                                     std::int64_t zxid) {
+std::shared_ptr<Connection::WatchContext> ZooKeeperConnection::Settle(Session& session, WatchRecord* record, int& rc,
+                                                                     std::int64_t zxid,
+                                                                     std::weak_ptr<WatchContext>& owner,
+                                                                     String& gonePath) {
     std::shared_ptr<WatchContext> unused;
     if (record == nullptr) return unused;
     std::unique_ptr<WatchRecord> freed;
-    bool cancelled = false;
+    bool withdraw = false;
     {
         std::lock_guard<std::mutex> lock(session.m_watchMtx);
+        const bool wanted = record->m_ctx != nullptr;
+        owner = record->m_owner;
         if (rc == ZOK) {
             record->m_state = WatchRecord::State::kArmed;
             record->m_zxid = zxid;
-            cancelled = !record->m_ctx;  // while its read was in flight
+            withdraw = !wanted;  // let go while its read was in flight
         } else {
             // The client registers the watch only when the read succeeds.
             unused = std::move(record->m_ctx);
+            if (rc == ZNONODE && wanted) gonePath.assign(record->PathView());
             freed = session.TakeWatchLocked(record);
         }
+        // Its owner let the watch go before the answer came: it has asked
+        // again since, or wants nothing more. The answer is news to nobody.
+        if (!wanted) rc = ZCLOSING;
     }
-    if (cancelled) session.m_conn.RequestMaintenance(session.m_generation);
+    if (withdraw) session.m_conn.RequestMaintenance(session.m_generation);
     return unused;
 }
 

@@ -96,35 +96,38 @@ ZooKeeperConnection::~ZooKeeperConnection() {
 
 int ZooKeeperConnection::OpenSession() {
     auto session = std::make_unique<Session>(*this, ++m_lastGeneration);
-    // Held until the session is published: an observer answering its first
-    // event must find it usable, so the delivery of any event of this
-    // session waits here. The client's threads only queue deliveries; none
-    // of them needs this lock to go on.
-    std::unique_lock<std::shared_mutex> lock(m_sessionMtx);
-    m_queue->SetGeneration(session->m_generation);
+    const std::uint64_t generation = session->m_generation;
+    // Events of the new session are queued from now on; their delivery waits
+    // until the session is published (DeliverSessionEvent), so that an
+    // observer answering its first event finds it usable. No lock is held
+    // meanwhile: the client resolves the server names here, which may take
+    // as long as DNS does, and requests, State() and handles must not wait
+    // for that.
+    m_queue->SetGeneration(generation);
     errno = 0;
     session->m_zh = zookeeper_init2(m_options.connect.c_str(), &OnClientSessionEvent,
                                     static_cast<int>(m_options.sessionTimeout.count()), nullptr,
                                     session.get(), 0, &LogClientLine);
-    if (session->m_zh == nullptr) {
-        const int error = errno;
-        JXLOG(logging::JXLOG_ERROR, g_log) << "Cannot start a session with " << m_options.connect
-                                           << ": errno " << error;
-        return error == EINVAL ? ZBADARGUMENTS : ZSYSTEMERROR;
-    }
+    // EINVAL: a malformed connect string; otherwise, as a rule, no server
+    // name resolved.
+    if (session->m_zh == nullptr) return errno == EINVAL ? ZBADARGUMENTS : ZSYSTEMERROR;
     // By default the client resolves the server names again on every poll of
     // its socket, which costs more CPU than reading the data; resolving only
     // after a connection loss still follows DNS changes where they matter.
     zoo_set_servers_resolution_delay(session->m_zh, -1);
     if (!m_options.digestAuth.empty()) {
+        // Before any request can be issued: the session is not published yet.
         const int rc = AddCredentials(session->m_zh);
         if (rc != ZOK) {
             session->m_authPending = true;
             JXLOG(logging::JXLOG_INFO, g_log) << "Digest credentials wait for the first connection: " << zerror(rc);
         }
     }
-    m_session = std::move(session);
-    lock.unlock();
+    {
+        std::unique_lock<std::shared_mutex> lock(m_sessionMtx);
+        m_session = std::move(session);
+        m_publishedGeneration = generation;
+    }
     NotifyStateWaiters();
     return ZOK;
 }
@@ -189,7 +192,9 @@ void ZooKeeperConnection::RunSessionThread() {
         if (std::unique_ptr<Session> old = TakeSession(expired)) {
             CloseSession(std::move(old));
             JXLOG(logging::JXLOG_INFO, g_log) << "Session expired, opening a new one";
-            while (OpenSession() != ZOK) {
+            for (int rc; (rc = OpenSession()) != ZOK;) {
+                JXLOG(logging::JXLOG_ERROR, g_log) << "Cannot start a session with " << m_options.connect << ": "
+                                                   << zerror(rc) << "; trying again in a second";
                 lock.lock();
                 if (m_renewCv.wait_for(lock, std::chrono::seconds(1), [this] { return m_stopping; })) return;
                 lock.unlock();
@@ -217,6 +222,12 @@ void ZooKeeperConnection::RequestMaintenance(std::uint64_t generation) {
 
 void ZooKeeperConnection::DeliverSessionEvent(std::uint64_t generation, int type, int state,
                                               const String& path) {
+    {
+        // The client may report the session before OpenSession has published
+        // it; publication follows at once.
+        std::unique_lock<std::mutex> lock(m_stateMtx);
+        m_stateCv.wait(lock, [&] { return m_publishedGeneration.load() >= generation; });
+    }
     // Refused credentials end the session for good: a new one would carry
     // the same credentials, so none is opened.
     if (state == ZOO_AUTH_FAILED_STATE) {
@@ -233,9 +244,13 @@ void ZooKeeperConnection::OnClientSessionEvent(zhandle_t* zh, int type, int stat
     ZooKeeperConnection& conn = session.m_conn;
     // Before anyone learns of the connection: the credentials are sent
     // ahead of every request issued afterwards.
-    if (type == ZOO_SESSION_EVENT && state == ZOO_CONNECTED_STATE && session.m_authPending.exchange(false)) {
+    // The flag is cleared only once the credentials are queued: until then
+    // State() does not say connected, and nothing the caller issues after
+    // it does can overtake them. Only this thread clears it.
+    if (type == ZOO_SESSION_EVENT && state == ZOO_CONNECTED_STATE && session.m_authPending.load()) {
         const int rc = conn.AddCredentials(zh);
         if (rc != ZOK) JXLOG(logging::JXLOG_ERROR, g_log) << "Cannot add digest credentials: " << zerror(rc);
+        session.m_authPending = false;
     }
     conn.NotifyStateWaiters();
     if (type != ZOO_SESSION_EVENT) return;

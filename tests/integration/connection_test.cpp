@@ -2,6 +2,7 @@
 // sessions, synchronous calls and destruction.
 
 #include <atomic>
+#include <cstring>
 #include <future>
 
 #include <gtest/gtest.h>
@@ -121,6 +122,72 @@ TEST_F(ConnectionTest, WithdrawingOneOfTwoWatchesOnANodeKeepsTheOther) {
     ASSERT_TRUE(PollUntil([&] { return conn->PendingWatchCount() == baseline + 1; }, kDeadline));
     ASSERT_EQ(ZOK, conn->Set(path, "v1", -1, nullptr));
     EXPECT_TRUE(PollUntil([&] { return changed == 1; }, kDeadline));
+}
+
+// A watch let go before its answer was delivered (here replaced by a move
+// assignment, as an owner that asks again does) is answered ZCLOSING and
+// never fires; its successor alone is answered and fires. A watched read of
+// a missing node leaves no watch in ZooKeeper and reports it deleted, so
+// that its owner keeps nothing behind.
+TEST_F(ConnectionTest, OnlyTheWatchAHandleStillHoldsIsAnsweredAndFires) {
+    const size_t baseline = conn->PendingWatchCount();
+    std::promise<void> release;
+    conn->AsyncGet("/missing", nullptr, [r = release.get_future().share()](int, String, const Stat*) { r.wait(); });
+    std::atomic<int> replacedEvents{0}, changes{0}, gone{0};
+    std::promise<int> replacedRc, keptRc;
+    Connection::WatchHandle handle =
+        conn->AsyncGet(path, [&](int, int, String) { ++replacedEvents; },
+                       [&](int rc, String, const Stat*) { replacedRc.set_value(rc); }).second;
+    handle = conn->AsyncGet(path, [&](int type, int, String) { changes += type == ZOO_CHANGED_EVENT; },
+                            [&](int rc, String, const Stat*) { keptRc.set_value(rc); }).second;
+    const Connection::WatchHandle missing =
+        conn->AsyncGet(path + "/missing", [&](int type, int, String) { gone += type == ZOO_DELETED_EVENT; }, kIgnore).second;
+    release.set_value();
+    auto replaced = replacedRc.get_future(), kept = keptRc.get_future();
+    ASSERT_EQ(std::future_status::ready, kept.wait_for(kDeadline));
+    EXPECT_EQ(ZCLOSING, replaced.get());
+    EXPECT_EQ(ZOK, kept.get());
+    EXPECT_TRUE(PollUntil([&] { return gone == 1 && conn->PendingWatchCount() == baseline + 1; }, kDeadline))
+        << conn->PendingWatchCount() - baseline << " watches left";
+    ASSERT_EQ(ZOK, conn->Set(path, "v1", -1, nullptr));
+    EXPECT_TRUE(PollUntil([&] { return changes == 1; }, kDeadline));
+    Flush(*conn);
+    EXPECT_EQ(0, replacedEvents.load());
+}
+
+// Reads still waiting for their turn when the session expires die with it:
+// ZCLOSING, as every request of a closed session, never a code the caller
+// would take for a reason to try again on the new session.
+TEST_F(ConnectionTest, ReadsWaitingWhenTheSessionExpiresCompleteClosing) {
+    testing::Relay relay(s_server->ClientPort());
+    ConnectionOptions options{relay.ConnectString(), std::chrono::seconds(4), ""};
+    options.readsInFlight = 1;
+    const auto expiring = ZooKeeperConnection::Open(options);
+    ASSERT_TRUE(expiring->WaitConnected(kDeadline));
+    const std::int64_t session = expiring->SessionId();
+    const String password = expiring->SessionPassword();
+    relay.Blackhole();
+    std::mutex mtx;
+    std::vector<int> codes;  // guarded by mtx
+    for (int i = 0; i < 50; ++i) {
+        ASSERT_EQ(ZOK, expiring->AsyncGet(path, nullptr, [&](int rc, String, const Stat*) {
+            std::lock_guard<std::mutex> lock(mtx);
+            codes.push_back(rc);
+        }).first);
+    }
+    // Another client takes the session over and closes it meanwhile.
+    clientid_t id{session, {}};
+    std::memcpy(id.passwd, password.data(), std::min(sizeof(id.passwd), password.size()));
+    zhandle_t* zh = zookeeper_init(s_server->ConnectString().c_str(), nullptr, 10000, &id, nullptr, 0);
+    ASSERT_TRUE(PollUntil([zh] { return zoo_state(zh) == ZOO_CONNECTED_STATE; }, kDeadline));
+    zookeeper_close(zh);
+    relay.Heal();
+    ASSERT_TRUE(PollUntil([&] {
+        std::lock_guard<std::mutex> lock(mtx);
+        return codes.size() == 50;
+    }, kDeadline));
+    std::lock_guard<std::mutex> lock(mtx);
+    for (const int rc : codes) EXPECT_TRUE(rc == ZCLOSING || rc == ZCONNECTIONLOSS) << zerror(rc);
 }
 
 // Reads beyond the connection's limit in flight wait in it and are issued

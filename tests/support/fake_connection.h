@@ -81,7 +81,7 @@ public:
     }
     // Unless Fail forced an answer: Create and Exists know the paths created
     // so far (never deleted, holding no data), Get finds nothing, Set and
-    // Delete succeed, and GetChildren, which the watcher never calls, fails.
+    // Delete succeed (Deleted lists them), and GetChildren, which the watcher never calls, fails.
     int Get(String, String&, Stat*) const override { return ZNONODE; }
     int Create(String path, const String&, const ACL_vector&, int) const override {
         return Locked([&] {
@@ -91,7 +91,15 @@ public:
         });
     }
     int Set(String, const String&, int, Stat*) const override { return ZOK; }
-    int Delete(String, int) const override { return ZOK; }
+    int Delete(String path, int) const override {
+        return Locked([&] {
+            m_deleted.push_back(path);
+            return ZOK;
+        });
+    }
+    std::vector<String> Deleted() const { return Locked([&] { return m_deleted; }); }
+    // Entries in the session observer registry, dead ones included.
+    size_t ObserverSlots() { return GetObservers().size(); }
     int Exists(String path, Stat*) const override {
         return Locked([&] { return m_created.count(path) != 0 ? ZOK : ZNONODE; });
     }
@@ -118,6 +126,7 @@ private:
     mutable std::map<Op, std::deque<int>> m_forced;
     mutable std::vector<Request> m_requests;
     mutable std::set<String> m_created;
+    mutable std::vector<String> m_deleted;
     std::function<void()> m_afterRegisterWeak;
 };
 

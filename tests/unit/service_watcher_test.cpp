@@ -207,6 +207,35 @@ TEST(RegistrationTest, AConnectedEventBeforeTheFirstCreatePublishesNothing) {
     EXPECT_NO_THROW(ServiceRegistration(conn, "svc", testing::MakeRecord(1)));
 }
 
+// A create after an expiry that times out may still have made the node: the
+// registration creates it again on the next connection, finding it there,
+// and deletes it when destroyed, as it would a node it knows it made.
+TEST(RegistrationTest, ANodeWhoseCreationWentUnansweredIsStillWithdrawn) {
+    const auto conn = std::make_shared<FakeConnection>();
+    String path;
+    {
+        ServiceRegistration registration(conn, "svc", testing::MakeRecord(1));
+        path = registration.Path();
+        conn->SessionEvent(ZOO_EXPIRED_SESSION_STATE);
+        conn->Fail(Op::Create, ZOPERATIONTIMEOUT);
+        conn->SessionEvent(ZOO_CONNECTED_STATE);
+    }
+    EXPECT_EQ(conn->Deleted(), std::vector<String>{path});
+}
+
+// Watchers come and go on a long-lived connection: each leaves the
+// connection's session observers as it found them, with or without
+// tracking whether its view is complete.
+TEST(ServiceWatcherTest, DestroyedWatchersLeaveNoSessionObserverBehind) {
+    const auto conn = std::make_shared<FakeConnection>();
+    for (int i = 0; i < 3; ++i) {
+        ServiceWatcher watcher(conn, "svc", [](int) {});
+        watcher.Start();
+        if (i % 2 == 1) watcher.IsSynced();
+    }
+    EXPECT_EQ(conn->ObserverSlots(), 0u);
+}
+
 }  // namespace
 }  // namespace ferrow
 }  // namespace jx

@@ -47,11 +47,16 @@ public:
     // a callback of this watcher running there has returned (observers may
     // call the watcher meanwhile and get answers), and until every watch is
     // cancelled; on the delivery thread the cancellation follows as soon as
-    // the running callback returns. Must not be called from inside one of
-    // this watcher's own observers or its error handler, nor while holding a
-    // lock they take: the former is logged at JXLOG_CRITICAL (and asserted
-    // against in debug builds), since the observers after the caller would
-    // receive a destroyed watcher.
+    // the running callback returns. Elsewhere than on the delivery thread it
+    // also waits for a session event being delivered at that moment to any
+    // session observer of the same connection, and an expiry notifies the
+    // observers of every watcher and cache on it from there. So it must not
+    // be called while holding a lock that any observer or error handler of
+    // a watcher, cache or registration on the same connection takes, nor
+    // from inside one of this watcher's own observers or its error handler:
+    // the latter is logged at JXLOG_CRITICAL (and asserted against in debug
+    // builds), since the observers after the caller would receive a
+    // destroyed watcher.
     ~ServiceWatcher() override;
 
     // Observers receive this object by reference: it cannot move or be copied.

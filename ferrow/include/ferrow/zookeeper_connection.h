@@ -21,8 +21,10 @@
 // options, whose connected event follows. Watch and session events of the
 // old session are dropped once the new one exists; result callbacks are
 // always delivered, exactly once, for every request accepted with ZOK. A
-// request that dies with its session (expired or closed) completes with
-// ZCLOSING, never ZSESSIONEXPIRED: the expiry is the session event's news.
+// request that dies with its session (expired or closed), including a read
+// still waiting for its turn (ConnectionOptions::readsInFlight), completes
+// with ZCLOSING, never ZSESSIONEXPIRED or ZINVALIDSTATE: the expiry is the
+// session event's news.
 // While no session is usable, requests fail at once with ZINVALIDSTATE.
 // While the client is reconnecting (connection lost, session alive) requests
 // are queued by the client and complete when it reconnects or gives up.
@@ -43,14 +45,23 @@
 // events follow the connected session event, in the same session; nothing
 // else is observable.
 //
-// Cancelled watches. Destroying (or cancelling) the handle of a watch that
-// has not fired withdraws it: the connection stops holding it, and the
-// session thread asks the client and, while connected, the server to forget
-// it (the server keeps one watch per node and kind for the whole session, so
-// it is asked only when no other watch of the session is on that node).
-// Neither the cancellation nor the destruction of a handle waits for this.
-// Moving a handle only releases the watch, which stays registered until its
-// one event.
+// Watches let go. A handle lets its watch go when it is destroyed or
+// cancelled, or when another handle is move-assigned over it (which releases
+// the watch without invalidating its context). A watch let go before it
+// fired is withdrawn: the connection stops holding it, and the session
+// thread asks the client and, while connected, the server to forget it (the
+// server keeps one watch per node and kind for the whole session, so it is
+// asked only when no other watch of the session is on that node). No event
+// of it is delivered any more, and a read whose handle let its watch go
+// before its answer was delivered completes with ZCLOSING: its owner has
+// asked again since, or wants nothing more. So an owner that arms a watch
+// twice on one node, the second handle replacing the first, is answered and
+// notified once. Letting a handle go never waits for any of this.
+//
+// A watched read that finds no node (ZNONODE) leaves no watch in ZooKeeper:
+// right after that answer, its watch receives ZOO_DELETED_EVENT, unless its
+// handle let it go meanwhile, so that no owner keeps a watch that cannot
+// fire.
 //
 // Destruction closes the session and joins every thread; no callback runs
 // after the destructor returns, and deliveries still queued are dropped.
@@ -135,7 +146,9 @@ class ZooKeeperConnection : public Connection {
 public:
     // Starts connecting and returns at once; see WaitConnected. Throws
     // ZooError(ZBADARGUMENTS) for a malformed connect string and
-    // ZooError(ZSYSTEMERROR) when the client cannot be started.
+    // ZooError(ZSYSTEMERROR) when the client cannot be started, as a rule
+    // because no server name resolves. Logs nothing: the exception is the
+    // report.
     static std::shared_ptr<ZooKeeperConnection> Open(ConnectionOptions options);
 
     ~ZooKeeperConnection() override;
@@ -188,7 +201,8 @@ private:
 
     // Creates a session of a new generation and makes it current. Returns
     // ZOK, or ZBADARGUMENTS / ZSYSTEMERROR when the client cannot be started.
-    // Never runs concurrently with itself (Open, then the session thread).
+    // Never runs concurrently with itself (Open, then the session thread),
+    // and holds no lock while the client resolves the server names.
     int OpenSession();
     // Closes `session` (with no lock of this object held: the client calls
     // pending completions with ZCLOSING on this thread) and frees its watches.
@@ -224,9 +238,10 @@ private:
     // last watch of a node; OnWithdrawn completes the server's part.
     void Withdraw(Session& session, const std::vector<WatchRecord*>& records);
     static void OnWithdrawn(int rc, const void* data);
-    // The handle given out for `record`, whose context is `ctx`: when the
-    // handle cancels the watch, WithdrawWatch runs.
-    WatchHandle HandleFor(const Session& session, WatchRecord* record, std::shared_ptr<WatchContext> ctx) const;
+    // The share of `ctx` that the handle of `record` owns, also kept weakly
+    // by the record: when the handle lets it go, WithdrawWatch runs.
+    std::shared_ptr<WatchContext> OwnerShare(const Session& session, WatchRecord* record,
+                                             std::shared_ptr<WatchContext> ctx) const;
     // On the thread that cancelled the context `ctx` of `record`, a record of
     // session `generation`: drops the context and has the record withdrawn.
     void WithdrawWatch(std::uint64_t generation, WatchRecord* record, const WatchContext* ctx);
@@ -269,9 +284,12 @@ private:
     static void FailRead(const void* data, int rc);
     // Records the outcome of the read that registers `record` (null for a
     // read without watch): armed at `zxid`, or freed when the read failed.
-    // Returns the context of a freed record, to be released on the delivery
-    // thread.
-    static std::shared_ptr<WatchContext> Settle(Session& session, WatchRecord* record, int rc, std::int64_t zxid);
+    // `rc` becomes ZCLOSING when the handle let the watch go already;
+    // `owner` is the handle's share, and `gonePath` the node's path when the
+    // node is gone and its watch must be reported deleted. Returns the
+    // context of a freed record, to be released on the delivery thread.
+    static std::shared_ptr<WatchContext> Settle(Session& session, WatchRecord* record, int& rc, std::int64_t zxid,
+                                                std::weak_ptr<WatchContext>& owner, String& gonePath);
     static void OnRearmData(int rc, const char* value, int len, const Stat* stat, const void* data);
     static void OnRearmChildren(int rc, const String_vector* strings, const Stat* stat, const void* data);
     // The re-arm read of `record` completed (or was refused) with `rc` and
@@ -292,6 +310,9 @@ private:
     mutable std::shared_mutex m_sessionMtx;
     std::unique_ptr<Session> m_session;
     std::uint64_t m_lastGeneration = 0;  // touched only by OpenSession
+    // The generation of the latest session made current; its session events
+    // are delivered only from then on.
+    std::atomic<std::uint64_t> m_publishedGeneration{0};
 
     std::atomic<size_t> m_pendingWatches{0};
 
