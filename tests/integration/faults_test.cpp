@@ -1,5 +1,8 @@
-// A watcher following churning instances through real faults: servers
-// killed, restarted and partitioned away, sessions expired. One runner for
+// A watcher following churning instances through real faults of an
+// ensemble and of a server with more watches than one request holds: members
+// killed, quorum lost, a member partitioned away, a server restarted (the
+// faults of one relay and one server, drawn at random, are in
+// schedule_test.cpp). One runner for
 // every scenario: a publisher churns, an independent client reads the
 // truth, and after each fault the watcher's picture and ListInstances must
 // equal that truth within a bound; each fault is a row of parameters. The
@@ -34,7 +37,7 @@ constexpr seconds kConvergenceBound{20};  // after the fault healed
 
 // The relay faults act on the watcher's path alone: it reaches each server
 // through a relay, while the publisher and the reader of the truth do not.
-enum class Fault { KillLeader, KillFollower, LoseQuorum, Expire, Restart, RestartOrExpire, Blackhole, BlackholeItsServer, ResetRelay };
+enum class Fault { KillLeader, KillFollower, LoseQuorum, Expire, Restart, RestartOrExpire, BlackholeItsServer };
 // What must become of the watcher's session through each fault.
 enum class Outcome { Any, Kept, Replaced };
 
@@ -165,7 +168,7 @@ TEST_P(FaultTest, WatcherAgreesWithTheTruthAfterEachFault) {
     const auto started = std::chrono::steady_clock::now();
     std::vector<std::unique_ptr<testing::Relay>> relays;
     std::string relayed;
-    for (size_t i = 0; row.fault >= Fault::Blackhole && i < servers.size(); ++i) {
+    for (size_t i = 0; row.fault == Fault::BlackholeItsServer && i < servers.size(); ++i) {
         relays.push_back(std::make_unique<testing::Relay>(servers[i]->ClientPort()));
         relayed += (relayed.empty() ? "" : ",") + relays.back()->ConnectString();
     }
@@ -194,8 +197,6 @@ TEST_P(FaultTest, WatcherAgreesWithTheTruthAfterEachFault) {
         if (fault == Fault::Expire) {
             ASSERT_TRUE(testing::ExpireSession(connect, *watched.conn));
         }
-        if (fault == Fault::Blackhole) relays[0]->Blackhole();
-        if (fault == Fault::ResetRelay) relays[0]->Reset();
         if (fault == Fault::BlackholeItsServer) {
             const size_t held = Holder(servers, session, servers.size());
             ASSERT_LT(held, servers.size());
@@ -212,7 +213,6 @@ TEST_P(FaultTest, WatcherAgreesWithTheTruthAfterEachFault) {
         }
         std::this_thread::sleep_for(row.outage);  // the outage itself, not a wait for an outcome
         for (size_t i : stopped) servers[i]->Start();
-        if (fault == Fault::Blackhole) relays[0]->Heal();
         const auto healed = std::chrono::steady_clock::now();
         ASSERT_TRUE(churn.AwaitProgress(20));
         churn.Stop();
@@ -247,12 +247,7 @@ INSTANTIATE_TEST_SUITE_P(Ensemble, FaultTest, ::testing::Values(
     Row{"LeaderKilled", 3, Fault::KillLeader, 0, kShort, kNone, 1},
     Row{"FollowerKilled", 3, Fault::KillFollower, 0, kShort, kNone, 1},
     Row{"QuorumLostLongerThanTheSession", 3, Fault::LoseQuorum, 0, kShort, kOutage, 1},
-    Row{"SessionExpiredDuringChurn", 3, Fault::Expire, 0, kShort, kNone, 5, Outcome::Replaced},
     Row{"PathToItsServerBlackholed", 3, Fault::BlackholeItsServer, 0, kNoticed, kNone, 1, Outcome::Kept}));
-INSTANTIATE_TEST_SUITE_P(Partition, FaultTest, ::testing::Values(
-    Row{"BlackholeShorterThanTheSession", 1, Fault::Blackhole, 0, kNoticed, milliseconds(10000), 1, Outcome::Kept},
-    Row{"BlackholeLongerThanTheSession", 1, Fault::Blackhole, 0, kShort, milliseconds(8000), 1, Outcome::Replaced},
-    Row{"ConnectionsReset", 1, Fault::ResetRelay, 0, kShort, kNone, 1, Outcome::Kept}));
 // Past about 9,000 instances their watches no longer fit in the request that
 // re-registers them after a reconnection: the connection re-arms them itself.
 INSTANTIATE_TEST_SUITE_P(Standalone, FaultTest, ::testing::Values(

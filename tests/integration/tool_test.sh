@@ -81,6 +81,10 @@ fails() { # fails CODE STDERR ARGS...: STDERR whole, or for code 2 a part of the
 fails 1 "ferrow: cannot connect to ZooKeeper at $unreachable within 500 ms" \
   env FERROW_ZK="$unreachable" "$ferrow" --session-timeout 500 list any
 fails 1 "ferrow: service 'nothing' does not exist" "$ferrow" --zk "$zk" list nothing
+fails 1 "ferrow: the chroot '/absent' of connect string '$zk/absent' does not exist" "$ferrow" --zk "$zk/absent" watch tool
+fails 1 "ferrow: cannot start a session with 'nowhere.invalid:2181': no server name in it resolves to an address" \
+  "$ferrow" --zk nowhere.invalid:2181 list tool
+fails 1 "ferrow: invalid connect string 'garbage'" "$ferrow" --zk garbage list tool
 fails 1 "ferrow: instance $missing of service 'tool' does not exist" "$ferrow" --zk "$zk" get tool "$missing"
 fails 1 "ferrow: instance $taken_id of service 'tool' is already registered" \
   "$ferrow" --zk "$zk" register tool --host h --port 1 --id "$taken_id"

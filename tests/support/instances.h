@@ -157,13 +157,17 @@ public:
     void CreateChild(const std::string& name, const String& bytes) const {
         Check(m_conn->Create(m_servicePath + "/" + name, bytes, ZOO_OPEN_ACL_UNSAFE, 0), "create", m_servicePath + "/" + name);
     }
-    // Creates every instance of `instances`, 32 requests at a time.
-    void CreateAll(const InstanceMap& instances) const {
+    // Creates every instance of `instances` (or with `set`, writes the
+    // record of each existing one), 32 requests at a time.
+    void CreateAll(const InstanceMap& instances, bool set = false) const {
         const std::vector<InstanceMap::value_type> work(instances.begin(), instances.end());
         std::vector<std::thread> threads;
         for (size_t t = 0; t < 32; ++t) {
             threads.emplace_back([&, t] {
-                for (size_t i = t; i < work.size(); i += 32) EXPECT_NO_THROW(Create(work[i].first, work[i].second, Encoding::Zlib));
+                for (size_t i = t; i < work.size(); i += 32) {
+                    EXPECT_NO_THROW(set ? Set(work[i].first, work[i].second, Encoding::Zlib)
+                                        : Create(work[i].first, work[i].second, Encoding::Zlib));
+                }
             });
         }
         for (std::thread& thread : threads) thread.join();
