@@ -7,8 +7,6 @@
 #include <map>
 #include <memory>
 
-#include <boost/algorithm/string/predicate.hpp>
-#include <boost/lexical_cast.hpp>
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
@@ -21,6 +19,7 @@
 #include "ferrow/service_watcher.h"
 #include "ferrow/zookeeper_connection.h"
 #include "output.h"
+#include "utility/uuid_text.h"
 
 namespace jx {
 namespace ferrow {
@@ -146,13 +145,8 @@ void RecordFields::ApplyTo(ServiceInstanceData& record) const {
 }
 
 std::optional<ServiceId> ParseServiceId(const String& text) {
-    try {
-        const auto id = boost::lexical_cast<ServiceId>(text);
-        // The stream extraction also accepts forms such as "{...}"; only the
-        // canonical text names a node.
-        if (boost::algorithm::iequals(boost::uuids::to_string(id), text)) return id;
-    } catch (const boost::bad_lexical_cast&) {
-    }
+    ServiceId id;
+    if (ParseCanonicalUuid(text, id)) return id;
     return std::nullopt;
 }
 

@@ -11,6 +11,7 @@
 #include "ferrow/instance_data.h"
 #include "ferrow/zlib.h"
 #include "logger/logger.h"
+#include "utility/uuid_text.h"
 #include "znode_data.h"
 
 namespace jx {
@@ -122,13 +123,18 @@ void ServiceWatcherImpl::ServiceResultCallback(int result, std::vector<String> c
     std::lock_guard<std::mutex> lock(m_mtx);
     if (result == ZOK) {
         for (const String& child : children) {
+            // Instances name their nodes in the canonical form, read here
+            // directly; any other name takes the general conversion, which
+            // accepts or rejects it as before.
             ServiceId id;
-            try {
-                id = boost::lexical_cast<ServiceId>(child);
-            } catch (const boost::bad_lexical_cast&) {
-                JXLOG(logging::JXLOG_WARNING, g_log) << "Invalid child name at path '" << m_path << "'. Could not convert '"
-                                                     << child << "' to ServiceId.";
-                continue;
+            if (!ParseCanonicalUuid(child, id)) {
+                try {
+                    id = boost::lexical_cast<ServiceId>(child);
+                } catch (const boost::bad_lexical_cast&) {
+                    JXLOG(logging::JXLOG_WARNING, g_log) << "Invalid child name at path '" << m_path
+                                                         << "'. Could not convert '" << child << "' to ServiceId.";
+                    continue;
+                }
             }
             if (m_instances.count(id) == 0) WatchInstance(id);
         }

@@ -2,7 +2,6 @@
 // sessions, synchronous calls and destruction.
 
 #include <atomic>
-#include <cstring>
 #include <future>
 
 #include <gtest/gtest.h>
@@ -57,6 +56,9 @@ TEST_F(ConnectionTest, WatchesFireOnceInOrderOnTheDeliveryThreadAndLeaveNoBookke
     Connection::WatchHandle handles[3];
     {
         std::lock_guard<std::mutex> lock(issuerMtx);
+        // Replaced before it is answered, as by an owner asking again: answered ZCLOSING, never fires.
+        handles[0] = conn->AsyncGet(path, [&](int, int, String) { record("replaced watch"); },
+                                    [&](int rc, String, const Stat*) { record("replaced " + std::to_string(rc)); }).second;
         handles[0] = conn->AsyncGet(path, [&, weak = std::weak_ptr<ZooKeeperConnection>(conn)](int type, int, String node) {
             String data(16, '\0');
             if (auto self = weak.lock()) self->Get(node, data, nullptr);  // a synchronous call on the delivery thread
@@ -70,13 +72,13 @@ TEST_F(ConnectionTest, WatchesFireOnceInOrderOnTheDeliveryThreadAndLeaveNoBookke
         ASSERT_EQ(ZOK, conn->Create(path + "/a", "", ZOO_OPEN_ACL_UNSAFE, 0));
         for (int i = 0; i < 3; ++i) conn->AsyncGet(path, nullptr, [&, i](int, String, const Stat*) { record(std::to_string(i)); });
     }
-    ASSERT_TRUE(PollUntil([&] { return items().size() >= 7; }, kDeadline));
+    ASSERT_TRUE(PollUntil([&] { return items().size() >= 8; }, kDeadline));
     ASSERT_EQ(ZOK, conn->Set(path, "v2", -1, nullptr));
     ASSERT_EQ(ZOK, conn->Create(path + "/b", "", ZOO_OPEN_ACL_UNSAFE, 0));
     Flush(*conn);
-    EXPECT_EQ(items(), (std::vector<std::string>{"read 0", "list 0", "changed v1", "child", "0", "1", "2"}));
+    EXPECT_EQ(items(), (std::vector<std::string>{"replaced -116", "read 0", "list 0", "changed v1", "child", "0", "1", "2"}));
 
-    // The cancelled watch is withdrawn shortly after; the others fired.
+    // The cancelled and the replaced watches are withdrawn shortly after; the others fired.
     EXPECT_TRUE(PollUntil([&] { return conn->PendingWatchCount() == baseline; }, kDeadline));
 }
 
@@ -107,54 +109,6 @@ TEST_F(ConnectionTest, NoCallbackRunsAfterDestructionAndTheLastReferenceMayDieOn
     EXPECT_NE(0, future.get());
 }
 
-// The server keeps one watch per node and kind for all of a session's
-// watchers: withdrawing one of two must leave the other's in place.
-TEST_F(ConnectionTest, WithdrawingOneOfTwoWatchesOnANodeKeepsTheOther) {
-    const size_t baseline = conn->PendingWatchCount();
-    std::atomic<int> changed{0};
-    const Connection::WatchHandle kept =
-        conn->AsyncGet(path, [&](int type, int, String) { changed += type == ZOO_CHANGED_EVENT; }, kIgnore).second;
-    {
-        const Connection::WatchHandle dropped =
-            conn->AsyncGet(path, [](int, int, String) { ADD_FAILURE() << "a cancelled watch fired"; }, kIgnore).second;
-        Flush(*conn);  // both armed
-    }
-    ASSERT_TRUE(PollUntil([&] { return conn->PendingWatchCount() == baseline + 1; }, kDeadline));
-    ASSERT_EQ(ZOK, conn->Set(path, "v1", -1, nullptr));
-    EXPECT_TRUE(PollUntil([&] { return changed == 1; }, kDeadline));
-}
-
-// A watch let go before its answer was delivered (here replaced by a move
-// assignment, as an owner that asks again does) is answered ZCLOSING and
-// never fires; its successor alone is answered and fires. A watched read of
-// a missing node leaves no watch in ZooKeeper and reports it deleted, so
-// that its owner keeps nothing behind.
-TEST_F(ConnectionTest, OnlyTheWatchAHandleStillHoldsIsAnsweredAndFires) {
-    const size_t baseline = conn->PendingWatchCount();
-    std::promise<void> release;
-    conn->AsyncGet("/missing", nullptr, [r = release.get_future().share()](int, String, const Stat*) { r.wait(); });
-    std::atomic<int> replacedEvents{0}, changes{0}, gone{0};
-    std::promise<int> replacedRc, keptRc;
-    Connection::WatchHandle handle =
-        conn->AsyncGet(path, [&](int, int, String) { ++replacedEvents; },
-                       [&](int rc, String, const Stat*) { replacedRc.set_value(rc); }).second;
-    handle = conn->AsyncGet(path, [&](int type, int, String) { changes += type == ZOO_CHANGED_EVENT; },
-                            [&](int rc, String, const Stat*) { keptRc.set_value(rc); }).second;
-    const Connection::WatchHandle missing =
-        conn->AsyncGet(path + "/missing", [&](int type, int, String) { gone += type == ZOO_DELETED_EVENT; }, kIgnore).second;
-    release.set_value();
-    auto replaced = replacedRc.get_future(), kept = keptRc.get_future();
-    ASSERT_EQ(std::future_status::ready, kept.wait_for(kDeadline));
-    EXPECT_EQ(ZCLOSING, replaced.get());
-    EXPECT_EQ(ZOK, kept.get());
-    EXPECT_TRUE(PollUntil([&] { return gone == 1 && conn->PendingWatchCount() == baseline + 1; }, kDeadline))
-        << conn->PendingWatchCount() - baseline << " watches left";
-    ASSERT_EQ(ZOK, conn->Set(path, "v1", -1, nullptr));
-    EXPECT_TRUE(PollUntil([&] { return changes == 1; }, kDeadline));
-    Flush(*conn);
-    EXPECT_EQ(0, replacedEvents.load());
-}
-
 // Reads still waiting for their turn when the session expires die with it:
 // ZCLOSING, as every request of a closed session, never a code the caller
 // would take for a reason to try again on the new session.
@@ -164,8 +118,6 @@ TEST_F(ConnectionTest, ReadsWaitingWhenTheSessionExpiresCompleteClosing) {
     options.readsInFlight = 1;
     const auto expiring = ZooKeeperConnection::Open(options);
     ASSERT_TRUE(expiring->WaitConnected(kDeadline));
-    const std::int64_t session = expiring->SessionId();
-    const String password = expiring->SessionPassword();
     relay.Blackhole();
     std::mutex mtx;
     std::vector<int> codes;  // guarded by mtx
@@ -175,12 +127,7 @@ TEST_F(ConnectionTest, ReadsWaitingWhenTheSessionExpiresCompleteClosing) {
             codes.push_back(rc);
         }).first);
     }
-    // Another client takes the session over and closes it meanwhile.
-    clientid_t id{session, {}};
-    std::memcpy(id.passwd, password.data(), std::min(sizeof(id.passwd), password.size()));
-    zhandle_t* zh = zookeeper_init(s_server->ConnectString().c_str(), nullptr, 10000, &id, nullptr, 0);
-    ASSERT_TRUE(PollUntil([zh] { return zoo_state(zh) == ZOO_CONNECTED_STATE; }, kDeadline));
-    zookeeper_close(zh);
+    ASSERT_FALSE(testing::CloseSessionOnServer(s_server->ConnectString(), *expiring));
     relay.Heal();
     ASSERT_TRUE(PollUntil([&] {
         std::lock_guard<std::mutex> lock(mtx);

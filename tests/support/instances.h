@@ -110,25 +110,31 @@ inline std::optional<String> ReadNode(const ferrow::Connection& conn, const std:
     return bytes;
 }
 
-// Ends the session of `conn` on the server, as a server-side expiry would (a
-// second client attaches to the session and closes it), and waits until
-// `conn` runs a new session. `conn` may take the session back before the
-// close arrives, which the server then refuses, so this repeats: only an
-// attach refused as expired proves the session gone. False when `conn` has
-// no new session within about a minute.
+// Attaches a second client to the session of `conn` and closes it, as a
+// server-side expiry would end it. Returns whether the attach found the
+// session expired already; `conn` may also take the session back before
+// the close arrives, which the server then refuses.
+inline bool CloseSessionOnServer(const std::string& connect, const ferrow::ZooKeeperConnection& conn) {
+    const String password = conn.SessionPassword();
+    clientid_t id{conn.SessionId(), {}};
+    std::memcpy(id.passwd, password.data(), std::min(sizeof(id.passwd), password.size()));
+    zhandle_t* zh = zookeeper_init(connect.c_str(), nullptr, 10000, &id, nullptr, 0);
+    PollUntil([zh] { return zoo_state(zh) == ZOO_CONNECTED_STATE || zoo_state(zh) == ZOO_EXPIRED_SESSION_STATE; },
+              std::chrono::seconds(10));
+    const bool expired = zoo_state(zh) == ZOO_EXPIRED_SESSION_STATE;
+    zookeeper_close(zh);
+    return expired;
+}
+
+// Ends the session of `conn` on the server and waits until `conn` runs a
+// new session, repeating the close until an attach refused as expired
+// proves the session gone. False when `conn` has no new session within
+// about a minute.
 inline bool ExpireSession(const std::string& connect, const ferrow::ZooKeeperConnection& conn) {
     const std::int64_t old = conn.SessionId();
-    const String password = conn.SessionPassword();
-    clientid_t id{old, {}};
-    std::memcpy(id.passwd, password.data(), std::min(sizeof(id.passwd), password.size()));
     const auto renewed = [&] { return conn.SessionId() != 0 && conn.SessionId() != old; };
     for (int attempt = 0; attempt < 20 && old != 0 && !renewed(); ++attempt) {
-        zhandle_t* zh = zookeeper_init(connect.c_str(), nullptr, 10000, &id, nullptr, 0);
-        PollUntil([zh] { return zoo_state(zh) == ZOO_CONNECTED_STATE || zoo_state(zh) == ZOO_EXPIRED_SESSION_STATE; },
-                  std::chrono::seconds(10));
-        const bool expired = zoo_state(zh) == ZOO_EXPIRED_SESSION_STATE;
-        zookeeper_close(zh);  // closes the session it attached to
-        PollUntil(renewed, std::chrono::seconds(expired ? 30 : 3));
+        PollUntil(renewed, std::chrono::seconds(CloseSessionOnServer(connect, conn) ? 30 : 3));
     }
     return renewed();
 }

@@ -30,13 +30,10 @@ public:
     };
     struct State {
         InstanceMap picture;        // added and modified records, less the removed ones
-        std::vector<Event> events;  // every report in arrival order, when kept
+        std::vector<Event> events;  // every report in arrival order
         size_t reports = 0;
         std::vector<int> errors;  // codes passed to ErrorHandler()
     };
-
-    // `keepEvents` false keeps memory flat over long runs.
-    explicit Recorder(bool keepEvents = true) : m_keepEvents(keepEvents) {}
 
     void OnInstanceAdded(ferrow::ServiceWatcher&, const ferrow::ServiceId& id, const ferrow::ServiceInstanceData& record) override {
         Report(Kind::Added, id, &record);
@@ -65,11 +62,10 @@ private:
         std::lock_guard<std::mutex> lock(m_mtx);
         if (record == nullptr) m_state.picture.erase(id);
         else m_state.picture[id] = *record;
-        if (m_keepEvents) m_state.events.push_back({kind, id, record != nullptr ? *record : ferrow::ServiceInstanceData()});
+        m_state.events.push_back({kind, id, record != nullptr ? *record : ferrow::ServiceInstanceData()});
         ++m_state.reports;
     }
 
-    const bool m_keepEvents;
     mutable std::mutex m_mtx;  // guards m_state
     State m_state;
 };
@@ -79,8 +75,8 @@ private:
 // then the recorder.
 template <typename Conn = ferrow::ZooKeeperConnection>
 struct Watched {
-    Watched(std::shared_ptr<Conn> connection, const std::string& service, bool keepEvents = true, bool start = true)
-        : conn(std::move(connection)), recorder(std::make_shared<Recorder>(keepEvents)), watcher(conn, service, recorder->ErrorHandler()) {
+    Watched(std::shared_ptr<Conn> connection, const std::string& service, bool start = true)
+        : conn(std::move(connection)), recorder(std::make_shared<Recorder>()), watcher(conn, service, recorder->ErrorHandler()) {
         watcher.RegisterShared(recorder);
         if (start) watcher.Start();
     }

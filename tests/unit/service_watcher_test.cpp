@@ -39,7 +39,7 @@ String PathOf(int n) { return kService + "/" + Name(n); }
 // One watcher of "svc" over a scripted connection, not started, recording
 // its reports, handler codes and log records.
 struct Harness : testing::Watched<FakeConnection> {
-    Harness() : Watched(std::make_shared<FakeConnection>(), "svc", true, false) {}
+    Harness() : Watched(std::make_shared<FakeConnection>(), "svc", false) {}
     size_t Requests() const { return conn->Requests().size(); }
     // The index of the latest request for instance `n` (0: the service).
     size_t Last(int n) const {
