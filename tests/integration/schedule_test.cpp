@@ -270,6 +270,7 @@ protected:
                 names += std::string(i == 0 ? "" : ", ") + kStepNames[static_cast<int>(steps.back())];
             }
             std::printf("[ schedule  ] seed %u (FERROW_SCHEDULE_SEED=%u replays it): %s\n", seed, seed, names.c_str());
+            std::fflush(stdout);  // the seed must be out before a step can hang
             Schedule schedule(conn, cluster, static_cast<std::uint32_t>(draw()));
             schedule.ExpectQuiet("seed " + std::to_string(seed) + " at the start");
             for (size_t i = 0; i < steps.size() && !HasFailure(); ++i) {
