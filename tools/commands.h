@@ -63,7 +63,8 @@ String ServiceNameProblem(const String& name);
 // "KEY=VALUE" split at the first '='; nothing without '=' or with an empty key.
 std::optional<std::pair<String, String>> ParseMetadata(const String& text);
 
-// Prints every event of `service` until a stop signal; returns 0.
+// Prints every event of `service` until a stop signal; returns 0. Throws
+// CommandError once the watcher meets an error no retry cures.
 int Watch(const CommonOptions& common, const StopSignals& signals, const String& service, bool json);
 
 // Prints every service under /srv2 with its number of instances (children
