@@ -129,61 +129,49 @@ void ZooKeeperConnection::OnClientChildren(int clientRc, const String_vector* st
     IssueWaiting(session);
 }
 
-void ZooKeeperConnection::DeliverData(int clientRc, const char* value, int len, const Stat* stat, const void* data) {
-    std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
+template <typename Deliver>
+void ZooKeeperConnection::QueueAnswer(std::unique_ptr<AsyncRequest> request, int rc, std::int64_t zxid,
+                                      Deliver deliver) {
     Session& session = *request->m_session;
-    session.m_outstanding.Remove(data);
-    int rc = ResultCode(clientRc);
     const bool watched = request->m_record != nullptr;
     std::weak_ptr<WatchContext> owner;
     String gonePath;
-    std::shared_ptr<WatchContext> unused =
-        Settle(session, request->m_record, rc, stat != nullptr ? stat->mzxid : 0, owner, gonePath);
+    std::shared_ptr<WatchContext> unused = Settle(session, request->m_record, rc, zxid, owner, gonePath);
     // A watch on a node that is gone will never fire: reported deleted right
     // after the answer, so that its owner does not keep it for ever.
     std::shared_ptr<WatchContext> gone = gonePath.empty() ? nullptr : unused;
-    const std::weak_ptr<WatchContext> goneOwner = owner;
-    String bytes = (rc == ZOK && value != nullptr && len > 0) ? String(value, static_cast<size_t>(len)) : String();
-    const bool hasStat = rc == ZOK && stat != nullptr;
-    const Stat copy = hasStat ? *stat : Stat{};
     session.m_conn.m_queue->Push(session.m_generation, true,
-                                 [result = std::move(std::get<DataResult>(request->m_result)), unused = std::move(unused),
-                                  watched, owner = std::move(owner), rc, bytes = std::move(bytes), hasStat, copy]() mutable {
-                                     if (watched && owner.expired()) {
-                                         result(ZCLOSING, String(), nullptr);
-                                     } else {
-                                         result(rc, std::move(bytes), hasStat ? &copy : nullptr);
-                                     }
+                                 [deliver = std::move(deliver), unused = std::move(unused), watched, owner, rc]() mutable {
+                                     deliver(watched && owner.expired() ? ZCLOSING : rc);
                                  });
-    if (gone) session.PushEvent(std::move(gone), goneOwner, ZOO_DELETED_EVENT, ZOO_CONNECTED_STATE, std::move(gonePath));
+    if (gone) session.PushEvent(std::move(gone), std::move(owner), ZOO_DELETED_EVENT, ZOO_CONNECTED_STATE, std::move(gonePath));
+}
+
+void ZooKeeperConnection::DeliverData(int clientRc, const char* value, int len, const Stat* stat, const void* data) {
+    std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
+    request->m_session->m_outstanding.Remove(data);
+    const int rc = ResultCode(clientRc);
+    String bytes = (rc == ZOK && value != nullptr && len > 0) ? String(value, static_cast<size_t>(len)) : String();
+    const bool hasStat = stat != nullptr;
+    const Stat copy = hasStat ? *stat : Stat{};
+    DataResult result = std::move(std::get<DataResult>(request->m_result));
+    QueueAnswer(std::move(request), rc, hasStat ? stat->mzxid : 0,
+                [result = std::move(result), bytes = std::move(bytes), hasStat, copy](int answer) mutable {
+                    const bool ok = answer == ZOK;
+                    result(answer, ok ? std::move(bytes) : String(), ok && hasStat ? &copy : nullptr);
+                });
 }
 
 void ZooKeeperConnection::DeliverChildren(int clientRc, const String_vector* strings, const Stat* stat,
                                           const void* data) {
     std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
-    Session& session = *request->m_session;
-    session.m_outstanding.Remove(data);
-    int rc = ResultCode(clientRc);
-    const bool watched = request->m_record != nullptr;
-    std::weak_ptr<WatchContext> owner;
-    String gonePath;
-    std::shared_ptr<WatchContext> unused =
-        Settle(session, request->m_record, rc, stat != nullptr ? stat->pzxid : 0, owner, gonePath);
-    // A watch on a node that is gone will never fire: reported deleted right
-    // after the answer, so that its owner does not keep it for ever.
-    std::shared_ptr<WatchContext> gone = gonePath.empty() ? nullptr : unused;
-    const std::weak_ptr<WatchContext> goneOwner = owner;
-    session.m_conn.m_queue->Push(session.m_generation, true,
-                                 [result = std::move(std::get<ChildrenResult>(request->m_result)),
-                                  unused = std::move(unused), watched, owner = std::move(owner), rc,
-                                  names = rc == ZOK ? ToNames(strings) : std::vector<String>()]() mutable {
-                                     if (watched && owner.expired()) {
-                                         result(ZCLOSING, std::vector<String>());
-                                     } else {
-                                         result(rc, std::move(names));
-                                     }
-                                 });
-    if (gone) session.PushEvent(std::move(gone), goneOwner, ZOO_DELETED_EVENT, ZOO_CONNECTED_STATE, std::move(gonePath));
+    request->m_session->m_outstanding.Remove(data);
+    const int rc = ResultCode(clientRc);
+    ChildrenResult result = std::move(std::get<ChildrenResult>(request->m_result));
+    QueueAnswer(std::move(request), rc, stat != nullptr ? stat->pzxid : 0,
+                [result = std::move(result), names = rc == ZOK ? ToNames(strings) : std::vector<String>()](int answer) mutable {
+                    result(answer, answer == ZOK ? std::move(names) : std::vector<String>());
+                });
 }
 
 template <typename Issue>

@@ -276,6 +276,12 @@ private:
     static int ResultCode(int clientRc);
     static void OnClientData(int clientRc, const char* value, int len, const Stat* stat, const void* data);
     static void OnClientChildren(int clientRc, const String_vector* strings, const Stat* stat, const void* data);
+    // Settles the watch of `request` and queues its answer: `deliver(rc)`
+    // runs on the delivery thread with the code the owner receives
+    // (ZCLOSING once its handle let the watch go), followed by
+    // ZOO_DELETED_EVENT for a watch whose node was found gone.
+    template <typename Deliver>
+    static void QueueAnswer(std::unique_ptr<AsyncRequest> request, int rc, std::int64_t zxid, Deliver deliver);
     // The result of a read, queued for delivery; the request is freed.
     static void DeliverData(int clientRc, const char* value, int len, const Stat* stat, const void* data);
     static void DeliverChildren(int clientRc, const String_vector* strings, const Stat* stat, const void* data);
