@@ -37,6 +37,13 @@ using Kind = testing::Recorder::Kind;
 using testing::InstanceMap;
 constexpr milliseconds kSession{4000};  // the server's minimum: two ticks
 constexpr seconds kQuiet{60};           // from a step's end to agreement
+// Under the sanitizers, one schedule of each kind and a restart of 5,000
+// instances (10,000 watch records: still more than one request holds).
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int kRuns = 1, kRestartPreload = 5000;
+#else
+constexpr int kRuns = 3, kRestartPreload = 10000;
+#endif
 
 // Servers on loopback with a relay in front of each; the watchers reach
 // them through the relays, writers directly.
@@ -290,7 +297,7 @@ protected:
 
 TEST_F(ScheduleTest, RandomFaultsOfOneServerAndChurnKeepEveryViewExact) {
     RunSchedules(Servers(1), {Step::ResetRelay, Step::ShortFreeze, Step::LongFreeze, Step::RestartServer, Step::Expire,
-                              Step::Churn, Step::Recreate, Step::ResetWhileReading, Step::ChangeAll}, 3);
+                              Step::Churn, Step::Recreate, Step::ResetWhileReading, Step::ChangeAll}, kRuns);
 }
 
 TEST_F(ScheduleTest, RandomFaultsOfAnEnsembleAndChurnKeepEveryViewExact) {
@@ -314,7 +321,7 @@ TEST_F(ScheduleTest, AConnectionLostDuringTheInitialReadReportsEachChangeOnce) {
 TEST_F(ScheduleTest, ARestartWithMoreWatchesThanOneRequestHoldsKeepsTheViewExact) {
     const char* size = std::getenv("FERROW_SCHEDULE_PRELOAD");
     Cluster& cluster = Servers(1);
-    Schedule schedule(Open(cluster, seconds(30)), cluster, 1, size ? std::atoi(size) : 10000);
+    Schedule schedule(Open(cluster, seconds(30)), cluster, 1, size ? std::atoi(size) : kRestartPreload);
     schedule.ExpectQuiet("after the first read");
     schedule.Run(Step::RestartServer);
     schedule.ExpectQuiet("after the restart");
