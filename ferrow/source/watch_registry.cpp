@@ -353,7 +353,7 @@ void ZooKeeperConnection::OnClientWatchEvent(zhandle_t*, int type, int state, co
     session.PushEvent(std::move(watch), std::move(owner), type, state, String(path ? path : ""));
 }
 
-std::shared_ptr<Connection::WatchContext> ZooKeeperConnection::Settle(Session& session, WatchRecord* record, int& rc,
+std::shared_ptr<Connection::WatchContext> ZooKeeperConnection::Settle(Session& session, WatchRecord* record, int rc,
                                                                      std::int64_t zxid,
                                                                      std::weak_ptr<WatchContext>& owner,
                                                                      String& gonePath) {
@@ -363,21 +363,17 @@ std::shared_ptr<Connection::WatchContext> ZooKeeperConnection::Settle(Session& s
     bool withdraw = false;
     {
         std::lock_guard<std::mutex> lock(session.m_watchMtx);
-        const bool wanted = record->m_ctx != nullptr;
         owner = record->m_owner;
         if (rc == ZOK) {
             record->m_state = WatchRecord::State::kArmed;
             record->m_zxid = zxid;
-            withdraw = !wanted;  // let go while its read was in flight
+            withdraw = !record->m_ctx;  // let go while its read was in flight
         } else {
             // The client registers the watch only when the read succeeds.
             unused = std::move(record->m_ctx);
-            if (rc == ZNONODE && wanted) gonePath.assign(record->PathView());
+            if (rc == ZNONODE) gonePath.assign(record->PathView());
             freed = session.TakeWatchLocked(record);
         }
-        // Its owner let the watch go before the answer came: it has asked
-        // again since, or wants nothing more. The answer is news to nobody.
-        if (!wanted) rc = ZCLOSING;
     }
     if (withdraw) session.m_conn.RequestMaintenance(session.m_generation);
     return unused;

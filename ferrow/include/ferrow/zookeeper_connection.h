@@ -290,11 +290,10 @@ private:
     static void FailRead(const void* data, int rc);
     // Records the outcome of the read that registers `record` (null for a
     // read without watch): armed at `zxid`, or freed when the read failed.
-    // `rc` becomes ZCLOSING when the handle let the watch go already;
     // `owner` is the handle's share, and `gonePath` the node's path when the
-    // node is gone and its watch must be reported deleted. Returns the
+    // node is gone and its watch is to be reported deleted. Returns the
     // context of a freed record, to be released on the delivery thread.
-    static std::shared_ptr<WatchContext> Settle(Session& session, WatchRecord* record, int& rc, std::int64_t zxid,
+    static std::shared_ptr<WatchContext> Settle(Session& session, WatchRecord* record, int rc, std::int64_t zxid,
                                                 std::weak_ptr<WatchContext>& owner, String& gonePath);
     static void OnRearmData(int rc, const char* value, int len, const Stat* stat, const void* data);
     static void OnRearmChildren(int rc, const String_vector* strings, const Stat* stat, const void* data);
