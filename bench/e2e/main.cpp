@@ -20,6 +20,7 @@
 
 #include "bench_support.h"
 #include "child.h"
+#include "delay_relay.h"
 #include "tests/support/zk_server.h"
 
 extern char** environ;
@@ -42,12 +43,16 @@ const char* const kUsage =
     "  --joins J          instances joining in the churn (default 500)\n"
     "  --resolution-delay MS  the baseline calls zoo_set_servers_resolution_delay(MS)\n"
     "                     (default: the client's default, as the library runs)\n"
+    "  --delay-ms D       the measured clients reach the server through a relay that\n"
+    "                     holds every byte D ms each way (a round trip of 2D ms)\n"
     "  --cache            also measure the library's cache (ServiceCache), which keeps\n"
     "                     the records itself, and the baseline keeping node bytes (raw)\n"
     "  --smoke            tiny run: sizes 20, 5 updates, 10 joins, 1 rep, no warm-up\n";
 
 struct Options {
     std::string zk;
+    int delayMs = 0;
+    std::string clientZk;  // the measured clients' way to the server: zk, or the relay
     size_t reps = 5;
     size_t warmup = 1;
     std::vector<size_t> sizes{1000, 10000};
@@ -79,6 +84,8 @@ Options ParseOptions(int argc, char** argv) {
             options.clients = {"ferrow", "cache", "baseline", "raw"};
         } else if (arg == "--zk") {
             options.zk = value();
+        } else if (arg == "--delay-ms") {
+            options.delayMs = std::stoi(value());
         } else if (arg == "--reps") {
             options.reps = std::stoul(value());
         } else if (arg == "--warmup") {
@@ -255,7 +262,7 @@ void Populate(ZkWriter& writer, const std::string& service, size_t have, size_t 
 std::vector<std::string> ChildArgs(const char* mode, const std::string& client, const Options& options,
                                    const std::string& service, size_t n) {
     std::vector<std::string> args{"--child", mode,    "--client", client,           "--zk",
-                                  options.zk, "--service", service, "--n", std::to_string(n)};
+                                  options.clientZk, "--service", service, "--n", std::to_string(n)};
     if (client == "baseline" && !options.resolutionDelay.empty()) {
         args.push_back("--resolution-delay");
         args.push_back(options.resolutionDelay);
@@ -345,10 +352,21 @@ int Run(int argc, char** argv) {
         server->Start(std::chrono::seconds(60));
         options.zk = server->ConnectString();
     }
+    options.clientZk = options.zk;
+    std::unique_ptr<DelayRelay> relay;
+    if (options.delayMs > 0) {
+        const size_t colon = options.zk.rfind(':');
+        if (colon == std::string::npos || options.zk.find(',') != std::string::npos) {
+            throw std::runtime_error("--delay-ms needs one HOST:PORT server");
+        }
+        relay = std::make_unique<DelayRelay>(std::stoi(options.zk.substr(colon + 1)),
+                                             std::chrono::milliseconds(options.delayMs));
+        options.clientZk = relay->ConnectString();
+    }
     ZkWriter writer(options.zk);
     writer.RemoveTree(ServicePath("bench"));
-    std::printf("# ZooKeeper %s; record envelope %zu bytes; %zu reps, alternating order\n", options.zk.c_str(),
-                EncodeEnvelope(MakeRecord(123456, 0)).size(), options.reps);
+    std::printf("# ZooKeeper %s; record envelope %zu bytes; %zu reps, alternating order; %d ms each way\n",
+                options.zk.c_str(), EncodeEnvelope(MakeRecord(123456, 0)).size(), options.reps, options.delayMs);
     Results results;
     MeasureSync(options, writer, results);
     MeasureChurn(options, writer, results);

@@ -3,6 +3,7 @@
 
 #include "ferrow/zookeeper_connection.h"
 
+#include <chrono>
 #include <utility>
 
 #include "connection_session.h"
@@ -116,21 +117,30 @@ std::vector<String> ToNames(const String_vector* strings) {
 // event, and a new session follows; the request is not the caller's error.
 int ZooKeeperConnection::ResultCode(int rc) { return rc == ZSESSIONEXPIRED ? ZCLOSING : rc; }
 
+void ZooKeeperConnection::ReadAnswered(const AsyncRequest& request) {
+    const auto roundTrip = std::chrono::steady_clock::now() - request.m_issuedAt;
+    Session& session = *request.m_session;
+    std::lock_guard<std::mutex> lock(session.m_readMtx);
+    session.m_window.Answered(roundTrip, !session.m_waitingReads.empty());
+}
+
 void ZooKeeperConnection::OnClientData(int clientRc, const char* value, int len, const Stat* stat, const void* data) {
     Session& session = *static_cast<const AsyncRequest*>(data)->m_session;
-    DeliverData(clientRc, value, len, stat, data);
+    ReadAnswered(*static_cast<const AsyncRequest*>(data));
+    DeliverData(clientRc, value, len, stat, data, true);
     IssueWaiting(session);
 }
 
 void ZooKeeperConnection::OnClientChildren(int clientRc, const String_vector* strings, const Stat* stat,
                                            const void* data) {
     Session& session = *static_cast<const AsyncRequest*>(data)->m_session;
-    DeliverChildren(clientRc, strings, stat, data);
+    ReadAnswered(*static_cast<const AsyncRequest*>(data));
+    DeliverChildren(clientRc, strings, stat, data, true);
     IssueWaiting(session);
 }
 
 template <typename Deliver>
-void ZooKeeperConnection::QueueAnswer(std::unique_ptr<AsyncRequest> request, int rc, std::int64_t zxid,
+void ZooKeeperConnection::QueueAnswer(std::unique_ptr<AsyncRequest> request, int rc, std::int64_t zxid, bool counted,
                                       Deliver deliver) {
     Session& session = *request->m_session;
     const bool watched = request->m_record != nullptr;
@@ -140,14 +150,21 @@ void ZooKeeperConnection::QueueAnswer(std::unique_ptr<AsyncRequest> request, int
     // A watch on a node that is gone will never fire: reported deleted right
     // after the answer, so that its owner does not keep it for ever.
     std::shared_ptr<WatchContext> gone = gonePath.empty() ? nullptr : unused;
+    // The connection is alive while an item runs (its destructor stops the
+    // queue and joins the thread), but may be destroyed by the owner's
+    // callback: the window learns of the delivery first.
+    ZooKeeperConnection* conn = counted ? &session.m_conn : nullptr;
     session.m_conn.m_queue->Push(session.m_generation, true,
-                                 [deliver = std::move(deliver), unused = std::move(unused), watched, owner, rc]() mutable {
+                                 [deliver = std::move(deliver), unused = std::move(unused), watched, owner, rc, conn,
+                                  generation = session.m_generation]() mutable {
+                                     if (conn) conn->ReadDelivered(generation);
                                      deliver(watched && owner.expired() ? ZCLOSING : rc);
                                  });
     if (gone) session.PushEvent(std::move(gone), std::move(owner), ZOO_DELETED_EVENT, ZOO_CONNECTED_STATE, std::move(gonePath));
 }
 
-void ZooKeeperConnection::DeliverData(int clientRc, const char* value, int len, const Stat* stat, const void* data) {
+void ZooKeeperConnection::DeliverData(int clientRc, const char* value, int len, const Stat* stat, const void* data,
+                                      bool counted) {
     std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
     request->m_session->m_outstanding.Remove(data);
     const int rc = ResultCode(clientRc);
@@ -155,7 +172,7 @@ void ZooKeeperConnection::DeliverData(int clientRc, const char* value, int len, 
     const bool hasStat = stat != nullptr;
     const Stat copy = hasStat ? *stat : Stat{};
     DataResult result = std::move(std::get<DataResult>(request->m_result));
-    QueueAnswer(std::move(request), rc, hasStat ? stat->mzxid : 0,
+    QueueAnswer(std::move(request), rc, hasStat ? stat->mzxid : 0, counted,
                 [result = std::move(result), bytes = std::move(bytes), hasStat, copy](int answer) mutable {
                     const bool ok = answer == ZOK;
                     result(answer, ok ? std::move(bytes) : String(), ok && hasStat ? &copy : nullptr);
@@ -163,12 +180,12 @@ void ZooKeeperConnection::DeliverData(int clientRc, const char* value, int len, 
 }
 
 void ZooKeeperConnection::DeliverChildren(int clientRc, const String_vector* strings, const Stat* stat,
-                                          const void* data) {
+                                          const void* data, bool counted) {
     std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest*>(const_cast<void*>(data)));
     request->m_session->m_outstanding.Remove(data);
     const int rc = ResultCode(clientRc);
     ChildrenResult result = std::move(std::get<ChildrenResult>(request->m_result));
-    QueueAnswer(std::move(request), rc, stat != nullptr ? stat->pzxid : 0,
+    QueueAnswer(std::move(request), rc, stat != nullptr ? stat->pzxid : 0, counted,
                 [result = std::move(result), names = rc == ZOK ? ToNames(strings) : std::vector<String>()](int answer) mutable {
                     result(answer, answer == ZOK ? std::move(names) : std::vector<String>());
                 });
@@ -200,6 +217,7 @@ int ZooKeeperConnection::RunSync(const std::shared_ptr<SyncCall>& call, Issue&& 
 
 int ZooKeeperConnection::IssueRead(zhandle_t* zh, const char* path, AsyncRequest* request) {
     WatchRecord* record = request->m_record;
+    request->m_issuedAt = std::chrono::steady_clock::now();
     if (std::holds_alternative<ChildrenResult>(request->m_result)) {
         return record ? zoo_awget_children2(zh, path, &OnClientWatchEvent, record, &OnClientChildren, request)
                       : zoo_aget_children2(zh, path, 0, &OnClientChildren, request);
@@ -210,9 +228,9 @@ int ZooKeeperConnection::IssueRead(zhandle_t* zh, const char* path, AsyncRequest
 
 void ZooKeeperConnection::FailRead(const void* data, int rc) {
     if (std::holds_alternative<ChildrenResult>(static_cast<const AsyncRequest*>(data)->m_result)) {
-        DeliverChildren(rc, nullptr, nullptr, data);
+        DeliverChildren(rc, nullptr, nullptr, data, false);
     } else {
-        DeliverData(rc, nullptr, 0, nullptr, data);
+        DeliverData(rc, nullptr, 0, nullptr, data, false);
     }
 }
 
@@ -222,14 +240,13 @@ void ZooKeeperConnection::IssueWaiting(Session& session) {
     std::vector<std::pair<AsyncRequest*, int>> refused;
     {
         std::lock_guard<std::mutex> lock(session.m_readMtx);
-        --session.m_readsInFlight;  // only reads handed to the client come here
-        if (session.m_closing) return;
-        while (!session.m_waitingReads.empty() && session.HasReadRoomLocked()) {
+        if (session.m_closing || !session.m_window.MayRefill(session.m_waitingReads.size())) return;
+        while (!session.m_waitingReads.empty() && session.m_window.MayIssue()) {
             AsyncRequest* next = session.m_waitingReads.front();
             session.m_waitingReads.pop_front();
             const int rc = IssueRead(session.m_zh, next->m_path.c_str(), next);
             if (rc == ZOK) {
-                ++session.m_readsInFlight;
+                session.m_window.Issued();
             } else {
                 // Accepted earlier, refused now: the session is over (expired
                 // or closing), and the read dies with it.
@@ -269,9 +286,9 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String pat
         // Issued now only when no read waits: the client answers in the order
         // it is given requests, and the waiting ones were asked for first.
         std::lock_guard<std::mutex> readLock(session.m_readMtx);
-        if (session.m_waitingReads.empty() && session.HasReadRoomLocked()) {
+        if (session.m_waitingReads.empty() && session.m_window.MayIssue()) {
             rc = IssueRead(session.m_zh, path.c_str(), raw);
-            if (rc == ZOK) ++session.m_readsInFlight;
+            if (rc == ZOK) session.m_window.Issued();
         } else {
             raw->m_path = std::move(path);
             session.m_waitingReads.push_back(raw);
@@ -285,6 +302,19 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String pat
         return {rc, WatchHandle()};
     }
     return {ZOK, share ? MakeWatchHandle(std::move(share)) : WatchHandle()};
+}
+
+ZooKeeperConnection::ReadCounts ZooKeeperConnection::Reads() const {
+    ReadCounts counts;
+    std::shared_lock<std::shared_mutex> sessionLock(m_sessionMtx);
+    if (!m_session) return counts;
+    std::lock_guard<std::mutex> lock(m_session->m_readMtx);
+    const details::ReadWindow& window = m_session->m_window;
+    counts.onWire = window.OnWire();
+    counts.answersWaiting = window.AnswersWaiting();
+    counts.waiting = m_session->m_waitingReads.size();
+    counts.window = window.Window();
+    return counts;
 }
 
 std::pair<int, Connection::WatchHandle> ZooKeeperConnection::AsyncGet(String path, WatchFunction watch,

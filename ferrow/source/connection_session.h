@@ -7,6 +7,7 @@
 // the watches.
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -16,6 +17,7 @@
 #include <variant>
 
 #include "ferrow/zookeeper_connection.h"
+#include "read_window.h"
 
 namespace jx {
 namespace ferrow {
@@ -128,7 +130,9 @@ private:
 // One client handle and the watch records registered through it. Outlives
 // the handle: it is destroyed only after zookeeper_close returned.
 struct ZooKeeperConnection::Session {
-    Session(ZooKeeperConnection& conn, std::uint64_t generation) : m_conn(conn), m_generation(generation) {}
+    Session(ZooKeeperConnection& conn, std::uint64_t generation)
+        : m_conn(conn), m_generation(generation),
+          m_window(conn.m_options.readWindow, conn.m_options.answersWaiting) {}
 
     // Adds a record in state kReading.
     WatchRecord* AddWatch(std::shared_ptr<WatchContext> ctx, std::string_view path, bool child);
@@ -136,11 +140,6 @@ struct ZooKeeperConnection::Session {
     std::unique_ptr<WatchRecord> TakeWatch(WatchRecord* record);
     // As TakeWatch; requires m_watchMtx held.
     std::unique_ptr<WatchRecord> TakeWatchLocked(WatchRecord* record);
-    // Whether one more read may go to the client now; requires m_readMtx.
-    bool HasReadRoomLocked() const {
-        const size_t limit = m_conn.m_options.readsInFlight;
-        return limit == 0 || m_readsInFlight < limit;
-    }
     // Queues a watch event for `watch`, delivered only if its handle, whose
     // share is `owner`, still holds the watch then.
     void PushEvent(std::shared_ptr<WatchContext> watch, std::weak_ptr<WatchContext> owner, int type, int state,
@@ -162,12 +161,12 @@ struct ZooKeeperConnection::Session {
     std::unordered_map<WatchRecord*, std::unique_ptr<WatchRecord>> m_watches;  // guarded by m_watchMtx
     size_t m_resetBytes = 0;  // guarded by m_watchMtx: estimate over m_watches
     details::Outstanding m_outstanding;
-    // Reads handed to the client and not answered yet, and the reads
-    // waiting for their turn in the order they were asked for. A leaf lock
-    // but for the client's own, which issuing takes under it.
+    // The room for reads (see ReadWindow), and the reads waiting for it in
+    // the order they were asked for. A leaf lock but for the client's own,
+    // which issuing takes under it.
     std::mutex m_readMtx;
     std::deque<AsyncRequest*> m_waitingReads;  // guarded by m_readMtx; owned through m_outstanding
-    size_t m_readsInFlight = 0;                // guarded by m_readMtx
+    details::ReadWindow m_window;              // guarded by m_readMtx
     // Set before the handle is closed: nothing is issued any more, and the
     // waiting reads are completed with the leftovers of m_outstanding.
     bool m_closing = false;  // guarded by m_readMtx
@@ -180,6 +179,7 @@ struct ZooKeeperConnection::AsyncRequest {
     WatchRecord* m_record = nullptr;
     std::variant<DataResult, ChildrenResult> m_result;
     String m_path;  // only while it waits for its turn
+    std::chrono::steady_clock::time_point m_issuedAt;  // when the client was handed it
 };
 
 }  // namespace ferrow

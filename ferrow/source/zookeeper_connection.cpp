@@ -170,21 +170,27 @@ void ZooKeeperConnection::CloseSession(std::unique_ptr<Session> session) {
 void ZooKeeperConnection::RunSessionThread() {
     std::unique_lock<std::mutex> lock(m_renewMtx);
     for (;;) {
-        m_renewCv.wait(lock, [this] { return m_stopping || m_renewGeneration != 0 || m_maintainGeneration != 0; });
+        m_renewCv.wait(lock, [this] {
+            return m_stopping || m_renewGeneration != 0 || m_maintainGeneration != 0 || m_issueGeneration != 0;
+        });
         if (m_stopping) return;
         const std::uint64_t expired = std::exchange(m_renewGeneration, 0);
         const std::uint64_t maintain = std::exchange(m_maintainGeneration, 0);
+        const std::uint64_t issue = std::exchange(m_issueGeneration, 0);
         lock.unlock();
 
+        // Only this thread replaces m_session (the destructor joins it
+        // first), so the session stays valid here without the lock.
+        Session* current = nullptr;
+        {
+            std::shared_lock<std::shared_mutex> sessionLock(m_sessionMtx);
+            current = m_session.get();
+        }
+        // First the reads, which take a moment, then the watches, which may
+        // take many.
+        if (current && current->m_generation == issue) IssueWaiting(*current);
         if (expired == 0) {
-            // Only this thread replaces m_session (the destructor joins it
-            // first), so the session stays valid here without the lock.
-            Session* current = nullptr;
-            {
-                std::shared_lock<std::shared_mutex> sessionLock(m_sessionMtx);
-                if (m_session && m_session->m_generation == maintain) current = m_session.get();
-            }
-            if (current) MaintainWatches(*current);
+            if (current && current->m_generation == maintain) MaintainWatches(*current);
             lock.lock();
             continue;
         }
@@ -218,6 +224,26 @@ void ZooKeeperConnection::RequestMaintenance(std::uint64_t generation) {
         m_maintainGeneration = generation;
     }
     m_renewCv.notify_all();
+}
+
+void ZooKeeperConnection::RequestIssue(std::uint64_t generation) {
+    {
+        std::lock_guard<std::mutex> lock(m_renewMtx);
+        m_issueGeneration = generation;
+    }
+    m_renewCv.notify_all();
+}
+
+void ZooKeeperConnection::ReadDelivered(std::uint64_t generation) {
+    bool resume = false;
+    {
+        std::shared_lock<std::shared_mutex> sessionLock(m_sessionMtx);
+        // The window of a closed session went with it.
+        if (!m_session || m_session->m_generation != generation) return;
+        std::lock_guard<std::mutex> lock(m_session->m_readMtx);
+        resume = m_session->m_window.Delivered();
+    }
+    if (resume) RequestIssue(generation);
 }
 
 void ZooKeeperConnection::DeliverSessionEvent(std::uint64_t generation, int type, int state,

@@ -115,7 +115,7 @@ TEST_F(ConnectionTest, NoCallbackRunsAfterDestructionAndTheLastReferenceMayDieOn
 TEST_F(ConnectionTest, ReadsWaitingWhenTheSessionExpiresCompleteClosing) {
     testing::Relay relay(s_server->ClientPort());
     ConnectionOptions options{relay.ConnectString(), std::chrono::seconds(4), ""};
-    options.readsInFlight = 1;
+    options.readWindow = 1;
     const auto expiring = ZooKeeperConnection::Open(options);
     ASSERT_TRUE(expiring->WaitConnected(kDeadline));
     relay.Blackhole();
@@ -137,20 +137,33 @@ TEST_F(ConnectionTest, ReadsWaitingWhenTheSessionExpiresCompleteClosing) {
     for (const int rc : codes) EXPECT_TRUE(rc == ZCLOSING || rc == ZCONNECTIONLOSS) << zerror(rc);
 }
 
-// Reads beyond the connection's limit in flight wait in it and are issued
-// as answers arrive, still answered in the order they were asked for; reads
-// waiting when the connection is destroyed are dropped without a callback.
-TEST_F(ConnectionTest, ReadsBeyondTheLimitInFlightWaitAndKeepTheirOrder) {
+// Reads beyond the connection's window wait in it and are issued as answers
+// arrive, or, once 2 answers wait for delivery, as they are delivered; they
+// are still answered in the order they were asked for. Reads waiting when
+// the connection is destroyed are dropped without a callback.
+TEST_F(ConnectionTest, ReadsBeyondTheWindowWaitAndKeepTheirOrder) {
     ConnectionOptions options{s_server->ConnectString(), std::chrono::seconds(10), ""};
-    options.readsInFlight = 4;
+    options.readWindow = 4;
+    options.answersWaiting = 2;
     auto limited = ZooKeeperConnection::Open(options);
     ASSERT_TRUE(limited->WaitConnected(kDeadline));
     const size_t baseline = limited->PendingWatchCount();
     std::mutex mtx;
     std::vector<int> answered;  // guarded by mtx
     std::vector<Connection::WatchHandle> handles;
+    // The first answer is held until answers have piled up and stopped
+    // the reads, none left on the wire: only deliveries can start them again.
+    std::promise<void> asked;
+    std::shared_future<void> allAsked = asked.get_future().share();
     for (int i = 0; i < 200; ++i) {
-        auto result = [&, i](int rc, String, const Stat*) {
+        auto result = [&, i, allAsked](int rc, String, const Stat*) {
+            if (i == 0) {
+                allAsked.wait();
+                EXPECT_TRUE(PollUntil([&] {
+                    const ZooKeeperConnection::ReadCounts reads = limited->Reads();
+                    return reads.onWire == 0 && reads.waiting > 0 && reads.answersWaiting >= 2;
+                }, kDeadline));
+            }
             std::lock_guard<std::mutex> lock(mtx);
             answered.push_back(rc == ZOK ? i : -1);
         };
@@ -159,6 +172,7 @@ TEST_F(ConnectionTest, ReadsBeyondTheLimitInFlightWaitAndKeepTheirOrder) {
         ASSERT_EQ(ZOK, watched.first);
         handles.push_back(std::move(watched.second));
     }
+    asked.set_value();
     Flush(*limited);
     std::vector<int> expected(200);
     for (int i = 0; i < 200; ++i) expected[static_cast<size_t>(i)] = i;

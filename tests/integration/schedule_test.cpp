@@ -253,9 +253,11 @@ protected:
         return *cluster;
     }
     static std::shared_ptr<ZooKeeperConnection> Open(const Cluster& cluster, milliseconds session = kSession,
-                                                    size_t readsInFlight = kDefaultReadsInFlight) {
+                                                    size_t readWindow = kDefaultReadWindow,
+                                                    size_t answersWaiting = kDefaultAnswersWaiting) {
         ConnectionOptions options{cluster.relayed, session, ""};
-        options.readsInFlight = readsInFlight;
+        options.readWindow = readWindow;
+        options.answersWaiting = answersWaiting;
         auto conn = ZooKeeperConnection::Open(options);
         EXPECT_TRUE(conn->WaitConnected(seconds(30)));
         return conn;
@@ -267,9 +269,10 @@ protected:
         const char* soak = std::getenv("FERROW_SCHEDULE_SECONDS");
         const auto until = std::chrono::steady_clock::now() + seconds(soak ? std::atol(soak) : 0);
         std::random_device entropy;
-        // A small read window: a new watcher's reads take longer, so that
-        // churn and faults meet them.
-        const auto conn = Open(cluster, kSession, 16);
+        // A small read window, and issuing stopped while 16 answers wait for
+        // delivery: a new watcher's reads take longer, so that churn and
+        // faults meet them, and meet reads held back for either reason.
+        const auto conn = Open(cluster, kSession, 16, 16);
         for (int run = 0; replay ? run < 1 : soak ? std::chrono::steady_clock::now() < until : run < runs; ++run) {
             const std::uint32_t seed = replay ? static_cast<std::uint32_t>(std::strtoul(replay, nullptr, 10)) : entropy();
             std::mt19937 draw(seed);

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "read_window.h"
 #include "tests/support/fake_connection.h"
 #include "tests/support/support.h"
 
@@ -116,6 +117,41 @@ TEST(WatchHandleTest, CancelInsideTheWatchRunsTheLastCompletionAfterItAndMoveAss
     Access::InvokeWatch(*ctx, ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, "/a");
     Access::InvokeWatch(*ctx, ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, "/b");
     EXPECT_EQ(journal, (std::vector<std::string>{"/older", "/a", "returns", "completion"}));
+}
+
+// The reads on the wire follow the distance, not the server's queue: the
+// window doubles every round trip while answers find no queue ahead, and
+// stays at its floor while they do; issuing stops while the answers limit is
+// reached and resumes once half of them are delivered.
+TEST(ReadWindowTest, GrowsWithTheRoundTripNotWithAQueueAndStopsAtTheAnswersLimit) {
+    using std::chrono::microseconds;
+    auto roundTrips = [](ferrow::details::ReadWindow& window, int trips, microseconds first, microseconds others) {
+        for (int trip = 0; trip < trips; ++trip) {
+            const size_t size = window.Window();
+            for (size_t i = 0; i < size; ++i) {
+                ASSERT_TRUE(window.MayIssue());
+                window.Issued();
+            }
+            for (size_t i = 0; i < size; ++i) {
+                window.Answered(trip == 0 && i == 0 ? first : others, true);
+                window.Delivered();
+            }
+        }
+    };
+    ferrow::details::ReadWindow far(128, 1024);
+    roundTrips(far, 3, microseconds(20000), microseconds(20100));
+    EXPECT_EQ(far.Window(), 1024u);
+    ferrow::details::ReadWindow near(128, 1024);
+    roundTrips(near, 3, microseconds(100), microseconds(3000));
+    EXPECT_EQ(near.Window(), 128u + 1) << "grown by the first answer alone, which found no queue";
+
+    ferrow::details::ReadWindow slow(4, 2);
+    for (int i = 0; i < 4; ++i) slow.Issued();
+    slow.Answered(microseconds(100), false);
+    slow.Answered(microseconds(100), false);
+    EXPECT_FALSE(slow.MayIssue());
+    EXPECT_TRUE(slow.Delivered());
+    EXPECT_TRUE(slow.MayIssue());
 }
 
 }  // namespace

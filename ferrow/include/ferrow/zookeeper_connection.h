@@ -14,7 +14,8 @@
 //    synchronous ones included, and may drop the last reference to it;
 //  - the session thread, which replaces an expired session, moves watches
 //    in and out of the client around a reconnection and withdraws cancelled
-//    ones (see below).
+//    ones (see below), and issues the reads held back while too many
+//    answers waited for delivery (ConnectionOptions::answersWaiting).
 //
 // Session expiry. The observers receive the expired session event; the
 // connection then closes that session and opens a new one with the same
@@ -22,7 +23,7 @@
 // old session are dropped once the new one exists; result callbacks are
 // always delivered, exactly once, for every request accepted with ZOK. A
 // request that dies with its session (expired or closed), including a read
-// still waiting for its turn (ConnectionOptions::readsInFlight), completes
+// still waiting for its turn (ConnectionOptions::readWindow), completes
 // with ZCLOSING, never ZSESSIONEXPIRED or ZINVALIDSTATE: the expiry is the
 // session event's news.
 // While no session is usable, requests fail at once with ZINVALIDSTATE.
@@ -96,7 +97,8 @@ namespace ferrow {
 // Half the server's default request limit (jute.maxbuffer, 1 MiB), leaving
 // room for servers that count differently.
 inline constexpr size_t kDefaultResetRequestLimit = 512 * 1024;
-inline constexpr size_t kDefaultReadsInFlight = 128;
+inline constexpr size_t kDefaultReadWindow = 1024;
+inline constexpr size_t kDefaultAnswersWaiting = 1024;
 
 struct ConnectionOptions {
     // host:port[,host:port...][/chroot]
@@ -112,16 +114,24 @@ struct ConnectionOptions {
     // Reconnection above). The default suits the server's default request
     // limit; a server with a smaller jute.maxbuffer needs a smaller one.
     size_t resetRequestLimit = kDefaultResetRequestLimit;
-    // Asynchronous reads handed to the client at a time. More wait in the
-    // connection and are issued, in the order asked for, by the client's
-    // completion thread as answers arrive. A watcher that lists a large
-    // service asks for a read of every instance at once; the client's own
-    // bookkeeping of those reads is then made off the caller's thread, a
-    // few at a time, instead of between the caller's long-lived
-    // allocations. The default keeps about 128 reads per round trip on
-    // the wire: more than a server answers on a local network; raise it
-    // for a server tens of milliseconds away. 0: no limit.
-    size_t readsInFlight = kDefaultReadsInFlight;
+    // How many asynchronous reads the connection hands the client at a
+    // time; the others wait in the connection and are issued in the order
+    // they were asked for, so answers still come in that order. A watcher
+    // that lists a large service asks for a read of every instance at once.
+    //
+    // The reads on the wire start at readWindow and, while more wait, grow
+    // by one per answer that found no queue ahead of it (doubling every
+    // round trip) and shrink back towards readWindow while answers show one:
+    // a server far away gets as many as its round trip needs, up to 16,384,
+    // and one nearby no more than it answers. Reads held back go out in
+    // batches of an eighth of the window, so that the client sends many per
+    // write. 0: every read at once.
+    size_t readWindow = kDefaultReadWindow;
+    // Answers that may wait for the delivery thread before the connection
+    // stops issuing reads; it resumes once half of them are delivered. This
+    // bounds what a sync holds in memory when its observers are slower than
+    // the server, whatever the distance. 0: no limit.
+    size_t answersWaiting = kDefaultAnswersWaiting;
 };
 
 // One entry of a node's access list. `perms` is a set of ZOO_PERM_* bits.
@@ -170,6 +180,17 @@ public:
     // delivered, its read fails, its withdrawal after a cancellation is done
     // or its session is closed. For diagnostics and tests.
     size_t PendingWatchCount() const;
+
+    // The current session's asynchronous reads (see
+    // ConnectionOptions::readWindow), for diagnostics and tests: all zero
+    // while no session exists.
+    struct ReadCounts {
+        size_t onWire = 0;          // handed to the client, not answered
+        size_t answersWaiting = 0;  // answered, waiting for the delivery thread
+        size_t waiting = 0;         // waiting for room, not handed to the client yet
+        size_t window = 0;          // the most reads on the wire now
+    };
+    ReadCounts Reads() const;
 
     // A node's access list, and a change of it (`version` -1: any), as
     // synchronous requests with the result code of the others below.
@@ -222,6 +243,15 @@ private:
     void RequestRenewal(std::uint64_t generation);
     // Asks the session thread to run MaintainWatches for `generation`.
     void RequestMaintenance(std::uint64_t generation);
+    // Asks the session thread to issue the waiting reads of `generation`:
+    // issuing stopped for the answers waiting, and room has opened since.
+    // Issued there, not on the delivery thread, so that the client's
+    // bookkeeping of a read is never allocated between its owner's.
+    void RequestIssue(std::uint64_t generation);
+    // On the delivery thread, before the owner's result callback runs: an
+    // answer of session `generation` that the window counted has left the
+    // queue.
+    void ReadDelivered(std::uint64_t generation);
 
     // On the session thread, for the current session. While the client is
     // reconnecting and its watches would overflow the reset request, takes
@@ -260,15 +290,18 @@ private:
 
     // Registers a watch record (a child watch with `child`, a data watch
     // otherwise) and issues the read, or queues it behind the reads already
-    // waiting (see ConnectionOptions::readsInFlight); undoes both when the
+    // waiting (see ConnectionOptions::readWindow); undoes both when the
     // client refuses the read.
     std::pair<int, WatchHandle> RunAsync(String path, bool child, WatchFunction watch,
                                          std::unique_ptr<AsyncRequest> request) const;
     // Hands `request` to the client; returns the client's code.
     static int IssueRead(zhandle_t* zh, const char* path, AsyncRequest* request);
-    // One read of `session` was answered: issues waiting reads, in order,
-    // while fewer than the limit are in flight.
+    // Issues waiting reads of `session`, in order, while its window has
+    // room. On the client's completion thread after an answer, and on the
+    // session thread when asked.
     static void IssueWaiting(Session& session);
+    // On the client's completion thread: counts the answer of `request`.
+    static void ReadAnswered(const AsyncRequest& request);
 
     // The C client's callbacks.
     static void OnClientSessionEvent(zhandle_t* zh, int type, int state, const char* path, void* ctx);
@@ -279,12 +312,16 @@ private:
     // Settles the watch of `request` and queues its answer: `deliver(rc)`
     // runs on the delivery thread with the code the owner receives
     // (ZCLOSING once its handle let the watch go), followed by
-    // ZOO_DELETED_EVENT for a watch whose node was found gone.
+    // ZOO_DELETED_EVENT for a watch whose node was found gone. `counted`:
+    // an answer the window counted (ReadAnswered), reported delivered.
     template <typename Deliver>
-    static void QueueAnswer(std::unique_ptr<AsyncRequest> request, int rc, std::int64_t zxid, Deliver deliver);
+    static void QueueAnswer(std::unique_ptr<AsyncRequest> request, int rc, std::int64_t zxid, bool counted,
+                            Deliver deliver);
     // The result of a read, queued for delivery; the request is freed.
-    static void DeliverData(int clientRc, const char* value, int len, const Stat* stat, const void* data);
-    static void DeliverChildren(int clientRc, const String_vector* strings, const Stat* stat, const void* data);
+    static void DeliverData(int clientRc, const char* value, int len, const Stat* stat, const void* data,
+                            bool counted);
+    static void DeliverChildren(int clientRc, const String_vector* strings, const Stat* stat, const void* data,
+                                bool counted);
     // Completes a read the client never answered with `rc`, issuing nothing
     // further.
     static void FailRead(const void* data, int rc);
@@ -326,10 +363,11 @@ private:
     mutable std::mutex m_stateMtx;
     mutable std::condition_variable m_stateCv;
 
-    std::mutex m_renewMtx;  // guards the three fields below
+    std::mutex m_renewMtx;  // guards the four fields below
     std::condition_variable m_renewCv;
     std::uint64_t m_renewGeneration = 0;     // 0: nothing to renew
     std::uint64_t m_maintainGeneration = 0;  // 0: no watch maintenance asked
+    std::uint64_t m_issueGeneration = 0;     // 0: no reads to issue
     bool m_stopping = false;
     std::thread m_sessionThread;
 };
