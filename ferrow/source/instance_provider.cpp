@@ -112,6 +112,12 @@ std::uint64_t StickyKey(std::uint64_t version, std::size_t index) {
     return (static_cast<std::uint64_t>(index) << 32) | (version & 0xffffffffULL);
 }
 
+std::uint64_t StickyVersion(std::uint64_t key) { return key & 0xffffffffULL; }
+
+// Draws of a random or weighted choice before the instances that are up are
+// counted instead: with half of them down, 1 choice in 256 gets that far.
+constexpr int kDraws = 8;
+
 // The index a sticky key holds for the plan of `version`, or Plan::kNone when
 // it names a choice in another plan.
 std::size_t StickyIndex(std::uint64_t key, std::uint64_t version) {
@@ -132,18 +138,17 @@ InstancePtr InstanceProvider::Choose() {
     Choosing choosing{CurrentSlot()};
     const Plan& plan = *choosing.slot.plan;
     if (m_options.strategy == ChoiceStrategy::kSticky) return ChooseSticky(choosing);
-    const std::size_t index = ChooseIndex(choosing);
+    std::size_t index = ChooseIndex(choosing, false);
+    if (index == Plan::kNone && m_options.whenAllDown == WhenAllDown::kChooseAmongDown) {
+        index = ChooseIndex(choosing, true);
+    }
     return index == Plan::kNone ? nullptr : Hand(choosing.slot, plan.entries[index]);
 }
 
-std::size_t InstanceProvider::ChooseIndex(Choosing& choosing) {
-    // Among the instances that are up, then, if the policy says so, among all.
-    for (const bool evenDown : {false, true}) {
-        if (evenDown && m_options.whenAllDown != WhenAllDown::kChooseAmongDown) break;
-        for (std::size_t group = 0; group < Plan::kGroups; ++group) {
-            const std::size_t index = ChooseIn(choosing, group, evenDown);
-            if (index != Plan::kNone) return index;
-        }
+std::size_t InstanceProvider::ChooseIndex(Choosing& choosing, bool evenDown) {
+    for (std::size_t group = 0; group < Plan::kGroups; ++group) {
+        const std::size_t index = ChooseIn(choosing, group, evenDown);
+        if (index != Plan::kNone) return index;
     }
     return Plan::kNone;
 }
@@ -153,40 +158,81 @@ std::size_t InstanceProvider::ChooseIn(Choosing& choosing, std::size_t group, bo
     const std::size_t begin = plan.groupStart[group];
     const std::size_t count = plan.groupStart[group + 1] - begin;
     if (count == 0) return Plan::kNone;
-    std::size_t start;
+    const auto up = [&](std::size_t index) { return evenDown || !DownNow(plan.entries[index], choosing.now); };
     if (m_options.strategy == ChoiceStrategy::kRoundRobin) {
-        start = choosing.slot.turn++ % count;
-    } else if (m_options.strategy == ChoiceStrategy::kWeighted &&
-               plan.entries[begin + count - 1].cumulativeWeight > 0) {
-        const auto first = plan.entries.begin() + static_cast<std::ptrdiff_t>(begin);
-        const std::uint64_t point = Random() % plan.entries[begin + count - 1].cumulativeWeight;
-        start = static_cast<std::size_t>(
-            std::upper_bound(first, first + static_cast<std::ptrdiff_t>(count), point,
-                             [](std::uint64_t p, const Plan::Entry& e) { return p < e.cumulativeWeight; }) -
-            first);
-    } else {
-        start = Random() % count;
+        // The turn moves only when an instance is chosen, and past every down
+        // instance it skips: each instance that is up gets one turn per
+        // round, and a down one's turn is not handed to its neighbour.
+        const std::uint64_t turn = choosing.slot.turn;
+        for (std::size_t step = 0; step < count; ++step) {
+            const std::size_t index = begin + static_cast<std::size_t>((turn + step) % count);
+            if (!up(index)) continue;
+            choosing.slot.turn = turn + step + 1;
+            return index;
+        }
+        return Plan::kNone;
     }
-    // A down instance passes its turn to the next one.
-    for (std::size_t step = 0; step < count; ++step) {
-        const std::size_t index = begin + (start + step) % count;
-        if (evenDown || !DownNow(plan.entries[index], choosing.now)) return index;
+    // Random, or weighted when the group has weights (only drained groups
+    // have none). A draw that meets a down instance is drawn again, so that
+    // the instances that are up share the load in proportion, as if the
+    // down ones were not there; when most are down, one pass over the group
+    // chooses among the others with the same proportions.
+    const std::uint64_t total = plan.entries[begin + count - 1].cumulativeWeight;
+    const bool weighted = m_options.strategy == ChoiceStrategy::kWeighted && total > 0;
+    const auto weight = [&](std::size_t index) {
+        if (!weighted) return std::uint64_t{1};
+        return plan.entries[index].cumulativeWeight - (index == begin ? 0 : plan.entries[index - 1].cumulativeWeight);
+    };
+    for (int draw = 0; draw < kDraws; ++draw) {
+        std::size_t index = begin + static_cast<std::size_t>(Random() % count);
+        if (weighted) {
+            const auto first = plan.entries.begin() + static_cast<std::ptrdiff_t>(begin);
+            const std::uint64_t point = Random() % total;
+            index = begin + static_cast<std::size_t>(
+                                std::upper_bound(first, first + static_cast<std::ptrdiff_t>(count), point,
+                                                 [](std::uint64_t p, const Plan::Entry& e) { return p < e.cumulativeWeight; }) -
+                                first);
+        }
+        if (up(index)) return index;
     }
-    return Plan::kNone;
+    std::uint64_t upTotal = 0;
+    for (std::size_t index = begin; index < begin + count; ++index) upTotal += up(index) ? weight(index) : 0;
+    if (upTotal == 0) return Plan::kNone;
+    std::uint64_t point = Random() % upTotal;
+    std::size_t last = Plan::kNone;
+    for (std::size_t index = begin; index < begin + count; ++index) {
+        if (!up(index)) continue;
+        // A failure reported meanwhile may leave the point unspent: the
+        // last instance that was up stands.
+        last = index;
+        if (point < weight(index)) return index;
+        point -= weight(index);
+    }
+    return last;
 }
 
 InstancePtr InstanceProvider::ChooseSticky(Choosing& choosing) {
     const Plan& plan = *choosing.slot.plan;
-    const std::size_t held = StickyIndex(m_sticky.load(std::memory_order_acquire), plan.version);
+    std::uint64_t key = m_sticky.load(std::memory_order_acquire);
+    const std::size_t held = StickyIndex(key, plan.version);
     // A drained choice stands only while nothing has a positive weight.
-    if (held < plan.entries.size() && (held < plan.groupStart[2] || plan.groupStart[2] == 0) &&
-        !DownNow(plan.entries[held], choosing.now)) {
-        return Hand(choosing.slot, plan.entries[held]);
+    const bool standing = held < plan.entries.size() && (held < plan.groupStart[2] || plan.groupStart[2] == 0);
+    if (standing && !DownNow(plan.entries[held], choosing.now)) return Hand(choosing.slot, plan.entries[held]);
+    std::size_t index = ChooseIndex(choosing, false);
+    if (index == Plan::kNone && m_options.whenAllDown == WhenAllDown::kChooseAmongDown) {
+        // Every instance is down: the choice stands all the same, or one is
+        // made among the down ones; either way it holds until one is up.
+        index = standing ? held : ChooseIndex(choosing, true);
     }
-    const std::size_t index = ChooseIndex(choosing);
     if (index == Plan::kNone) return nullptr;
-    // Another thread may have chosen meanwhile; the latest choice stands.
-    m_sticky.store(StickyKey(plan.version, index), std::memory_order_release);
+    if (index == held) return Hand(choosing.slot, plan.entries[index]);
+    // Another thread may have chosen meanwhile in this plan: the latest
+    // choice stands. One made in a newer plan is never overwritten from an
+    // older one; this call still gets its own.
+    const std::uint64_t wanted = StickyKey(plan.version, index);
+    while (StickyVersion(key) <= StickyVersion(wanted) &&
+           !m_sticky.compare_exchange_weak(key, wanted, std::memory_order_acq_rel, std::memory_order_acquire)) {
+    }
     return Hand(choosing.slot, plan.entries[index]);
 }
 
@@ -195,12 +241,18 @@ InstanceProvider::ThreadSlot& InstanceProvider::CurrentSlot() {
     ThreadPlans& plans = t_plans;
     for (ThreadPlans::Slot& slot : plans.slots) {
         if (slot.provider != m_id) continue;
+        // A filter that throws leaves the slot with its older plan.
         if (slot.plan->version != version) Refresh(slot);
         return slot;
     }
+    // A slot is taken over only once the plan is built: a filter that
+    // throws leaves every slot of the thread as it was.
+    std::shared_ptr<const Plan> plan = LatestPlan();
+    auto owner = std::make_shared<const PlanOwner>(PlanOwner{plan});
     ThreadPlans::Slot& slot = plans.slots[plans.next++ % ThreadPlans::kSlots];
     slot.provider = m_id;
-    Refresh(slot);
+    slot.owner = std::move(owner);
+    slot.plan = std::move(plan);
     // Threads go round from different places.
     slot.turn = Random() >> 1;
     return slot;

@@ -164,6 +164,64 @@ TEST_F(CacheTest, ProviderChoosesByPreferenceAndSkipsDownInstances) {
     EXPECT_NE(filtered.Choose(), nullptr);
 }
 
+// A down instance's load is shared by the others in proportion, by every
+// strategy; round robin gives each instance one turn per round, down or not;
+// sticky holds its choice while all are down. A filter's exception reaches
+// the caller and leaves the thread's plans as they were.
+TEST_F(CacheTest, DownInstancesShareTheirLoadInProportionAndAThrowingFilterLeavesNothingBehind) {
+    const ServiceId a = g_generate(), b = g_generate(), c = g_generate(), d = g_generate();
+    const auto weighing = [](unsigned weight) {
+        ServiceInstanceData r = MakeRecord(static_cast<int>(weight));
+        r.set_weight(weight);
+        return r;
+    };
+    writer.CreateAll({{a, weighing(1)}, {b, weighing(8)}, {c, weighing(1)}, {d, weighing(2)}});
+    const auto cache = StartCache();
+    const auto shares = [](InstanceProvider& provider, const ServiceId& down, int times) {
+        for (int i = 0; i < 3; ++i) provider.ReportFailure(down);
+        std::map<ServiceId, int> counts;
+        for (int i = 0; i < times; ++i) ++counts[provider.Choose()->Id()];
+        return counts;
+    };
+    InstanceProvider roundRobin(cache, Using(ChoiceStrategy::kRoundRobin));
+    EXPECT_EQ(shares(roundRobin, b, 3000), (std::map<ServiceId, int>{{a, 1000}, {c, 1000}, {d, 1000}}));
+    InstanceProvider random(cache, Using(ChoiceStrategy::kRandom));
+    for (const auto& [id, count] : shares(random, b, 30000)) EXPECT_NEAR(count, 10000, 500);  // six deviations
+    InstanceProvider weighted(cache, Using(ChoiceStrategy::kWeighted));
+    const auto byWeight = shares(weighted, b, 40000);
+    EXPECT_NEAR(byWeight.at(a), 10000, 600);
+    EXPECT_NEAR(byWeight.at(d), 20000, 600);
+
+    ProviderOptions amongDown = Using(ChoiceStrategy::kRoundRobin);
+    amongDown.whenAllDown = WhenAllDown::kChooseAmongDown;
+    InstanceProvider allDown(cache, amongDown);
+    for (const ServiceId& id : {a, c, d}) shares(allDown, id, 0);
+    EXPECT_EQ(shares(allDown, b, 1000), (std::map<ServiceId, int>{{a, 250}, {b, 250}, {c, 250}, {d, 250}}));
+    amongDown.strategy = ChoiceStrategy::kSticky;
+    InstanceProvider sticky(cache, amongDown);
+    for (const ServiceId& id : {a, c, d}) shares(sticky, id, 0);
+    EXPECT_EQ(shares(sticky, b, 100).size(), 1u);
+
+    // On a fresh thread, after four providers that accept only `a`, one that
+    // accepts only `c` and throws the first time.
+    std::thread([&] {
+        const auto only = [&](const ServiceId& id, bool throwOnce) {
+            ProviderOptions options;
+            options.filter = [id, throwOnce, thrown = std::make_shared<std::atomic<bool>>(false)](const CachedInstance& i) {
+                if (throwOnce && !thrown->exchange(true)) throw std::runtime_error("filter");
+                return i.Id() == id;
+            };
+            return std::make_unique<InstanceProvider>(cache, options);
+        };
+        std::vector<std::unique_ptr<InstanceProvider>> alphas;
+        for (int i = 0; i < 4; ++i) EXPECT_EQ((alphas.emplace_back(only(a, false)))->Choose()->Id(), a);
+        const auto beta = only(c, true);
+        EXPECT_THROW(beta->Choose(), std::runtime_error);
+        EXPECT_EQ(beta->Choose()->Id(), c);
+        EXPECT_EQ(alphas.back()->Choose()->Id(), a);
+    }).join();
+}
+
 // Sticky: one instance for every thread until it is drained or leaves.
 TEST_F(CacheTest, StickyChoiceHoldsUntilItsInstanceIsDrainedOrLeaves) {
     InstanceMap truth = Preload(10);

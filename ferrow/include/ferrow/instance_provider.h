@@ -29,8 +29,15 @@
 //
 // Down instances. ReportFailure counts a failed call on an instance; after
 // `errorThreshold` failures within `errorWindow` the instance is down for
-// `downTime` and skipped, then tried again with its count cleared. When every
-// accepted instance is down, `whenAllDown` decides.
+// `downTime` and skipped, then tried again with its count cleared. Its load
+// is shared by the instances that are up in proportion, by every strategy,
+// as if it were not there: one failure never doubles the load on a
+// neighbour. When every accepted instance of every group is down,
+// `whenAllDown` decides.
+//
+// A filter that throws. The exception reaches the caller of Choose; the
+// provider and the calling thread keep the plans they had, and the next
+// Choose builds the plan again.
 
 #include <atomic>
 #include <chrono>
@@ -50,7 +57,10 @@ namespace ferrow {
 
 enum class ChoiceStrategy {
     // Each instance in turn. Each calling thread goes round on its own,
-    // from a random place, so that threads never contend on a counter.
+    // from a random place, so that threads never contend on a counter. A
+    // down instance's turn goes to the next instance that is up, and the
+    // round goes on after it: every instance that is up gets one turn per
+    // round, and so does each of the down ones when all are chosen among.
     kRoundRobin,
     // Uniformly at random.
     kRandom,
@@ -58,7 +68,8 @@ enum class ChoiceStrategy {
     kWeighted,
     // The same instance until it leaves the cache, is drained, is marked down
     // or the filter rejects it; then another, at random, shared by all
-    // threads.
+    // threads. While every instance is down and the policy chooses among
+    // them, the choice holds.
     kSticky,
 };
 
@@ -127,8 +138,9 @@ private:
     std::int64_t WindowStart(std::int64_t now) const;
     // Requires m_healthMtx held. The health record of `id`, made if missing.
     const std::shared_ptr<Health>& HealthOf(const ServiceId& id);
-    // The index in the plan of the instance to choose, or Plan::kNone.
-    std::size_t ChooseIndex(Choosing& choosing);
+    // The index in the plan of the instance to choose, or Plan::kNone;
+    // `evenDown` ignores downs.
+    std::size_t ChooseIndex(Choosing& choosing, bool evenDown);
     // The same within one group of preference; `evenDown` ignores downs.
     std::size_t ChooseIn(Choosing& choosing, std::size_t group, bool evenDown);
     InstancePtr ChooseSticky(Choosing& choosing);
