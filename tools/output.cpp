@@ -9,6 +9,7 @@
 #include <google/protobuf/util/json_util.h>
 
 #include "ferrow/access_control.h"
+#include "ferrow/instance_data.h"
 
 namespace jx {
 namespace ferrow {
@@ -41,11 +42,14 @@ String Quote(const String& text) {
 String RecordJson(const ServiceInstanceData& record) {
     google::protobuf::util::JsonPrintOptions options;
     options.preserve_proto_field_names = true;
-    // Every field present, so that consumers need no knowledge of defaults
-    // (a weight of 0 means "send nothing", not "unknown").
+    // Every field present, so that consumers need no knowledge of defaults:
+    // the weight is the one clients choose by (kDefaultWeight when the
+    // publisher chose none; 0 means drained).
     options.always_print_primitive_fields = true;
+    ServiceInstanceData shown = record;
+    shown.set_weight(WeightOf(record));
     String json;
-    const auto status = google::protobuf::util::MessageToJsonString(record, &json, options);
+    const auto status = google::protobuf::util::MessageToJsonString(shown, &json, options);
     if (!status.ok()) throw std::runtime_error("cannot print the record as JSON: " + status.ToString());
     return json;
 }
@@ -68,7 +72,7 @@ String InstanceText(const ServiceId& id, const ServiceInstanceData& record) {
     if (!record.protocol().empty()) text += " protocol=" + record.protocol();
     if (!record.version().empty()) text += " version=" + record.version();
     if (!record.zone().empty()) text += " zone=" + record.zone();
-    text += " weight=" + std::to_string(record.weight());
+    text += " weight=" + std::to_string(WeightOf(record));
     const std::map<String, String> metadata(record.metadata().begin(), record.metadata().end());
     for (const auto& [key, value] : metadata) text += " " + key + "=" + value;
     if (record.registered_at_ms() != 0) text += " registered=" + UtcTime(record.registered_at_ms());

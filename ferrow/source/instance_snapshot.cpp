@@ -1,5 +1,7 @@
 #include "ferrow/instance_snapshot.h"
 
+#include "ferrow/instance_data.h"
+
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/wire_format_lite.h>
 
@@ -19,7 +21,7 @@ InstancePtr CachedInstance::Make(const ServiceId& id, const ServiceInstanceData&
 }
 
 CachedInstance::CachedInstance(Key, const ServiceId& id, const ServiceInstanceData& record)
-    : m_id(id), m_bytes(record.SerializeAsString()), m_port(record.port()), m_weight(record.weight()) {
+    : m_id(id), m_bytes(record.SerializeAsString()), m_port(record.port()), m_weight(WeightOf(record)) {
     // Host and zone are found where the encoding put them: each is a
     // top-level length-delimited field, written once.
     google::protobuf::io::CodedInputStream in(reinterpret_cast<const std::uint8_t*>(m_bytes.data()),

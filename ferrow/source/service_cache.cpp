@@ -84,11 +84,13 @@ private:
 ServiceCache::ServiceCache(std::shared_ptr<Connection> conn, const String& service, ZkErrorHandler zkErrorHandler)
     : m_owned(std::make_unique<ServiceWatcher>(std::move(conn), service, std::move(zkErrorHandler))),
       m_watcher(m_owned.get()),
+      m_watcherAlive(m_owned->m_impl),
       m_state(std::make_shared<State>(*this)) {
     m_watcher->RegisterShared(m_state);
 }
 
-ServiceCache::ServiceCache(ServiceWatcher& watcher) : m_watcher(&watcher), m_state(std::make_shared<State>(*this)) {
+ServiceCache::ServiceCache(ServiceWatcher& watcher)
+    : m_watcher(&watcher), m_watcherAlive(watcher.m_impl), m_state(std::make_shared<State>(*this)) {
     m_watcher->RegisterShared(m_state);
 }
 
@@ -98,7 +100,7 @@ ServiceCache::~ServiceCache() {
     m_state->Close();
     if (m_owned) {
         m_owned.reset();
-    } else {
+    } else if (const std::shared_ptr<const void> alive = m_watcherAlive.lock()) {
         m_watcher->UnregisterShared(m_state);
     }
 }
@@ -111,9 +113,11 @@ SnapshotPtr ServiceCache::Snapshot() const { return m_state->Snapshot(); }
 
 std::uint64_t ServiceCache::Version() const { return m_state->Version(); }
 
-bool ServiceCache::IsSynced() const { return m_watcher->IsSynced(); }
+bool ServiceCache::IsSynced() const { return !m_watcherAlive.expired() && m_watcher->IsSynced(); }
 
-bool ServiceCache::WaitSynced(std::chrono::milliseconds deadline) const { return m_watcher->WaitSynced(deadline); }
+bool ServiceCache::WaitSynced(std::chrono::milliseconds deadline) const {
+    return !m_watcherAlive.expired() && m_watcher->WaitSynced(deadline);
+}
 
 void ServiceCache::RegisterShared(std::shared_ptr<ServiceCacheObserver> observer) {
     m_state->RegisterShared(std::move(observer));

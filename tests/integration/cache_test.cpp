@@ -96,6 +96,20 @@ TEST_F(CacheTest, SnapshotsFollowTheServiceAndNeverChange) {
     EXPECT_EQ(cache->Snapshot()->Find(added)->Port(), truth[added].port());
 }
 
+// A cache attached to a watcher outlives it: its last snapshot stays, it is
+// no longer synced, and destroying it afterwards is safe.
+TEST_F(CacheTest, AnAttachedCacheOutlivesItsWatcher) {
+    const InstanceMap truth = Preload(3);
+    auto watcher = std::make_unique<ServiceWatcher>(conn, name, [](int rc) { ADD_FAILURE() << zerror(rc); });
+    auto cache = std::make_unique<ServiceCache>(*watcher);
+    watcher->Start();
+    ASSERT_TRUE(cache->WaitSynced(kPatience));
+    watcher.reset();
+    EXPECT_TRUE(testing::SameInstances(truth, Contents(*cache->Snapshot())));
+    EXPECT_FALSE(cache->IsSynced());
+    cache.reset();
+}
+
 // Preference by zone and weight, the strategies within a group, down
 // instances and what happens when all are down.
 TEST_F(CacheTest, ProviderChoosesByPreferenceAndSkipsDownInstances) {

@@ -47,10 +47,12 @@ pids+=("$reg")
 id=$(line "$dir/reg" 1)
 added=$(line "$dir/watch" 2)
 stamp=$(grep -o '"registered_at_ms":"[0-9]*"' <<<"$added")
-record='{"host":"10.0.0.1","port":8080,"protocol":"","version":"","zone":"eu-1","weight":0,"metadata":{"env":"prod"},'$stamp'}'
+# The weight is printed as clients choose by it: 1 when the publisher set none.
+record='{"host":"10.0.0.1","port":8080,"protocol":"","version":"","zone":"eu-1","metadata":{"env":"prod"},'$stamp',"weight":1}'
 check "watch added" "$added" '{"event":"added","service":"tool","id":"'"$id"'","instance":'"$record"'}'
 run "$ferrow" --zk "$zk" update tool "$id" --weight 77 --meta added=yes --remove-meta env >/dev/null; check "update" $? 0
-record=${record/'"weight":0,"metadata":{"env":"prod"}'/'"weight":77,"metadata":{"added":"yes"}'}
+record=${record/'"metadata":{"env":"prod"}'/'"metadata":{"added":"yes"}'}
+record=${record/'"weight":1'/'"weight":77'}
 check "watch modified" "$(line "$dir/watch" 3)" '{"event":"modified","service":"tool","id":"'"$id"'","instance":'"$record"'}'
 check "get" "$(run "$ferrow" --zk "$zk" get tool "$id" --json)" '{"id":"'"$id"'","instance":'"$record"'}'
 check "list" "$(run "$ferrow" --zk "$zk" list tool --json)" '[{"id":"'"$id"'","instance":'"$record"'}]'

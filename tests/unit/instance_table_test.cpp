@@ -40,9 +40,10 @@ TEST(CachedInstanceTest, KeepsTheRecordAndViewsItsOwnFields) {
         EXPECT_EQ(instance->Host(), record.host());
         EXPECT_EQ(instance->Zone(), record.zone());
         EXPECT_EQ(instance->Port(), record.port());
-        EXPECT_EQ(instance->Weight(), record.weight());
         EXPECT_TRUE(testing::SameRecord(instance->Record(), record));
     }
+    EXPECT_EQ(CachedInstance::Make(IdOf(1), bare)->Weight(), 1u) << "no weight chosen: like any other";
+    EXPECT_EQ(CachedInstance::Make(IdOf(2), full)->Weight(), 0u) << "0 chosen: drained";
 }
 
 // Ids built so that their hashes share the low bits (the index's home

@@ -6,6 +6,7 @@
 // DecodeInstanceData, exactly as the service watcher does.
 
 #include <cstddef>
+#include <cstdint>
 
 #include "ferrow/service_watcher_observer.h"
 #include "utility/string.h"
@@ -21,6 +22,16 @@ constexpr std::size_t kCompressionThreshold = 512;
 // Readers of instance nodes accept nodes up to this size, the server's default
 // limit; a larger node is refused, never cut.
 constexpr std::size_t kInstanceReadCapacity = 1024 * 1024;
+
+// The weight of a record whose publisher chose none: such an instance is
+// chosen like any other. Draining is an explicit weight of 0.
+constexpr std::uint32_t kDefaultWeight = 1;
+
+// The weight a provider gives `record`: its weight when set, else
+// kDefaultWeight.
+inline std::uint32_t WeightOf(const ServiceInstanceData& record) {
+    return record.has_weight() ? record.weight() : kDefaultWeight;
+}
 
 // The node of a service, "/srv2/<service>", and of one of its instances,
 // "/srv2/<service>/<id>" with the id in its canonical text.

@@ -24,8 +24,9 @@
 //   4. in another zone, drained.
 // Without a preferred zone, 1 and 3 hold every instance. So a drained
 // instance is never chosen while one with a positive weight is available,
-// and a service whose records all leave the weight at 0 is served by all of
-// them alike. Within the group the strategy chooses.
+// and a service whose instances are all drained is served by all of them
+// alike. A record that sets no weight counts as kDefaultWeight (1): only an
+// explicit weight of 0 drains. Within the group the strategy chooses.
 //
 // Down instances. ReportFailure counts a failed call on an instance; after
 // `errorThreshold` failures within `errorWindow` the instance is down for

@@ -10,9 +10,11 @@
 // copies one pointer. Every member may be called from any thread.
 //
 // Ownership. A cache either owns its ServiceWatcher (the first constructor)
-// or is attached to one the program owns (the second), which must then
-// outlive the cache. Snapshots are shared: one stays valid, unchanged, for
-// as long as someone holds it, also after the cache is gone.
+// or is attached to one the program owns (the second). An attached cache
+// may outlive its watcher: it then keeps its last snapshot, receives no more
+// reports and is never synced, and Watcher() must not be called. Snapshots
+// are shared: one stays valid, unchanged, for as long as someone holds it,
+// also after the cache is gone.
 //
 // Destruction, on any thread other than inside this cache's own observers:
 // once the destructor returns, no observer of the cache runs. An owned
@@ -59,9 +61,10 @@ public:
     // A cache with a watcher of its own for `service` on `conn`; nothing is
     // read until Start. `zkErrorHandler` as for ServiceWatcher.
     ServiceCache(std::shared_ptr<Connection> conn, const String& service, ZkErrorHandler zkErrorHandler);
-    // A cache fed by `watcher`, which the caller owns, starts and keeps alive
-    // for as long as the cache lives. Attach before the watcher starts: the
-    // cache knows only the instances reported after it was made.
+    // A cache fed by `watcher`, which the caller owns and starts. Attach
+    // before the watcher starts: the cache knows only the instances reported
+    // after it was made. The watcher may be destroyed before the cache, not
+    // at the same time as any call of it.
     explicit ServiceCache(ServiceWatcher& watcher);
     ~ServiceCache() override;
 
@@ -83,11 +86,12 @@ public:
     std::uint64_t Version() const;
 
     // As ServiceWatcher's: whether every instance of the service's latest
-    // full read is in the cache (a snapshot taken after true contains them).
+    // full read is in the cache (a snapshot taken after true contains them);
+    // false once an attached cache's watcher is gone.
     bool IsSynced() const;
     bool WaitSynced(std::chrono::milliseconds deadline) const;
 
-    // The watcher that feeds the cache.
+    // The watcher that feeds the cache, while it exists.
     ServiceWatcher& Watcher() const { return *m_watcher; }
 
     void RegisterShared(std::shared_ptr<ServiceCacheObserver> observer) override;
@@ -102,6 +106,9 @@ private:
     // Null for an attached cache.
     std::unique_ptr<ServiceWatcher> m_owned;
     ServiceWatcher* const m_watcher;
+    // Expired once the watcher is destroyed (its implementation, which
+    // holds the state registered with it, is gone).
+    const std::weak_ptr<const void> m_watcherAlive;
     // Applies the watcher's reports and holds the snapshots; shared with
     // the watcher's observer registry.
     const std::shared_ptr<State> m_state;

@@ -109,6 +109,8 @@ public:
     void UnregisterRaw(const ServiceWatcherObserver* observer) override;
 
 private:
+    // A cache attached to this watcher notices when it is gone.
+    friend class ServiceCache;
     // Ready once the impl is destroyed, on whichever thread let it go last.
     // Declared first: m_impl's construction sets it.
     std::future<void> m_implReleased;
