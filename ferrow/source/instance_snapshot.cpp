@@ -51,10 +51,13 @@ ServiceInstanceData CachedInstance::Record() const {
 }
 
 InstancePtr InstanceSnapshot::Find(const ServiceId& id) const {
-    for (const InstancePtr& instance : *this) {
-        if (instance->Id() == id) return instance;
-    }
-    return nullptr;
+    std::call_once(m_indexed, [this] {
+        auto index = std::make_unique<std::unordered_map<ServiceId, std::size_t>>(m_size);
+        for (std::size_t position = 0; position < m_size; ++position) index->emplace((*this)[position]->Id(), position);
+        m_index = std::move(index);
+    });
+    const auto it = m_index->find(id);
+    return it == m_index->end() ? nullptr : (*this)[it->second];
 }
 
 }  // namespace ferrow

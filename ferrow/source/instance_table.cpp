@@ -43,7 +43,7 @@ InstancePtr InstanceTable::Remove(const ServiceId& id) {
 
 SnapshotPtr InstanceTable::Publish() {
     std::vector<std::shared_ptr<const InstanceSnapshot::Block>> blocks(m_blocks.begin(), m_blocks.end());
-    return SnapshotPtr(new InstanceSnapshot(std::move(blocks), m_size, ++m_version));
+    return std::shared_ptr<const InstanceSnapshot>(new InstanceSnapshot(std::move(blocks), m_size, ++m_version));
 }
 
 InstancePtr& InstanceTable::Slot(std::size_t index) {

@@ -43,6 +43,7 @@ public:
     void Close() { m_gate.Close(); }
 
     SnapshotPtr Snapshot() const { return std::atomic_load_explicit(&m_snapshot, std::memory_order_acquire); }
+
     std::uint64_t Version() const { return m_version.load(std::memory_order_acquire); }
 
 private:
@@ -65,7 +66,7 @@ private:
     // Requires m_writeMtx held. The version is stored after the snapshot, so
     // a reader that sees a version finds a snapshot at least that new.
     void Publish() {
-        SnapshotPtr next = m_table.Publish();
+        std::shared_ptr<const InstanceSnapshot> next = m_table.Publish().Shared();
         const std::uint64_t version = next->Version();
         std::atomic_store_explicit(&m_snapshot, std::move(next), std::memory_order_release);
         m_version.store(version, std::memory_order_release);
@@ -77,7 +78,7 @@ private:
     InstanceTable m_table;
     // Read and written only through the atomic shared_ptr functions: a
     // reader copies the pointer, the writer swaps it, neither waits longer.
-    SnapshotPtr m_snapshot = std::make_shared<const InstanceSnapshot>();
+    std::shared_ptr<const InstanceSnapshot> m_snapshot = std::make_shared<const InstanceSnapshot>();
     std::atomic<std::uint64_t> m_version{0};
 };
 

@@ -1,6 +1,7 @@
 // The cache of a service and the provider that chooses from it, over the
 // real connection against a real server.
 
+#include <algorithm>
 #include <atomic>
 #include <map>
 #include <thread>
@@ -94,6 +95,24 @@ TEST_F(CacheTest, SnapshotsFollowTheServiceAndNeverChange) {
     EXPECT_EQ(counter->added, 1);
     EXPECT_EQ(cache->Snapshot()->Version(), first->Version() + 41);
     EXPECT_EQ(cache->Snapshot()->Find(added)->Port(), truth[added].port());
+    EXPECT_EQ(first->Find(added), nullptr);
+
+    // A loop over Snapshot() itself holds the snapshot while an update
+    // replaces it; its iterators serve the standard algorithms.
+    std::vector<InstancePtr> listed;
+    for (const InstancePtr& instance : cache->Snapshot()) {
+        if (listed.empty()) {
+            const std::uint64_t version = cache->Version();
+            writer.Remove(instance->Id());
+            ASSERT_TRUE(PollUntil([&] { return cache->Version() > version; }, kPatience));
+        }
+        listed.push_back(instance);
+    }
+    EXPECT_EQ(listed.size(), truth.size());
+    const SnapshotPtr now = cache->Snapshot();
+    EXPECT_EQ(std::vector<InstancePtr>(now.begin(), now.end()).size(), truth.size() - 1);
+    EXPECT_EQ(std::find_if(now.begin(), now.end(), [&](const InstancePtr& i) { return i->Id() == listed[0]->Id(); }),
+              now.end());
 }
 
 // A cache attached to a watcher outlives it: its last snapshot stays, it is

@@ -114,13 +114,13 @@ public:
     // as long as it is held, whatever the cache does meanwhile; it keeps
     // the snapshot it was chosen from alive, so hold it for a call, not for
     // ever.
-    InstancePtr Choose();
+    [[nodiscard]] InstancePtr Choose();
 
     // A call to the instance `id` failed. Unknown ids count too: an instance
     // that comes back within the window keeps its count.
     void ReportFailure(const ServiceId& id);
     // Whether `id` is down now.
-    bool IsDown(const ServiceId& id) const;
+    [[nodiscard]] bool IsDown(const ServiceId& id) const;
 
     struct Plan;
     struct Health;

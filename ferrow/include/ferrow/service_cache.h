@@ -76,20 +76,20 @@ public:
     // attached cache: its owner starts the watcher.
     void Start();
 
-    // The instances now. Constant time; never waits for an update. Hold the
-    // pointer while reading: `for (... : *cache.Snapshot())` iterates a
-    // snapshot that the next update may free, since the loop keeps only the
-    // reference, not the pointer.
-    SnapshotPtr Snapshot() const;
+    // The instances now. Constant time; never waits for an update. Iterate
+    // the result itself, `for (const InstancePtr& i : cache.Snapshot())`,
+    // which holds it for the loop; `*cache.Snapshot()` in a range-for would
+    // keep only a reference to a snapshot the next update may free.
+    [[nodiscard]] SnapshotPtr Snapshot() const;
     // The version of the latest snapshot; cheaper than Snapshot() for a
     // reader that only wants to know whether anything changed.
-    std::uint64_t Version() const;
+    [[nodiscard]] std::uint64_t Version() const;
 
     // As ServiceWatcher's: whether every instance of the service's latest
     // full read is in the cache (a snapshot taken after true contains them);
     // false once an attached cache's watcher is gone.
-    bool IsSynced() const;
-    bool WaitSynced(std::chrono::milliseconds deadline) const;
+    [[nodiscard]] bool IsSynced() const;
+    [[nodiscard]] bool WaitSynced(std::chrono::milliseconds deadline) const;
 
     // The watcher that feeds the cache, while it exists.
     ServiceWatcher& Watcher() const { return *m_watcher; }
