@@ -21,6 +21,12 @@ InstancePtr InstanceTable::Put(InstancePtr instance) {
     return previous;
 }
 
+InstancePtr InstanceTable::Get(const ServiceId& id) const {
+    if (m_size == 0) return nullptr;
+    const std::size_t at = Locate(id);
+    return m_index[at] == 0 ? nullptr : At(m_index[at] - 1);
+}
+
 InstancePtr InstanceTable::Remove(const ServiceId& id) {
     if (m_size == 0) return nullptr;
     const std::size_t at = Locate(id);

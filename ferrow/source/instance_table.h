@@ -20,6 +20,8 @@ public:
     // Adds the instance, or replaces the one with its id. Returns the one it
     // replaced, or null.
     InstancePtr Put(InstancePtr instance);
+    // The instance with `id`, or null.
+    InstancePtr Get(const ServiceId& id) const;
     // Removes the instance with `id`; returns it, or null when unknown.
     InstancePtr Remove(const ServiceId& id);
     // A snapshot of the contents now, one version above the previous one.

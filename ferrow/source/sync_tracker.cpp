@@ -1,5 +1,6 @@
 #include "sync_tracker.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace jx {
@@ -37,6 +38,19 @@ void SyncTracker::SetListener(std::function<void()> listener) {
     m_listener = std::move(listener);
 }
 
+std::uint64_t SyncTracker::AddListener(std::function<void()> listener) {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    m_listeners.emplace_back(++m_lastKey, std::move(listener));
+    return m_lastKey;
+}
+
+void SyncTracker::RemoveListener(std::uint64_t key) {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    m_listeners.erase(std::remove_if(m_listeners.begin(), m_listeners.end(),
+                                     [key](const auto& entry) { return entry.first == key; }),
+                      m_listeners.end());
+}
+
 void SyncTracker::Close() { m_gate.Close(); }
 
 void SyncTracker::OnSessionEvent(int type, int state, String) {
@@ -70,6 +84,7 @@ void SyncTracker::Mark(std::uint64_t round, int step) {
 
 void SyncTracker::OnMark(std::uint64_t round, int step, int rc) {
     std::function<void()> listener;
+    std::vector<std::pair<std::uint64_t, std::function<void()>>> others;
     {
         std::lock_guard<std::mutex> lock(m_mtx);
         // A lost answer leaves the round to the next connected event.
@@ -79,8 +94,10 @@ void SyncTracker::OnMark(std::uint64_t round, int step, int rc) {
         if (!m_settled()) return;
         m_synced = true;
         listener = m_listener;
+        others = m_listeners;
     }
     m_cv.notify_all();
+    for (const auto& entry : others) entry.second();
     if (listener) listener();
 }
 

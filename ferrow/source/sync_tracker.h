@@ -6,6 +6,8 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 #include "callback_gate.h"
 #include "ferrow/connection_v2.h"
@@ -43,8 +45,13 @@ public:
     bool Track();
     // Waits until the view is complete; false after `deadline`.
     bool Wait(std::chrono::milliseconds deadline);
-    // Called on the delivery thread each time the view becomes complete.
+    // Called on the delivery thread each time the view becomes complete,
+    // with no lock of the tracker held: the added ones in the order added
+    // (the caches it feeds, which publish their view there), then the
+    // owner's. AddListener returns a key for removal.
     void SetListener(std::function<void()> listener);
+    std::uint64_t AddListener(std::function<void()> listener);
+    void RemoveListener(std::uint64_t key);
     // No callback runs from now on; waits for one running on another thread.
     void Close();
 
@@ -73,6 +80,8 @@ private:
     bool m_synced = false;
     std::uint64_t m_round = 0;  // answers of older rounds are ignored
     std::function<void()> m_listener;
+    std::vector<std::pair<std::uint64_t, std::function<void()>>> m_listeners;
+    std::uint64_t m_lastKey = 0;
 };
 
 }  // namespace ferrow

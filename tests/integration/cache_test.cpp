@@ -129,6 +129,43 @@ TEST_F(CacheTest, AnAttachedCacheOutlivesItsWatcher) {
     cache.reset();
 }
 
+// Through a session expiry the cache serves the view it had until the new
+// session's view is complete, saying how old it is, then publishes the
+// difference as one version and tells its observers the difference only.
+TEST_F(CacheTest, AnExpiryKeepsTheLastViewUntilTheFreshOneIsComplete) {
+    InstanceMap truth = Preload(10);
+    testing::Relay relay(s_server->ClientPort());
+    const auto relayed = testing::Connect(relay.ConnectString(), std::chrono::seconds(4));
+    ServiceCache cache(relayed, name, [](int rc) { ADD_FAILURE() << zerror(rc); });
+    cache.Start();
+    ASSERT_TRUE(cache.WaitSynced(kPatience));
+    EXPECT_EQ(cache.ViewAge(), std::chrono::milliseconds(0));
+    const auto counter = std::make_shared<Counter>();
+    cache.RegisterShared(counter);
+    const std::uint64_t before = cache.Version();
+
+    relay.Blackhole();
+    ASSERT_TRUE(PollUntil([&] { return cache.ViewAge() > std::chrono::milliseconds(0); }, kPatience));
+    ASSERT_FALSE(testing::CloseSessionOnServer(s_server->ConnectString(), *relayed));
+    writer.Remove(truth.begin()->first);
+    truth.erase(truth.begin());
+    writer.Set(truth.begin()->first, truth.begin()->second = MakeRecord(500));
+    const ServiceId added = g_generate();
+    writer.Create(added, truth[added] = MakeRecord(501));
+    relay.Heal();
+    ASSERT_TRUE(PollUntil([&] {
+        const SnapshotPtr now = cache.Snapshot();
+        EXPECT_TRUE(now->Version() != before || now.size() == 10u) << "the kept view shrank";
+        return now->Version() != before;
+    }, kPatience));
+    EXPECT_EQ(cache.Version(), before + 1);
+    EXPECT_TRUE(cache.IsSynced());
+    EXPECT_EQ(cache.ViewAge(), std::chrono::milliseconds(0));
+    EXPECT_TRUE(testing::SameInstances(truth, Contents(*cache.Snapshot())));
+    EXPECT_EQ(counter->removed + counter->added + counter->modified, 3);
+    EXPECT_EQ(counter->modified, 1);
+}
+
 // Preference by zone and weight, the strategies within a group, down
 // instances and what happens when all are down.
 TEST_F(CacheTest, ProviderChoosesByPreferenceAndSkipsDownInstances) {

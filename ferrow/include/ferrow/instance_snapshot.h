@@ -43,6 +43,8 @@ public:
     std::uint32_t Port() const { return m_port; }
     std::string_view Zone() const { return View(m_zone); }
     std::uint32_t Weight() const { return m_weight; }
+    // Whether `other` holds the same record, byte for byte.
+    bool SameRecordAs(const CachedInstance& other) const { return m_bytes == other.m_bytes; }
 
     // The whole record, decoded anew by each call (about a microsecond and a
     // few allocations): for metadata and the other fields, not for every

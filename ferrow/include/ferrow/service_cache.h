@@ -18,7 +18,9 @@
 //
 // Destruction, on any thread other than inside this cache's own observers:
 // once the destructor returns, no observer of the cache runs. An owned
-// watcher is destroyed first, with the rules of ~ServiceWatcher.
+// watcher is destroyed first, with the rules of ~ServiceWatcher, which also
+// hold for an attached cache: it leaves the connection's session observers,
+// waiting for a session event being delivered to them on another thread.
 //
 // What is in it. Every instance the watcher reported added and not removed,
 // with the record of its latest report. An instance whose record cannot be
@@ -26,9 +28,18 @@
 // the cache; if a known instance's record turns corrupt, the cache keeps the
 // last record that decoded until a good one comes or the instance leaves. A
 // record that is only partly valid is kept as far as it parsed, as the
-// watcher reports it. After a session expiry the watcher reports every
-// instance removed and reads the service again: the cache empties and fills
-// again with it, and IsSynced() says when it is complete.
+// watcher reports it.
+//
+// A discovery outage is not a service outage. After a session expiry the
+// watcher reports every instance removed and reads the service again; the
+// cache instead keeps serving the last view it had, unchanged, until the
+// new session's view is complete, and then publishes the difference as one
+// new version, its observers told of the difference only (nothing at all
+// when nothing changed). While ZooKeeper is unreachable it keeps the last
+// view for as long as that lasts; ViewAge() says how old it is, and
+// IsSynced() is false from the expiry until the fresh view is published.
+// This holds for a cache attached before its watcher starts (it must hear
+// of the expiry before the watcher reports the removals).
 
 #include <chrono>
 #include <cstdint>
@@ -90,6 +101,12 @@ public:
     // false once an attached cache's watcher is gone.
     [[nodiscard]] bool IsSynced() const;
     [[nodiscard]] bool WaitSynced(std::chrono::milliseconds deadline) const;
+    // How long the view has not been known current: zero while the session
+    // is connected and the view complete; otherwise the time since the
+    // connection was lost, the session expired or, before the first
+    // complete view, the cache was made. The cache serves its last view
+    // meanwhile, for as long as that lasts.
+    [[nodiscard]] std::chrono::milliseconds ViewAge() const;
 
     // The watcher that feeds the cache, while it exists.
     ServiceWatcher& Watcher() const { return *m_watcher; }
@@ -103,15 +120,20 @@ public:
     class State;
 
 private:
+    // Registers the state with the watcher, the connection and the tracker.
+    void Attach();
+
     // Null for an attached cache.
     std::unique_ptr<ServiceWatcher> m_owned;
     ServiceWatcher* const m_watcher;
     // Expired once the watcher is destroyed (its implementation, which
     // holds the state registered with it, is gone).
     const std::weak_ptr<const void> m_watcherAlive;
+    const std::shared_ptr<Connection> m_conn;
     // Applies the watcher's reports and holds the snapshots; shared with
     // the watcher's observer registry.
     const std::shared_ptr<State> m_state;
+    std::uint64_t m_syncedKey = 0;  // the state's listener in the watcher's sync tracker
 };
 
 }  // namespace ferrow
