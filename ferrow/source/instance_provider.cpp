@@ -84,7 +84,7 @@ std::uint64_t Random() {
 // choosing is shared with another.
 struct ThreadPlans {
     using Slot = InstanceProvider::ThreadSlot;
-    static constexpr std::size_t kSlots = 4;
+    static constexpr std::size_t kSlots = 8;
     Slot slots[kSlots];
     std::size_t next = 0;
 };
@@ -247,7 +247,7 @@ InstanceProvider::ThreadSlot& InstanceProvider::CurrentSlot() {
     }
     // A slot is taken over only once the plan is built: a filter that
     // throws leaves every slot of the thread as it was.
-    std::shared_ptr<const Plan> plan = LatestPlan();
+    std::shared_ptr<const Plan> plan = LatestPlan(nullptr);
     auto owner = std::make_shared<const PlanOwner>(PlanOwner{plan});
     ThreadPlans::Slot& slot = plans.slots[plans.next++ % ThreadPlans::kSlots];
     slot.provider = m_id;
@@ -259,20 +259,33 @@ InstanceProvider::ThreadSlot& InstanceProvider::CurrentSlot() {
 }
 
 void InstanceProvider::Refresh(ThreadSlot& slot) {
-    std::shared_ptr<const Plan> plan = LatestPlan();
+    std::shared_ptr<const Plan> plan = LatestPlan(slot.plan);
     if (slot.plan == plan) return;
     slot.owner = std::make_shared<const PlanOwner>(PlanOwner{plan});
     slot.plan = std::move(plan);
 }
 
-std::shared_ptr<const Plan> InstanceProvider::LatestPlan() {
+std::shared_ptr<const Plan> InstanceProvider::LatestPlan(const std::shared_ptr<const Plan>& current) {
+    const std::uint64_t version = m_cache->Version();
+    {
+        std::lock_guard<std::mutex> lock(m_planMtx);
+        if (m_plan && m_plan->version >= version) return m_plan;
+    }
+    // One thread builds each plan, so that the filter runs once per instance
+    // and version however many threads choose; one that has a plan chooses
+    // from it meanwhile, one without waits.
+    std::unique_lock<std::mutex> building(m_buildMtx, std::defer_lock);
+    if (!current) {
+        building.lock();
+    } else if (!building.try_lock()) {
+        return current;
+    }
     SnapshotPtr snapshot = m_cache->Snapshot();
     {
         std::lock_guard<std::mutex> lock(m_planMtx);
-        if (m_plan && m_plan->version >= snapshot->Version()) return m_plan;
+        if (m_plan && m_plan->version >= snapshot->Version()) return m_plan;  // built meanwhile
     }
-    // Built with no lock of the provider held, since the filter runs in it:
-    // two threads may build the same plan, and the first one stored wins.
+    // The filter runs in it: no lock that a choice takes is held.
     std::shared_ptr<const Plan> plan = BuildPlan(std::move(snapshot));
     std::lock_guard<std::mutex> lock(m_planMtx);
     if (m_plan && m_plan->version >= plan->version) return m_plan;

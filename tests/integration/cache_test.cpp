@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <map>
+#include <set>
 #include <thread>
 
 #include <boost/uuid/random_generator.hpp>
@@ -290,6 +292,33 @@ TEST_F(CacheTest, DownInstancesShareTheirLoadInProportionAndAThrowingFilterLeave
         EXPECT_EQ(beta->Choose()->Id(), c);
         EXPECT_EQ(alphas.back()->Choose()->Id(), a);
     }).join();
+}
+
+// Threads that meet a new version at once build its plan once: the filter
+// runs once per instance, however many threads choose.
+TEST_F(CacheTest, TheFilterRunsOncePerInstanceWhateverTheThreads) {
+    Preload(20);
+    const auto cache = StartCache();
+    std::mutex mtx;
+    std::condition_variable cv;
+    std::set<std::thread::id> inside;  // guarded by mtx
+    int calls = 0;                     // guarded by mtx
+    ProviderOptions options;
+    options.filter = [&](const CachedInstance&) {
+        std::unique_lock<std::mutex> lock(mtx);
+        ++calls;
+        // A builder on each thread would meet the others here.
+        if (inside.insert(std::this_thread::get_id()).second) {
+            cv.notify_all();
+            cv.wait_for(lock, std::chrono::seconds(1), [&] { return inside.size() == 4; });
+        }
+        return true;
+    };
+    InstanceProvider provider(cache, options);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) threads.emplace_back([&] { EXPECT_NE(provider.Choose(), nullptr); });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(calls, 20);
 }
 
 // Sticky: one instance for every thread until it is drained or leaves.

@@ -90,11 +90,12 @@ struct ProviderOptions {
     ChoiceStrategy strategy = ChoiceStrategy::kRoundRobin;
     // Instances whose record has this zone come first; empty: no preference.
     String zone;
-    // Accepts an instance; empty accepts all. Runs about once per instance
-    // and version of the cache (twice when two threads meet a new version
-    // at once), on a choosing thread, with no lock of the provider or the
-    // cache held: it must be thread-safe and must not choose, with this
-    // provider or another.
+    // Accepts an instance; empty accepts all. Runs once per instance and
+    // version of the cache, however many threads choose: on the first
+    // choosing thread that meets the version, while the others keep
+    // choosing from their previous plan (a thread with none waits). It runs
+    // with no lock that a choice or the cache takes held: it must be
+    // thread-safe and must not choose, with this provider or another.
     std::function<bool(const CachedInstance&)> filter;
     DownInstancePolicy down;
     WhenAllDown whenAllDown = WhenAllDown::kChooseNone;
@@ -128,8 +129,9 @@ public:
 
 private:
     struct Choosing;
-    // The plan for the cache's latest snapshot, built if needed.
-    std::shared_ptr<const Plan> LatestPlan();
+    // The plan for the cache's latest snapshot, built if needed; `current`
+    // (the caller's plan, may be null) while another thread builds it.
+    std::shared_ptr<const Plan> LatestPlan(const std::shared_ptr<const Plan>& current);
     // This thread's slot, with the plan of the cache's current version.
     ThreadSlot& CurrentSlot();
     // Gives `slot` the latest plan.
@@ -150,7 +152,8 @@ private:
     const ProviderOptions m_options;
     const std::uint64_t m_id;  // names this provider in the threads' plan caches
 
-    std::mutex m_planMtx;  // guards m_plan; taken only when the cache changed, never across the filter
+    std::mutex m_buildMtx;  // held by the one thread building a plan, across the filter; before m_planMtx
+    std::mutex m_planMtx;   // guards m_plan; taken only when the cache changed, never across the filter
     std::shared_ptr<const Plan> m_plan;
 
     mutable std::mutex m_healthMtx;  // guards m_health and each Health's failures
