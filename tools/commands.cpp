@@ -261,7 +261,12 @@ int Pick(const CommonOptions& common, const StopSignals& signals, const String& 
     InstanceProvider provider(cache, options);
     for (unsigned i = 0; i < pick.count; ++i) {
         const InstancePtr chosen = provider.Choose();
-        if (!chosen) throw CommandError("no instance of service '" + service + "' is available");
+        if (!chosen) {
+            static const char* const kWhy[] = {"the view is not complete", "it has no instance",
+                                               "every instance is filtered out", "every instance is down"};
+            throw CommandError("no instance of service '" + service + "' is available: " +
+                               kWhy[static_cast<int>(provider.WhyNone())]);
+        }
         const ServiceInstanceData record = chosen->Record();
         PrintLine(json ? InstanceJson(chosen->Id(), record) : InstanceText(chosen->Id(), record));
     }

@@ -350,6 +350,12 @@ const std::shared_ptr<InstanceProvider::Health>& InstanceProvider::HealthOf(cons
     return health;
 }
 
+NoChoice InstanceProvider::WhyNone() {
+    const std::shared_ptr<const Plan> plan = LatestPlan(nullptr);
+    if (plan->snapshot.empty()) return m_cache->IsSynced() ? NoChoice::kEmpty : NoChoice::kNotSynced;
+    return plan->entries.empty() ? NoChoice::kAllFiltered : NoChoice::kAllDown;
+}
+
 void InstanceProvider::ReportFailure(const ServiceId& id) {
     const std::int64_t now = NowNs();
     const std::int64_t windowStart = WindowStart(now);

@@ -118,17 +118,25 @@ TEST_F(CacheTest, SnapshotsFollowTheServiceAndNeverChange) {
 }
 
 // A cache attached to a watcher outlives it: its last snapshot stays, it is
-// no longer synced, and destroying it afterwards is safe.
+// no longer synced, and destroying it afterwards is safe. A provider tells
+// an incomplete view from an empty service.
 TEST_F(CacheTest, AnAttachedCacheOutlivesItsWatcher) {
     const InstanceMap truth = Preload(3);
     auto watcher = std::make_unique<ServiceWatcher>(conn, name, [](int rc) { ADD_FAILURE() << zerror(rc); });
-    auto cache = std::make_unique<ServiceCache>(*watcher);
+    auto cache = std::make_shared<ServiceCache>(*watcher);
+    EXPECT_EQ(InstanceProvider(cache).WhyNone(), NoChoice::kNotSynced);
     watcher->Start();
     ASSERT_TRUE(cache->WaitSynced(kPatience));
     watcher.reset();
     EXPECT_TRUE(testing::SameInstances(truth, Contents(*cache->Snapshot())));
     EXPECT_FALSE(cache->IsSynced());
     cache.reset();
+
+    ServiceCache empty(conn, name + "-empty", [](int rc) { ADD_FAILURE() << zerror(rc); });
+    empty.Start();
+    ASSERT_TRUE(empty.WaitSynced(kPatience));
+    EXPECT_EQ(InstanceProvider(std::shared_ptr<const ServiceCache>(&empty, [](const ServiceCache*) {})).WhyNone(),
+              NoChoice::kEmpty);
 }
 
 // Through a session expiry the cache serves the view it had until the new
@@ -214,6 +222,7 @@ TEST_F(CacheTest, ProviderChoosesByPreferenceAndSkipsDownInstances) {
     EXPECT_EQ(chosen(roundRobin, 2), (std::map<ServiceId, int>{{d, 2}}));
     fail(roundRobin, d, 3);
     EXPECT_EQ(roundRobin.Choose(), nullptr);
+    EXPECT_EQ(roundRobin.WhyNone(), NoChoice::kAllDown);
     EXPECT_FALSE(weighted.IsDown(a)) << "each provider counts its own failures";
     EXPECT_TRUE(PollUntil([&] { return roundRobin.Choose() != nullptr; }, kPatience)) << "tried again after downTime";
 
@@ -234,6 +243,8 @@ TEST_F(CacheTest, ProviderChoosesByPreferenceAndSkipsDownInstances) {
     for (const ServiceId& id : {a, b, d}) fail(filtered, id, 3);
     EXPECT_EQ(chosen(filtered, 100).count(c), 0u);
     EXPECT_NE(filtered.Choose(), nullptr);
+    options.filter = [](const CachedInstance&) { return false; };
+    EXPECT_EQ(InstanceProvider(cache, options).WhyNone(), NoChoice::kAllFiltered);
 }
 
 // A down instance's load is shared by the others in proportion, by every

@@ -63,7 +63,7 @@ kill -TERM "$reg"
 exited "$reg"; check "register ends on SIGTERM" $? 0
 check "watch removed" "$(line "$dir/watch" 4)" '{"event":"removed","service":"tool","id":"'"$id"'"}'
 out=$(run "$ferrow" --zk "$zk" pick tool 2>"$dir/err")
-check "pick from an empty service" "$?|$out|$(cat "$dir/err")" "1||ferrow: no instance of service 'tool' is available"
+check "pick from an empty service" "$?|$out|$(cat "$dir/err")" "1||ferrow: no instance of service 'tool' is available: it has no instance"
 kill -INT "$watch"
 exited "$watch"; check "watch ends on SIGINT" $? 0
 

@@ -80,6 +80,14 @@ enum class WhenAllDown {
     kChooseAmongDown,  // chooses among the down ones, as if none were down
 };
 
+// Why Choose returned null.
+enum class NoChoice {
+    kNotSynced,    // the cache's view is not complete (not yet, or not since an expiry) and held nothing to choose
+    kEmpty,        // the service has no instance
+    kAllFiltered,  // the filter rejects every instance
+    kAllDown,      // every instance the filter accepts is down (and whenAllDown is kChooseNone)
+};
+
 struct DownInstancePolicy {
     int errorThreshold = 3;                         // failures ...
     std::chrono::milliseconds errorWindow{10'000};  // ... within this time
@@ -116,6 +124,11 @@ public:
     // the snapshot it was chosen from alive, so hold it for a call, not for
     // ever.
     [[nodiscard]] InstancePtr Choose();
+
+    // Why a Choose that returned null found nothing, judged now: call it
+    // after the null, off the path that chooses (it may build the plan of a
+    // newer version, and reads the clock).
+    [[nodiscard]] NoChoice WhyNone();
 
     // A call to the instance `id` failed. Unknown ids count too: an instance
     // that comes back within the window keeps its count.
