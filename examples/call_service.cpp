@@ -65,7 +65,12 @@ int main(int argc, char** argv) {
                 continue;
             }
             std::cout << "call " << call << " " << instance->Host() << ":" << instance->Port() << std::endl;
-            if (!Call(*instance)) provider.ReportFailure(instance->Id());
+            // Every outcome counts: a success ends a row of failures.
+            if (Call(*instance)) {
+                provider.ReportSuccess(instance->Id());
+            } else {
+                provider.ReportFailure(instance->Id());
+            }
         }
         return 0;
     } catch (const std::exception& e) {

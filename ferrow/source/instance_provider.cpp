@@ -15,9 +15,14 @@ namespace ferrow {
 struct InstanceProvider::Health {
     // steady_clock nanoseconds until which the instance is down; 0: never was.
     std::atomic<std::int64_t> downUntil{0};
-    // Guarded by m_healthMtx: the times of the failures within the window.
-    std::vector<std::int64_t> failures;
-    // Guarded by m_healthMtx: the newest version of a plan that included it.
+    // The fields below are guarded by m_healthMtx.
+    int row = 0;                 // failures in a row ...
+    std::int64_t rowStart = 0;   // ... since this time
+    std::int64_t callsSince = 0;  // the window of calls counted below
+    int calls = 0;
+    int failed = 0;
+    int ejections = 0;  // ejections in a row, before they wear off (Doublings)
+    // The newest version of a plan that included it.
     std::uint64_t seenIn = 0;
 };
 
@@ -110,6 +115,18 @@ bool DownNow(const Plan::Entry& entry, std::int64_t& now) {
 
 std::uint64_t StickyKey(std::uint64_t version, std::size_t index) {
     return (static_cast<std::uint64_t>(index) << 32) | (version & 0xffffffffULL);
+}
+
+std::int64_t Nanos(std::chrono::milliseconds time) { return std::chrono::nanoseconds(time).count(); }
+
+// The doublings the next ejection of `health` gets: its ejections in a row,
+// less one for each downTime it has behaved since the last one ended.
+int Doublings(const InstanceProvider::Health& health, std::int64_t now, const DownInstancePolicy& policy) {
+    const std::int64_t until = health.downUntil.load(std::memory_order_relaxed);
+    if (health.ejections == 0 || until == 0) return 0;
+    if (now <= until) return health.ejections;
+    const std::int64_t behaved = (now - until) / std::max<std::int64_t>(Nanos(policy.downTime), 1);
+    return static_cast<int>(std::max<std::int64_t>(0, health.ejections - behaved));
 }
 
 std::uint64_t StickyVersion(std::uint64_t key) { return key & 0xffffffffULL; }
@@ -302,6 +319,7 @@ std::shared_ptr<const Plan> InstanceProvider::LatestPlan(const std::shared_ptr<c
         }
     }
     m_plan = plan;
+    m_accepted.store(plan->entries.size(), std::memory_order_relaxed);
     return plan;
 }
 
@@ -332,12 +350,11 @@ std::shared_ptr<const Plan> InstanceProvider::BuildPlan(SnapshotPtr snapshot) {
     // Forget instances that left and have nothing left to count; a plan of an
     // older version, built at the same time, forgets none that a newer has.
     const std::int64_t now = NowNs();
-    const std::int64_t windowStart = WindowStart(now);
+    const std::int64_t windowStart = now - Nanos(m_options.down.errorWindow);
     for (auto it = m_health.begin(); it != m_health.end();) {
         const Health& health = *it->second;
-        const bool counting =
-            health.downUntil.load() > now || std::any_of(health.failures.begin(), health.failures.end(),
-                                                         [&](std::int64_t at) { return at > windowStart; });
+        const bool counting = health.downUntil.load() > now || (health.row > 0 && health.rowStart > windowStart) ||
+                              (health.calls > 0 && health.callsSince > windowStart) || Doublings(health, now, m_options.down) > 0;
         it = health.seenIn < plan->version && !counting ? m_health.erase(it) : std::next(it);
     }
     plan->snapshot = std::move(snapshot);
@@ -358,28 +375,69 @@ NoChoice InstanceProvider::WhyNone() {
 
 void InstanceProvider::ReportFailure(const ServiceId& id) {
     const std::int64_t now = NowNs();
-    const std::int64_t windowStart = WindowStart(now);
     std::lock_guard<std::mutex> lock(m_healthMtx);
     Health& health = *HealthOf(id);
-    std::vector<std::int64_t>& failures = health.failures;
-    failures.erase(std::remove_if(failures.begin(), failures.end(), [&](std::int64_t at) { return at <= windowStart; }),
-                   failures.end());
-    failures.push_back(now);
-    if (static_cast<int>(failures.size()) >= m_options.down.errorThreshold) {
-        failures.clear();
-        health.downUntil.store(now + std::chrono::nanoseconds(m_options.down.downTime).count(),
-                               std::memory_order_relaxed);
+    if (health.downUntil.load(std::memory_order_relaxed) > now) return;  // ejected already: calls in flight
+    CountCall(health, now, true);
+    if (health.row == 0 || health.rowStart <= now - Nanos(m_options.down.errorWindow)) {
+        health.row = 0;
+        health.rowStart = now;
     }
+    ++health.row;
+    const DownInstancePolicy& policy = m_options.down;
+    const bool byRate = policy.minimumCalls > 0 && health.calls >= policy.minimumCalls &&
+                        health.failed >= policy.failureRate * health.calls;
+    if (health.row >= policy.errorThreshold || byRate) Eject(health, now);
 }
 
-std::int64_t InstanceProvider::WindowStart(std::int64_t now) const {
-    return now - std::chrono::nanoseconds(m_options.down.errorWindow).count();
+void InstanceProvider::ReportSuccess(const ServiceId& id) {
+    const std::int64_t now = NowNs();
+    std::lock_guard<std::mutex> lock(m_healthMtx);
+    Health& health = *HealthOf(id);
+    CountCall(health, now, false);
+    health.row = 0;
 }
 
-bool InstanceProvider::IsDown(const ServiceId& id) const {
+void InstanceProvider::CountCall(Health& health, std::int64_t now, bool failed) const {
+    if (health.callsSince <= now - Nanos(m_options.down.errorWindow)) {
+        health.callsSince = now;
+        health.calls = 0;
+        health.failed = 0;
+    }
+    ++health.calls;
+    health.failed += failed ? 1 : 0;
+}
+
+void InstanceProvider::Eject(Health& health, std::int64_t now) {
+    const DownInstancePolicy& policy = m_options.down;
+    std::size_t down = 0;
+    for (const auto& entry : m_health) down += entry.second->downUntil.load(std::memory_order_relaxed) > now ? 1 : 0;
+    const std::size_t accepted = m_accepted.load(std::memory_order_relaxed);
+    if (accepted > 0 && static_cast<double>(down + 1) > policy.maxEjectedShare * static_cast<double>(accepted)) {
+        m_panicking.store(true, std::memory_order_relaxed);
+        return;
+    }
+    m_panicking.store(false, std::memory_order_relaxed);
+    const int doublings = Doublings(health, now, policy);
+    const std::int64_t longest = Nanos(policy.maxDownTime);
+    const std::int64_t time = std::min(longest, Nanos(policy.downTime) << std::min(doublings, 20));
+    health.ejections = doublings + 1;
+    health.downUntil.store(now + std::max<std::int64_t>(time, 0), std::memory_order_relaxed);
+    health.row = 0;
+    health.calls = 0;
+    health.failed = 0;
+}
+
+bool InstanceProvider::IsDown(const ServiceId& id) const { return DownFor(id) > std::chrono::milliseconds(0); }
+
+std::chrono::milliseconds InstanceProvider::DownFor(const ServiceId& id) const {
+    const std::int64_t now = NowNs();
     std::lock_guard<std::mutex> lock(m_healthMtx);
     const auto it = m_health.find(id);
-    return it != m_health.end() && it->second->downUntil.load(std::memory_order_relaxed) > NowNs();
+    const std::int64_t until = it == m_health.end() ? 0 : it->second->downUntil.load(std::memory_order_relaxed);
+    return until > now ? std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::nanoseconds(until - now)) +
+                             std::chrono::milliseconds(1)
+                       : std::chrono::milliseconds(0);
 }
 
 }  // namespace ferrow

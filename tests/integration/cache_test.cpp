@@ -204,6 +204,7 @@ TEST_F(CacheTest, ProviderChoosesByPreferenceAndSkipsDownInstances) {
     ProviderOptions options;
     options.zone = "z1";
     options.down.downTime = std::chrono::milliseconds(500);
+    options.down.maxEjectedShare = 1.0;
     InstanceProvider roundRobin(cache, options);
     EXPECT_EQ(chosen(roundRobin, 8), (std::map<ServiceId, int>{{a, 4}, {b, 4}}));
     options.strategy = ChoiceStrategy::kWeighted;
@@ -277,6 +278,7 @@ TEST_F(CacheTest, DownInstancesShareTheirLoadInProportionAndAThrowingFilterLeave
 
     ProviderOptions amongDown = Using(ChoiceStrategy::kRoundRobin);
     amongDown.whenAllDown = WhenAllDown::kChooseAmongDown;
+    amongDown.down.maxEjectedShare = 1.0;
     InstanceProvider allDown(cache, amongDown);
     for (const ServiceId& id : {a, c, d}) shares(allDown, id, 0);
     EXPECT_EQ(shares(allDown, b, 1000), (std::map<ServiceId, int>{{a, 250}, {b, 250}, {c, 250}, {d, 250}}));
@@ -330,6 +332,38 @@ TEST_F(CacheTest, TheFilterRunsOncePerInstanceWhateverTheThreads) {
     for (int t = 0; t < 4; ++t) threads.emplace_back([&] { EXPECT_NE(provider.Choose(), nullptr); });
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(calls, 20);
+}
+
+// Outcomes decide ejection: a success ends a row of failures, a failure rate
+// over enough calls ejects, an instance ejected again soon stays out twice
+// as long, and never more than the allowed share is out, whatever fails.
+TEST_F(CacheTest, EjectionFollowsOutcomesAndNeverTakesMoreThanItsShare) {
+    const InstanceMap truth = Preload(4);
+    const auto cache = StartCache();
+    std::vector<ServiceId> ids;
+    for (const auto& entry : truth) ids.push_back(entry.first);
+    ProviderOptions options;
+    options.down.minimumCalls = 10;
+    options.down.downTime = std::chrono::seconds(1);
+    InstanceProvider provider(cache, options);
+    ASSERT_NE(provider.Choose(), nullptr);
+    for (int call = 0; call < 9; ++call) call % 3 == 2 ? provider.ReportSuccess(ids[0]) : provider.ReportFailure(ids[0]);
+    EXPECT_FALSE(provider.IsDown(ids[0])) << "no three failures in a row, fewer than ten calls";
+    provider.ReportFailure(ids[0]);
+    EXPECT_TRUE(provider.IsDown(ids[0])) << "seven failures in ten calls";
+    EXPECT_LE(provider.DownFor(ids[0]), std::chrono::seconds(1));
+
+    ASSERT_TRUE(PollUntil([&] { return !provider.IsDown(ids[0]); }, kPatience));
+    for (const ServiceId& id : {ids[0], ids[0], ids[0], ids[1], ids[1], ids[1], ids[2], ids[2], ids[2]}) {
+        provider.ReportFailure(id);
+    }
+    EXPECT_GT(provider.DownFor(ids[0]), std::chrono::seconds(1));
+    EXPECT_TRUE(provider.IsDown(ids[1]));
+    EXPECT_FALSE(provider.IsDown(ids[2])) << "half of the four are out already";
+    EXPECT_TRUE(provider.Panicking());
+    std::set<ServiceId> chosen;
+    for (int i = 0; i < 100; ++i) chosen.insert(provider.Choose()->Id());
+    EXPECT_EQ(chosen, (std::set<ServiceId>{ids[2], ids[3]}));
 }
 
 // Sticky: one instance for every thread until it is drained or leaves.

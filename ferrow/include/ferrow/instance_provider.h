@@ -28,9 +28,10 @@
 // alike. A record that sets no weight counts as kDefaultWeight (1): only an
 // explicit weight of 0 drains. Within the group the strategy chooses.
 //
-// Down instances. ReportFailure counts a failed call on an instance; after
-// `errorThreshold` failures within `errorWindow` the instance is down for
-// `downTime` and skipped, then tried again with its count cleared. Its load
+// Down instances. ReportFailure and ReportSuccess count the outcomes of
+// calls; DownInstancePolicy says when they eject an instance (make it down)
+// and for how long; then it is skipped, and tried again with its counts
+// cleared once the time is over. Its load
 // is shared by the instances that are up in proportion, by every strategy,
 // as if it were not there: one failure never doubles the load on a
 // neighbour. When every accepted instance of every group is down,
@@ -88,10 +89,28 @@ enum class NoChoice {
     kAllDown,      // every instance the filter accepts is down (and whenAllDown is kChooseNone)
 };
 
+// When an instance is ejected (down) and for how long. Only what the
+// program reports counts: ReportFailure and ReportSuccess.
 struct DownInstancePolicy {
-    int errorThreshold = 3;                         // failures ...
-    std::chrono::milliseconds errorWindow{10'000};  // ... within this time
-    std::chrono::milliseconds downTime{30'000};     // make it down this long
+    // Failures in a row, none older than errorWindow (a success ends the
+    // row), that eject an instance.
+    int errorThreshold = 3;
+    std::chrono::milliseconds errorWindow{10'000};
+    // Also ejected: an instance whose calls within errorWindow, at least
+    // minimumCalls of them, failed in this share or more. 0 calls: off.
+    int minimumCalls = 0;
+    double failureRate = 0.5;
+    // The first ejection lasts downTime; each one of the same instance that
+    // follows doubles it, up to maxDownTime; each downTime it then behaves
+    // takes one doubling back.
+    std::chrono::milliseconds downTime{30'000};
+    std::chrono::milliseconds maxDownTime{300'000};
+    // Never more than this share of the instances the filter accepts is
+    // ejected at once: a failure that would eject one more ejects nothing,
+    // and the instance stays in the rotation (panic mode, see Panicking).
+    // So a service-wide error spike never leaves fewer than this share of
+    // the instances to choose from. 1.0: any number.
+    double maxEjectedShare = 0.5;
 };
 
 struct ProviderOptions {
@@ -130,11 +149,19 @@ public:
     // newer version, and reads the clock).
     [[nodiscard]] NoChoice WhyNone();
 
-    // A call to the instance `id` failed. Unknown ids count too: an instance
-    // that comes back within the window keeps its count.
+    // A call to the instance `id` failed, or succeeded. Unknown ids count
+    // too: an instance that comes back within the window keeps its count.
+    // About one uncontended lock and one hash lookup each: cheap enough to
+    // report every call.
     void ReportFailure(const ServiceId& id);
-    // Whether `id` is down now.
+    void ReportSuccess(const ServiceId& id);
+    // Whether `id` is down now, and for how much longer (zero when up).
     [[nodiscard]] bool IsDown(const ServiceId& id) const;
+    [[nodiscard]] std::chrono::milliseconds DownFor(const ServiceId& id) const;
+    // Whether the latest failure that should have ejected an instance did
+    // not, because maxEjectedShare was reached; false again once an
+    // ejection is made.
+    [[nodiscard]] bool Panicking() const { return m_panicking.load(std::memory_order_relaxed); }
 
     struct Plan;
     struct Health;
@@ -150,8 +177,12 @@ private:
     // Gives `slot` the latest plan.
     void Refresh(ThreadSlot& slot);
     std::shared_ptr<const Plan> BuildPlan(SnapshotPtr snapshot);
-    // The oldest failure time `now` still counts.
-    std::int64_t WindowStart(std::int64_t now) const;
+    // Requires m_healthMtx held. Counts one call of `health` at `now`,
+    // starting a new window when the last one is over.
+    void CountCall(Health& health, std::int64_t now, bool failed) const;
+    // Requires m_healthMtx held. Ejects `health` at `now` unless the share
+    // of ejected instances forbids it.
+    void Eject(Health& health, std::int64_t now);
     // Requires m_healthMtx held. The health record of `id`, made if missing.
     const std::shared_ptr<Health>& HealthOf(const ServiceId& id);
     // The index in the plan of the instance to choose, or Plan::kNone;
@@ -171,6 +202,10 @@ private:
 
     mutable std::mutex m_healthMtx;  // guards m_health and each Health's failures
     std::unordered_map<ServiceId, std::shared_ptr<Health>> m_health;
+
+    // The number of accepted instances in the latest plan, for maxEjectedShare.
+    std::atomic<std::size_t> m_accepted{0};
+    std::atomic<bool> m_panicking{false};
 
     // Sticky: the plan version (low half) and index (high half) of the choice.
     std::atomic<std::uint64_t> m_sticky{0};
