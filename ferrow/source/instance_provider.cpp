@@ -200,16 +200,14 @@ std::size_t InstanceProvider::ChooseIn(Choosing& choosing, std::size_t group, bo
         if (!weighted) return std::uint64_t{1};
         return plan.entries[index].cumulativeWeight - (index == begin ? 0 : plan.entries[index - 1].cumulativeWeight);
     };
+    const auto first = plan.entries.begin() + static_cast<std::ptrdiff_t>(begin);
     for (int draw = 0; draw < kDraws; ++draw) {
-        std::size_t index = begin + static_cast<std::size_t>(Random() % count);
-        if (weighted) {
-            const auto first = plan.entries.begin() + static_cast<std::ptrdiff_t>(begin);
-            const std::uint64_t point = Random() % total;
-            index = begin + static_cast<std::size_t>(
-                                std::upper_bound(first, first + static_cast<std::ptrdiff_t>(count), point,
-                                                 [](std::uint64_t p, const Plan::Entry& e) { return p < e.cumulativeWeight; }) -
-                                first);
-        }
+        const std::size_t index =
+            weighted ? begin + static_cast<std::size_t>(
+                                   std::upper_bound(first, first + static_cast<std::ptrdiff_t>(count), Random() % total,
+                                                    [](std::uint64_t p, const Plan::Entry& e) { return p < e.cumulativeWeight; }) -
+                                   first)
+                     : begin + static_cast<std::size_t>(Random() % count);
         if (up(index)) return index;
     }
     std::uint64_t upTotal = 0;
@@ -413,6 +411,11 @@ void InstanceProvider::Eject(Health& health, std::int64_t now) {
     std::size_t down = 0;
     for (const auto& entry : m_health) down += entry.second->downUntil.load(std::memory_order_relaxed) > now ? 1 : 0;
     const std::size_t accepted = m_accepted.load(std::memory_order_relaxed);
+    // Counted afresh either way: a refused instance is judged again on its
+    // next failures, not on every one of them.
+    health.row = 0;
+    health.calls = 0;
+    health.failed = 0;
     if (accepted > 0 && static_cast<double>(down + 1) > policy.maxEjectedShare * static_cast<double>(accepted)) {
         m_panicking.store(true, std::memory_order_relaxed);
         return;
@@ -423,9 +426,6 @@ void InstanceProvider::Eject(Health& health, std::int64_t now) {
     const std::int64_t time = std::min(longest, Nanos(policy.downTime) << std::min(doublings, 20));
     health.ejections = doublings + 1;
     health.downUntil.store(now + std::max<std::int64_t>(time, 0), std::memory_order_relaxed);
-    health.row = 0;
-    health.calls = 0;
-    health.failed = 0;
 }
 
 bool InstanceProvider::IsDown(const ServiceId& id) const { return DownFor(id) > std::chrono::milliseconds(0); }
