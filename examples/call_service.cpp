@@ -6,7 +6,9 @@
 // Prints one line per call (default 3): "call N host:port", or "call N: no
 // instance available". An instance whose record has the metadata entry
 // fail=yes stands for one whose calls fail: each failure is reported, and
-// after three within ten seconds the provider skips the instance for thirty.
+// after three in a row the provider skips the instance for thirty seconds.
+// Here any share of the instances may be skipped, even a service's only
+// one; by default at most half are (see DownInstancePolicy).
 
 #include <chrono>
 #include <iostream>
@@ -56,6 +58,7 @@ int main(int argc, char** argv) {
         ProviderOptions choice;
         choice.strategy = ChoiceStrategy::kRoundRobin;
         if (argc > 4) choice.zone = argv[4];  // this zone first, others when it has none
+        choice.down.maxEjectedShare = 1.0;
         InstanceProvider provider(cache, choice);
 
         for (int call = 1; call <= calls; ++call) {
