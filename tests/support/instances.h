@@ -101,9 +101,11 @@ inline std::shared_ptr<ferrow::ZooKeeperConnection> Connect(const std::string& c
 }
 
 // The bytes of node `path`, or nothing when it does not exist; throws
-// std::runtime_error on any other failure.
-inline std::optional<String> ReadNode(const ferrow::Connection& conn, const std::string& path) {
-    String bytes(ferrow::kInstanceReadCapacity, '\0');
+// std::runtime_error on any other failure, a node above `capacity` bytes
+// included.
+inline std::optional<String> ReadNode(const ferrow::Connection& conn, const std::string& path,
+                                      size_t capacity = ferrow::kInstanceReadCapacity) {
+    String bytes(capacity, '\0');
     const int rc = conn.Get(path, bytes, nullptr);
     if (rc == ZNONODE) return std::nullopt;
     Check(rc, "get", path);
@@ -187,7 +189,9 @@ public:
         for (const String& child : children) {
             ferrow::ServiceId id;
             if (!boost::conversion::try_lexical_convert(child, id)) continue;
-            const std::optional<String> bytes = ReadNode(*m_conn, m_servicePath + "/" + child);
+            // Records written here are small: a buffer of 1 MiB per node made
+            // reading thousands slow under the sanitizers.
+            const std::optional<String> bytes = ReadNode(*m_conn, m_servicePath + "/" + child, 64 * 1024);
             if (bytes) truth[id] = ferrow::DecodeInstanceData(*bytes);  // else deleted since the listing
         }
         return truth;
