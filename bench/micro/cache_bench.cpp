@@ -40,10 +40,14 @@ public:
         m_watcher.Start();
         std::vector<std::string> children;
         for (const ServiceId& id : RandomIds(count)) children.push_back(boost::uuids::to_string(id));
+        // The children read, among the reads of the sync tracker a cache asks.
+        std::size_t listing = 0;
+        while (!m_conn->At(listing).childrenResult) ++listing;
         const std::size_t first = m_conn->RequestCount();
-        m_conn->FireChildren(first - 1, ZOK, children);
+        m_conn->FireChildren(listing, ZOK, children);
         for (std::size_t request = first; request < m_conn->RequestCount(); ++request) {
             const std::string path = m_conn->At(request).path;
+            if (!m_conn->At(request).watch) continue;  // a read of the sync tracker
             const ServiceId id = boost::uuids::string_generator()(path.substr(path.rfind('/') + 1));
             m_ids.push_back(id);
             m_dataRequest[id] = request;
