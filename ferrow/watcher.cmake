@@ -8,6 +8,7 @@ add_library(ferrow
   source/instance_table.cpp
   source/service_cache.cpp
   source/instance_provider.cpp
+  source/provider_plan.cpp
   source/access_control.cpp
   source/zlib.cpp
   source/instance_data.cpp

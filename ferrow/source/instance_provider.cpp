@@ -3,45 +3,14 @@
 #include <algorithm>
 #include <random>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 #include <vector>
 
+#include "logger/logger.h"
+#include "provider_plan.h"
+
 namespace jx {
 namespace ferrow {
-
-// What the provider knows of one instance's calls. Plans point to it; the
-// provider keeps it while the instance is in the cache or still counting.
-struct InstanceProvider::Health {
-    // steady_clock nanoseconds until which the instance is down; 0: never was.
-    std::atomic<std::int64_t> downUntil{0};
-    // The fields below are guarded by m_healthMtx.
-    int row = 0;                 // failures in a row ...
-    std::int64_t rowStart = 0;   // ... since this time
-    std::int64_t callsSince = 0;  // the window of calls counted below
-    int calls = 0;
-    int failed = 0;
-    int ejections = 0;  // ejections in a row, before they wear off (Doublings)
-    // The newest version of a plan that included it.
-    std::uint64_t seenIn = 0;
-};
-
-// The accepted instances of one snapshot, by group of preference (see the
-// header), with what Choose needs to decide without a lock.
-struct InstanceProvider::Plan {
-    struct Entry {
-        const CachedInstance* instance;  // kept alive by `snapshot`
-        std::shared_ptr<Health> health;
-        std::uint64_t cumulativeWeight;  // within its group, up to this entry
-    };
-    static constexpr std::size_t kGroups = 4;
-    static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
-
-    SnapshotPtr snapshot;
-    std::uint64_t version = 0;
-    std::vector<Entry> entries;
-    std::size_t groupStart[kGroups + 1] = {};  // group g is [groupStart[g], groupStart[g + 1])
-};
 
 // One thread's plan of one provider, and its round-robin position there.
 struct InstanceProvider::ThreadSlot {
@@ -54,15 +23,20 @@ struct InstanceProvider::ThreadSlot {
     std::uint64_t turn = 0;
 };
 
-// One Choose call: its thread's slot, and the clock once it was read.
+// One Choose call: its thread's slot, its key, and the clock once it was
+// read.
 struct InstanceProvider::Choosing {
     ThreadSlot& slot;
+    bool keyed = false;
+    std::uint64_t keyHash = 0;
     std::int64_t now = 0;  // read at the first down instance met
 };
 
 namespace {
 
 using Plan = InstanceProvider::Plan;
+
+const logging::ConstSourcePtr g_log = logging::MakeSource("ferrow.provider");
 
 std::int64_t NowNs() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
@@ -113,6 +87,39 @@ bool DownNow(const Plan::Entry& entry, std::int64_t& now) {
     return until > now;
 }
 
+// Whether the entry may be chosen: up, or `evenDown`.
+bool Up(const Plan::Entry& entry, bool evenDown, std::int64_t& now) { return evenDown || !DownNow(entry, now); }
+
+// The weight the entry is drawn by within [begin, ...): its own, or 1 when
+// `weighted` is false.
+std::uint64_t WeightAt(const Plan& plan, std::size_t begin, std::size_t index, bool weighted) {
+    if (!weighted) return 1;
+    return plan.entries[index].cumulativeWeight - (index == begin ? 0 : plan.entries[index - 1].cumulativeWeight);
+}
+
+// The entry of [begin, begin + count) that `point` falls on among those that
+// may be chosen, each taking its weight's share; Plan::kNone when none may.
+std::size_t AmongUp(const Plan& plan, std::size_t begin, std::size_t count, bool weighted, bool evenDown,
+                    std::int64_t& now, std::uint64_t point) {
+    std::uint64_t upTotal = 0;
+    for (std::size_t index = begin; index < begin + count; ++index) {
+        upTotal += Up(plan.entries[index], evenDown, now) ? WeightAt(plan, begin, index, weighted) : 0;
+    }
+    if (upTotal == 0) return Plan::kNone;
+    point %= upTotal;
+    std::size_t last = Plan::kNone;
+    for (std::size_t index = begin; index < begin + count; ++index) {
+        if (!Up(plan.entries[index], evenDown, now)) continue;
+        // A failure reported meanwhile may leave the point unspent: the
+        // last instance that was up stands.
+        last = index;
+        const std::uint64_t weight = WeightAt(plan, begin, index, weighted);
+        if (point < weight) return index;
+        point -= weight;
+    }
+    return last;
+}
+
 std::uint64_t StickyKey(std::uint64_t version, std::size_t index) {
     return (static_cast<std::uint64_t>(index) << 32) | (version & 0xffffffffULL);
 }
@@ -134,6 +141,19 @@ std::uint64_t StickyVersion(std::uint64_t key) { return key & 0xffffffffULL; }
 // Draws of a random or weighted choice before the instances that are up are
 // counted instead: with half of them down, 1 choice in 256 gets that far.
 constexpr int kDraws = 8;
+// Points of the ring walked past a key's own before its instance is chosen
+// among those that are up instead: with half of them down, a key in 2^32.
+constexpr std::size_t kRingWalk = 32;
+
+String What(const std::exception_ptr& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const std::exception& e) {
+        return e.what();
+    } catch (...) {
+        return "an exception that is not a std::exception";
+    }
+}
 
 // The index a sticky key holds for the plan of `version`, or Plan::kNone when
 // it names a choice in another plan.
@@ -149,17 +169,39 @@ InstanceProvider::InstanceProvider(std::shared_ptr<const ServiceCache> cache, Pr
     if (m_options.down.errorThreshold < 1) throw std::invalid_argument("errorThreshold must be at least 1");
 }
 
-InstanceProvider::~InstanceProvider() = default;
+InstanceProvider::~InstanceProvider() {
+    {
+        std::lock_guard<std::mutex> lock(m_planMtx);
+        m_stopping = true;
+    }
+    m_wake.notify_all();
+    if (m_builder.joinable()) m_builder.join();
+}
 
 InstancePtr InstanceProvider::Choose() {
     Choosing choosing{CurrentSlot()};
-    const Plan& plan = *choosing.slot.plan;
+    return ChooseWith(choosing);
+}
+
+InstancePtr InstanceProvider::Choose(std::string_view key) {
+    if (m_options.strategy != ChoiceStrategy::kByKey) {
+        throw std::logic_error("InstanceProvider::Choose(key) needs ChoiceStrategy::kByKey");
+    }
+    Choosing choosing{CurrentSlot(), true, KeyHash(key)};
+    return ChooseWith(choosing);
+}
+
+InstancePtr InstanceProvider::ChooseWith(Choosing& choosing) {
     if (m_options.strategy == ChoiceStrategy::kSticky) return ChooseSticky(choosing);
     std::size_t index = ChooseIndex(choosing, false);
     if (index == Plan::kNone && m_options.whenAllDown == WhenAllDown::kChooseAmongDown) {
         index = ChooseIndex(choosing, true);
     }
-    return index == Plan::kNone ? nullptr : Hand(choosing.slot, plan.entries[index]);
+    if (index == Plan::kNone) return nullptr;
+    const Plan::Entry& entry = choosing.slot.plan->entries[index];
+    if (m_options.strategy == ChoiceStrategy::kLeastRequest)
+        entry.health->inFlight.fetch_add(1, std::memory_order_relaxed);
+    return Hand(choosing.slot, entry);
 }
 
 std::size_t InstanceProvider::ChooseIndex(Choosing& choosing, bool evenDown) {
@@ -175,55 +217,78 @@ std::size_t InstanceProvider::ChooseIn(Choosing& choosing, std::size_t group, bo
     const std::size_t begin = plan.groupStart[group];
     const std::size_t count = plan.groupStart[group + 1] - begin;
     if (count == 0) return Plan::kNone;
-    const auto up = [&](std::size_t index) { return evenDown || !DownNow(plan.entries[index], choosing.now); };
-    if (m_options.strategy == ChoiceStrategy::kRoundRobin) {
-        // The turn moves only when an instance is chosen, and past every down
-        // instance it skips: each instance that is up gets one turn per
-        // round, and a down one's turn is not handed to its neighbour.
-        const std::uint64_t turn = choosing.slot.turn;
-        for (std::size_t step = 0; step < count; ++step) {
-            const std::size_t index = begin + static_cast<std::size_t>((turn + step) % count);
-            if (!up(index)) continue;
-            choosing.slot.turn = turn + step + 1;
-            return index;
+    switch (m_options.strategy) {
+        case ChoiceStrategy::kRoundRobin: {
+            // The turn moves only when an instance is chosen, and past every
+            // down instance it skips: each instance that is up gets one turn
+            // per round, and a down one's turn is not handed to its neighbour.
+            const std::uint64_t turn = choosing.slot.turn;
+            for (std::size_t step = 0; step < count; ++step) {
+                const std::size_t index = begin + static_cast<std::size_t>((turn + step) % count);
+                if (!Up(plan.entries[index], evenDown, choosing.now)) continue;
+                choosing.slot.turn = turn + step + 1;
+                return index;
+            }
+            return Plan::kNone;
         }
-        return Plan::kNone;
+        case ChoiceStrategy::kLeastRequest: {
+            const std::size_t one = Draw(choosing, group, evenDown);
+            if (one == Plan::kNone || count == 1) return one;
+            const std::size_t other = Draw(choosing, group, evenDown);
+            const auto load = [&](std::size_t index) {
+                return plan.entries[index].health->inFlight.load(std::memory_order_relaxed);
+            };
+            return load(other) < load(one) ? other : one;
+        }
+        case ChoiceStrategy::kByKey:
+            return choosing.keyed ? ByKey(choosing, group, evenDown) : Draw(choosing, group, evenDown);
+        default:
+            return Draw(choosing, group, evenDown);
     }
+}
+
+std::size_t InstanceProvider::Draw(Choosing& choosing, std::size_t group, bool evenDown) {
     // Random, or weighted when the group has weights (only drained groups
     // have none). A draw that meets a down instance is drawn again, so that
     // the instances that are up share the load in proportion, as if the
     // down ones were not there; when most are down, one pass over the group
     // chooses among the others with the same proportions.
+    const Plan& plan = *choosing.slot.plan;
+    const std::size_t begin = plan.groupStart[group];
+    const std::size_t count = plan.groupStart[group + 1] - begin;
     const std::uint64_t total = plan.entries[begin + count - 1].cumulativeWeight;
     const bool weighted = m_options.strategy == ChoiceStrategy::kWeighted && total > 0;
-    const auto weight = [&](std::size_t index) {
-        if (!weighted) return std::uint64_t{1};
-        return plan.entries[index].cumulativeWeight - (index == begin ? 0 : plan.entries[index - 1].cumulativeWeight);
-    };
     const auto first = plan.entries.begin() + static_cast<std::ptrdiff_t>(begin);
     for (int draw = 0; draw < kDraws; ++draw) {
         const std::size_t index =
             weighted ? begin + static_cast<std::size_t>(
-                                   std::upper_bound(first, first + static_cast<std::ptrdiff_t>(count), Random() % total,
-                                                    [](std::uint64_t p, const Plan::Entry& e) { return p < e.cumulativeWeight; }) -
+                                   std::upper_bound(
+                                       first, first + static_cast<std::ptrdiff_t>(count), Random() % total,
+                                       [](std::uint64_t p, const Plan::Entry& e) { return p < e.cumulativeWeight; }) -
                                    first)
                      : begin + static_cast<std::size_t>(Random() % count);
-        if (up(index)) return index;
+        if (Up(plan.entries[index], evenDown, choosing.now)) return index;
     }
-    std::uint64_t upTotal = 0;
-    for (std::size_t index = begin; index < begin + count; ++index) upTotal += up(index) ? weight(index) : 0;
-    if (upTotal == 0) return Plan::kNone;
-    std::uint64_t point = Random() % upTotal;
-    std::size_t last = Plan::kNone;
-    for (std::size_t index = begin; index < begin + count; ++index) {
-        if (!up(index)) continue;
-        // A failure reported meanwhile may leave the point unspent: the
-        // last instance that was up stands.
-        last = index;
-        if (point < weight(index)) return index;
-        point -= weight(index);
+    return AmongUp(plan, begin, count, weighted, evenDown, choosing.now, Random());
+}
+
+std::size_t InstanceProvider::ByKey(Choosing& choosing, std::size_t group, bool evenDown) {
+    // The points after a key's own belong to instances in proportion to
+    // their shares: the keys of a down instance spread over the others as
+    // those of one that left would, and come back to it once it is up.
+    const Plan& plan = *choosing.slot.plan;
+    const Plan::Ring& ring = plan.rings[group];
+    const std::size_t size = ring.points.size();
+    const std::size_t start = RingPoint(ring, choosing.keyHash);
+    for (std::size_t step = 0; step < std::min(size, kRingWalk); ++step) {
+        const std::size_t index = ring.owners[(start + step) % size];
+        if (Up(plan.entries[index], evenDown, choosing.now)) return index;
     }
-    return last;
+    // Most of the group is down: the key keeps one place among those up.
+    const std::size_t begin = plan.groupStart[group];
+    const std::size_t count = plan.groupStart[group + 1] - begin;
+    return AmongUp(plan, begin, count, plan.entries[begin + count - 1].cumulativeWeight > 0, evenDown, choosing.now,
+                   choosing.keyHash);
 }
 
 InstancePtr InstanceProvider::ChooseSticky(Choosing& choosing) {
@@ -256,13 +321,12 @@ InstanceProvider::ThreadSlot& InstanceProvider::CurrentSlot() {
     ThreadPlans& plans = t_plans;
     for (ThreadPlans::Slot& slot : plans.slots) {
         if (slot.provider != m_id) continue;
-        // A filter that throws leaves the slot with its older plan.
-        if (slot.plan->version != version) Refresh(slot);
+        if (slot.plan->version < version) Refresh(slot, version);
         return slot;
     }
-    // A slot is taken over only once the plan is built: a filter that
-    // throws leaves every slot of the thread as it was.
-    std::shared_ptr<const Plan> plan = LatestPlan(nullptr);
+    // A slot is taken over only once there is a plan: a filter that throws
+    // leaves every slot of the thread as it was.
+    std::shared_ptr<const Plan> plan = WaitForPlan(version);
     auto owner = std::make_shared<const PlanOwner>(PlanOwner{plan});
     ThreadPlans::Slot& slot = plans.slots[plans.next++ % ThreadPlans::kSlots];
     slot.provider = m_id;
@@ -273,37 +337,87 @@ InstanceProvider::ThreadSlot& InstanceProvider::CurrentSlot() {
     return slot;
 }
 
-void InstanceProvider::Refresh(ThreadSlot& slot) {
-    std::shared_ptr<const Plan> plan = LatestPlan(slot.plan);
-    if (slot.plan == plan) return;
-    slot.owner = std::make_shared<const PlanOwner>(PlanOwner{plan});
-    slot.plan = std::move(plan);
+void InstanceProvider::Refresh(ThreadSlot& slot, std::uint64_t version) {
+    if (m_planVersion.load(std::memory_order_acquire) > slot.plan->version) {
+        std::shared_ptr<const Plan> plan;
+        {
+            std::lock_guard<std::mutex> lock(m_planMtx);
+            plan = m_plan;
+        }
+        slot.owner = std::make_shared<const PlanOwner>(PlanOwner{plan});
+        slot.plan = std::move(plan);
+    }
+    if (slot.plan->version < version) Request(version);
 }
 
-std::shared_ptr<const Plan> InstanceProvider::LatestPlan(const std::shared_ptr<const Plan>& current) {
-    const std::uint64_t version = m_cache->Version();
+void InstanceProvider::Request(std::uint64_t version) {
+    // Once per version: the threads that meet it later see it requested.
+    if (m_requested.load(std::memory_order_relaxed) >= version) return;
     {
         std::lock_guard<std::mutex> lock(m_planMtx);
-        if (m_plan && m_plan->version >= version) return m_plan;
+        if (m_requested.load(std::memory_order_relaxed) >= version) return;
+        m_requested.store(version, std::memory_order_relaxed);
+        StartBuilder();
     }
-    // One thread builds each plan, so that the filter runs once per instance
-    // and version however many threads choose; one that has a plan chooses
-    // from it meanwhile, one without waits.
-    std::unique_lock<std::mutex> building(m_buildMtx, std::defer_lock);
-    if (!current) {
-        building.lock();
-    } else if (!building.try_lock()) {
-        return current;
+    m_wake.notify_one();
+}
+
+void InstanceProvider::StartBuilder() {
+    // The thread is joined by the destructor: it never outlives `this`.
+    if (!m_builder.joinable() && !m_stopping) m_builder = std::thread([this] { BuildPlans(); });
+}
+
+std::shared_ptr<const InstanceProvider::Plan> InstanceProvider::WaitForPlan(std::uint64_t version) {
+    std::unique_lock<std::mutex> lock(m_planMtx);
+    const auto ready = [&] { return m_plan && m_plan->version >= version; };
+    if (ready()) return m_plan;
+    const std::uint64_t failures = m_failures;
+    if (m_requested.load(std::memory_order_relaxed) < version) m_requested.store(version, std::memory_order_relaxed);
+    // An attempt at this version failed: one more. One not yet made or
+    // under way serves every thread that waits for it.
+    if (m_attempted >= version) m_retry = true;
+    StartBuilder();
+    m_wake.notify_one();
+    m_built.wait(lock, [&] { return ready() || m_failures != failures; });
+    if (ready()) return m_plan;
+    std::rethrow_exception(m_failure);
+}
+
+void InstanceProvider::BuildPlans() {
+    std::unique_lock<std::mutex> lock(m_planMtx);
+    for (;;) {
+        m_wake.wait(lock,
+                    [&] { return m_stopping || m_retry || m_requested.load(std::memory_order_relaxed) > m_attempted; });
+        if (m_stopping) return;
+        m_retry = false;
+        lock.unlock();
+        // The filter runs in BuildPlan, with no lock held.
+        SnapshotPtr snapshot = m_cache->Snapshot();
+        const std::uint64_t version = snapshot->Version();
+        std::shared_ptr<const Plan> plan;
+        std::exception_ptr failure;
+        try {
+            plan = BuildPlan(std::move(snapshot));
+        } catch (...) {
+            failure = std::current_exception();
+            JXLOG(logging::JXLOG_ERROR, g_log) << "Instance filter failed, choosing from the previous view instead "
+                                                  "of version "
+                                               << version << ": " << What(failure);
+        }
+        lock.lock();
+        m_attempted = std::max(m_attempted, version);
+        if (plan) {
+            Install(std::move(plan));
+        } else {
+            m_failure = failure;
+            ++m_failures;
+        }
+        m_built.notify_all();
     }
-    SnapshotPtr snapshot = m_cache->Snapshot();
-    {
-        std::lock_guard<std::mutex> lock(m_planMtx);
-        if (m_plan && m_plan->version >= snapshot->Version()) return m_plan;  // built meanwhile
-    }
-    // The filter runs in it: no lock that a choice takes is held.
-    std::shared_ptr<const Plan> plan = BuildPlan(std::move(snapshot));
-    std::lock_guard<std::mutex> lock(m_planMtx);
-    if (m_plan && m_plan->version >= plan->version) return m_plan;
+}
+
+void InstanceProvider::Install(std::shared_ptr<const Plan> plan) {
+    if (m_plan && m_plan->version >= plan->version) return;
     // The sticky choice follows its instance into the new plan.
     const std::uint64_t key = m_sticky.load(std::memory_order_acquire);
     const std::size_t held = m_plan ? StickyIndex(key, m_plan->version) : Plan::kNone;
@@ -316,12 +430,12 @@ std::shared_ptr<const Plan> InstanceProvider::LatestPlan(const std::shared_ptr<c
             break;
         }
     }
-    m_plan = plan;
     m_accepted.store(plan->entries.size(), std::memory_order_relaxed);
-    return plan;
+    m_plan = std::move(plan);
+    m_planVersion.store(m_plan->version, std::memory_order_release);
 }
 
-std::shared_ptr<const Plan> InstanceProvider::BuildPlan(SnapshotPtr snapshot) {
+std::shared_ptr<const InstanceProvider::Plan> InstanceProvider::BuildPlan(SnapshotPtr snapshot) {
     auto plan = std::make_shared<Plan>();
     plan->version = snapshot->Version();
     // The filter is the caller's code: it runs with no lock held.
@@ -333,27 +447,32 @@ std::shared_ptr<const Plan> InstanceProvider::BuildPlan(SnapshotPtr snapshot) {
         const bool drained = instance->Weight() == 0;
         groups[(drained ? 2 : 0) + (elsewhere ? 1 : 0)].push_back(instance.get());
     }
-    std::lock_guard<std::mutex> lock(m_healthMtx);
-    for (std::size_t group = 0; group < Plan::kGroups; ++group) {
-        plan->groupStart[group] = plan->entries.size();
-        std::uint64_t cumulative = 0;
-        for (const CachedInstance* instance : groups[group]) {
-            const std::shared_ptr<Health>& health = HealthOf(instance->Id());
-            health->seenIn = std::max(health->seenIn, plan->version);
-            cumulative += instance->Weight();
-            plan->entries.push_back(Plan::Entry{instance, health, cumulative});
+    {
+        std::lock_guard<std::mutex> lock(m_healthMtx);
+        for (std::size_t group = 0; group < Plan::kGroups; ++group) {
+            plan->groupStart[group] = plan->entries.size();
+            std::uint64_t cumulative = 0;
+            for (const CachedInstance* instance : groups[group]) {
+                const std::shared_ptr<Health>& health = HealthOf(instance->Id());
+                health->seenIn = std::max(health->seenIn, plan->version);
+                cumulative += instance->Weight();
+                plan->entries.push_back(Plan::Entry{instance, health, cumulative});
+            }
+        }
+        plan->groupStart[Plan::kGroups] = plan->entries.size();
+        // Forget instances that left and have nothing left to count.
+        const std::int64_t now = NowNs();
+        const std::int64_t windowStart = now - Nanos(m_options.down.errorWindow);
+        for (auto it = m_health.begin(); it != m_health.end();) {
+            const Health& health = *it->second;
+            const bool counting = health.downUntil.load() > now || (health.row > 0 && health.rowStart > windowStart) ||
+                                  (health.calls > 0 && health.callsSince > windowStart) ||
+                                  Doublings(health, now, m_options.down) > 0;
+            it = health.seenIn < plan->version && !counting ? m_health.erase(it) : std::next(it);
         }
     }
-    plan->groupStart[Plan::kGroups] = plan->entries.size();
-    // Forget instances that left and have nothing left to count; a plan of an
-    // older version, built at the same time, forgets none that a newer has.
-    const std::int64_t now = NowNs();
-    const std::int64_t windowStart = now - Nanos(m_options.down.errorWindow);
-    for (auto it = m_health.begin(); it != m_health.end();) {
-        const Health& health = *it->second;
-        const bool counting = health.downUntil.load() > now || (health.row > 0 && health.rowStart > windowStart) ||
-                              (health.calls > 0 && health.callsSince > windowStart) || Doublings(health, now, m_options.down) > 0;
-        it = health.seenIn < plan->version && !counting ? m_health.erase(it) : std::next(it);
+    if (m_options.strategy == ChoiceStrategy::kByKey) {
+        for (std::size_t group = 0; group < Plan::kGroups; ++group) plan->rings[group] = BuildRing(*plan, group, m_ringScale[group]);
     }
     plan->snapshot = std::move(snapshot);
     return plan;
@@ -366,7 +485,7 @@ const std::shared_ptr<InstanceProvider::Health>& InstanceProvider::HealthOf(cons
 }
 
 NoChoice InstanceProvider::WhyNone() {
-    const std::shared_ptr<const Plan> plan = LatestPlan(nullptr);
+    const std::shared_ptr<const Plan> plan = WaitForPlan(m_cache->Version());
     if (plan->snapshot.empty()) return m_cache->IsSynced() ? NoChoice::kEmpty : NoChoice::kNotSynced;
     return plan->entries.empty() ? NoChoice::kAllFiltered : NoChoice::kAllDown;
 }
@@ -375,6 +494,7 @@ void InstanceProvider::ReportFailure(const ServiceId& id) {
     const std::int64_t now = NowNs();
     std::lock_guard<std::mutex> lock(m_healthMtx);
     Health& health = *HealthOf(id);
+    EndCall(health);
     if (health.downUntil.load(std::memory_order_relaxed) > now) return;  // ejected already: calls in flight
     CountCall(health, now, true);
     if (health.row == 0 || health.rowStart <= now - Nanos(m_options.down.errorWindow)) {
@@ -392,8 +512,25 @@ void InstanceProvider::ReportSuccess(const ServiceId& id) {
     const std::int64_t now = NowNs();
     std::lock_guard<std::mutex> lock(m_healthMtx);
     Health& health = *HealthOf(id);
+    EndCall(health);
     CountCall(health, now, false);
     health.row = 0;
+}
+
+void InstanceProvider::ReportEnd(const ServiceId& id) {
+    if (m_options.strategy != ChoiceStrategy::kLeastRequest) return;
+    std::lock_guard<std::mutex> lock(m_healthMtx);
+    const auto it = m_health.find(id);
+    if (it != m_health.end()) EndCall(*it->second);
+}
+
+void InstanceProvider::EndCall(Health& health) const {
+    if (m_options.strategy != ChoiceStrategy::kLeastRequest) return;
+    // Never below zero: a report of a call chosen before the instance's
+    // record was forgotten, or reported twice, ends nothing.
+    std::int64_t calls = health.inFlight.load(std::memory_order_relaxed);
+    while (calls > 0 && !health.inFlight.compare_exchange_weak(calls, calls - 1, std::memory_order_relaxed)) {
+    }
 }
 
 void InstanceProvider::CountCall(Health& health, std::int64_t now, bool failed) const {

@@ -292,7 +292,8 @@ TEST_F(CacheTest, DownInstancesShareTheirLoadInProportionAndAThrowingFilterLeave
     std::thread([&] {
         const auto only = [&](const ServiceId& id, bool throwOnce) {
             ProviderOptions options;
-            options.filter = [id, throwOnce, thrown = std::make_shared<std::atomic<bool>>(false)](const CachedInstance& i) {
+            options.filter = [id, throwOnce,
+                              thrown = std::make_shared<std::atomic<bool>>(false)](const CachedInstance& i) {
                 if (throwOnce && !thrown->exchange(true)) throw std::runtime_error("filter");
                 return i.Id() == id;
             };
@@ -307,31 +308,128 @@ TEST_F(CacheTest, DownInstancesShareTheirLoadInProportionAndAThrowingFilterLeave
     }).join();
 }
 
-// Threads that meet a new version at once build its plan once: the filter
-// runs once per instance, however many threads choose.
-TEST_F(CacheTest, TheFilterRunsOncePerInstanceWhateverTheThreads) {
+// The provider's thread builds each version's plan, running the filter once
+// per instance whatever the number of choosing threads; while it builds,
+// choices go on from the previous plan, never waiting for the filter.
+TEST_F(CacheTest, ChoicesNeverWaitForAPlanAndTheFilterRunsOncePerInstance) {
     Preload(20);
     const auto cache = StartCache();
     std::mutex mtx;
     std::condition_variable cv;
-    std::set<std::thread::id> inside;  // guarded by mtx
+    bool open = true;                  // guarded by mtx
     int calls = 0;                     // guarded by mtx
+    std::set<std::thread::id> inside;  // guarded by mtx
     ProviderOptions options;
     options.filter = [&](const CachedInstance&) {
         std::unique_lock<std::mutex> lock(mtx);
         ++calls;
-        // A builder on each thread would meet the others here.
-        if (inside.insert(std::this_thread::get_id()).second) {
-            cv.notify_all();
-            cv.wait_for(lock, std::chrono::seconds(1), [&] { return inside.size() == 4; });
-        }
+        inside.insert(std::this_thread::get_id());
+        cv.notify_all();
+        cv.wait(lock, [&] { return open; });
         return true;
     };
     InstanceProvider provider(cache, options);
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) threads.emplace_back([&] { EXPECT_NE(provider.Choose(), nullptr); });
+    EXPECT_NE(provider.Choose(), nullptr);  // this thread's plan
     for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(calls, 20);
+
+    std::unique_lock<std::mutex> lock(mtx);
+    open = false;
+    lock.unlock();
+    // Opens the filter in any case, so that a choice that waits fails the
+    // test instead of hanging it.
+    std::atomic<bool> chosen{false}, forced{false};
+    std::thread opener([&] {
+        forced = !PollUntil([&] { return chosen.load(); }, kPatience);
+        std::lock_guard<std::mutex> guard(mtx);
+        open = true;
+        cv.notify_all();
+    });
+    writer.Create(g_generate(), MakeRecord(20));
+    ASSERT_TRUE(PollUntil([&] { return cache->Snapshot()->size() == 21; }, kPatience));
+    EXPECT_NE(provider.Choose(), nullptr);  // asks for the new plan
+    lock.lock();
+    EXPECT_TRUE(cv.wait_for(lock, kPatience, [&] { return calls > 20; }));
+    lock.unlock();
+    for (int i = 0; i < 100; ++i) EXPECT_NE(provider.Choose(), nullptr);
+    chosen = true;
+    opener.join();
+    EXPECT_FALSE(forced) << "a choice waited for the filter";
+    EXPECT_TRUE(PollUntil([&] { return std::lock_guard<std::mutex>(mtx), calls == 41; }, kPatience));
+    EXPECT_EQ(inside.size(), 1u);
+}
+
+// Least request gives an instance with calls in flight fewer new ones (it
+// must lose both draws), and the same share again once its calls end.
+TEST_F(CacheTest, LeastRequestFavoursTheInstancesWithFewerCallsInFlight) {
+    Preload(4);
+    const auto cache = StartCache();
+    InstanceProvider provider(cache, Using(ChoiceStrategy::kLeastRequest));
+    const ServiceId slow = provider.Choose()->Id();  // held in flight, with nine more below
+    const auto share = [&](int times, int hold) {
+        int chosen = 0;
+        for (int i = 0; i < times; ++i) {
+            const ServiceId id = provider.Choose()->Id();
+            chosen += id == slow;
+            if (id != slow || hold-- <= 0) provider.ReportSuccess(id);
+        }
+        return chosen;
+    };
+    share(10000, 9);
+    EXPECT_NEAR(share(16000, 0), 1000, 150) << "one in sixteen: both draws on the slow one";
+    for (int i = 0; i < 8; ++i) provider.ReportEnd(slow);
+    for (int i = 0; i < 2; ++i) provider.ReportFailure(slow);  // outcomes end calls too
+    EXPECT_NEAR(share(4000, 0), 1000, 150);
+}
+
+// A key keeps its instance while that stays, in every provider alike; when
+// one leaves, only its keys move, and a new one takes about its share.
+TEST_F(CacheTest, KeysKeepTheirInstanceAndOnlyTheirShareMoves) {
+    const auto equal = [](int seed) {
+        ServiceInstanceData record = MakeRecord(seed);
+        record.set_weight(1);
+        return record;
+    };
+    InstanceMap truth;
+    for (int i = 0; i < 10; ++i) truth.emplace(g_generate(), equal(i));
+    writer.CreateAll(truth);
+    const auto cache = StartCache();
+    InstanceProvider byKey(cache, Using(ChoiceStrategy::kByKey));
+    InstanceProvider another(cache, Using(ChoiceStrategy::kByKey));
+    EXPECT_THROW((void)InstanceProvider(cache).Choose("user-1"), std::logic_error);
+    const auto place = [&](InstanceProvider& provider) {
+        std::map<std::string, ServiceId> placed;
+        for (int key = 0; key < 5000; ++key) {
+            const std::string name = "user-" + std::to_string(key);
+            placed[name] = provider.Choose(name)->Id();
+        }
+        return placed;
+    };
+    const auto before = place(byKey);
+    EXPECT_EQ(place(another), before);
+    const auto moved = [&](const std::map<std::string, ServiceId>& after, const ServiceId& from, const ServiceId& to) {
+        int count = 0;
+        for (const auto& [key, id] : after) {
+            if (id == before.at(key)) continue;
+            ++count;
+            EXPECT_TRUE(before.at(key) == from || id == to) << key << " moved between instances that stayed";
+        }
+        return count;
+    };
+    const ServiceId gone = truth.begin()->first;
+    writer.Remove(gone);
+    std::map<std::string, ServiceId> after;
+    const auto holds = [&](const ServiceId& id) {
+        after = place(byKey);
+        return std::any_of(after.begin(), after.end(), [&](const auto& entry) { return entry.second == id; });
+    };
+    ASSERT_TRUE(PollUntil([&] { return !holds(gone); }, kPatience));
+    EXPECT_NEAR(moved(after, gone, ServiceId()), 500, 250);
+    const ServiceId joined = g_generate();
+    writer.Create(joined, equal(10));
+    ASSERT_TRUE(PollUntil([&] { return holds(joined); }, kPatience));
+    EXPECT_NEAR(moved(after, gone, joined), 1000, 250) << "the gone one's keys and about a tenth of the rest";
 }
 
 // Outcomes decide ejection: a success ends a row of failures, a failure rate
