@@ -1,7 +1,8 @@
-# Run by ctest in script mode: cmake -DBENCH=<ferrow_bench_e2e> -P smoke_check.cmake
+# Run by ctest in script mode:
+#   cmake -DBENCH=<ferrow_bench_e2e> -DBALANCE=<ferrow_bench_balance> -P smoke_check.cmake
 # Runs the end-to-end benchmark at its smoke sizes (with its own throwaway
 # server) and fails unless it exits 0 and prints the RESULT line of every
-# figure for the four clients.
+# figure for the four clients; then the balance simulation, likewise.
 execute_process(COMMAND "${BENCH}" --smoke --cache
   RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE errors TIMEOUT 100)
 if(NOT status EQUAL 0)
@@ -18,3 +19,14 @@ endforeach()
 if(NOT output MATCHES "RESULT figure=watcher_own_bytes_per_instance client=ferrow ")
   message(FATAL_ERROR "no RESULT line for watcher_own_bytes_per_instance:\n${output}")
 endif()
+
+execute_process(COMMAND "${BALANCE}" --smoke
+  RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE errors TIMEOUT 60)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "ferrow_bench_balance --smoke exited with ${status}\n${output}\n${errors}")
+endif()
+foreach(line "call_latency strategy=least_request" "keys_moved_on_leave" "keys_moved_on_join")
+  if(NOT output MATCHES "RESULT figure=${line}")
+    message(FATAL_ERROR "no RESULT line for ${line}:\n${output}")
+  endif()
+endforeach()

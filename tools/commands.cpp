@@ -260,7 +260,7 @@ int Pick(const CommonOptions& common, const StopSignals& signals, const String& 
     options.zone = pick.zone;
     InstanceProvider provider(cache, options);
     for (unsigned i = 0; i < pick.count; ++i) {
-        const InstancePtr chosen = provider.Choose();
+        const InstancePtr chosen = pick.key.empty() ? provider.Choose() : provider.Choose(pick.key);
         if (!chosen) {
             static const char* const kWhy[] = {"the view is not complete", "it has no instance",
                                                "every instance is filtered out", "every instance is down"};

@@ -78,6 +78,7 @@ int List(const CommonOptions& common, const StopSignals& signals, const String& 
 struct PickOptions {
     ChoiceStrategy strategy = ChoiceStrategy::kRoundRobin;
     String zone;
+    String key;  // with kByKey
     unsigned count = 1;
 };
 

@@ -171,7 +171,9 @@ int main(int argc, char** argv) {
         const std::map<String, ChoiceStrategy> strategies = {{"round-robin", ChoiceStrategy::kRoundRobin},
                                                              {"random", ChoiceStrategy::kRandom},
                                                              {"weighted", ChoiceStrategy::kWeighted},
-                                                             {"sticky", ChoiceStrategy::kSticky}};
+                                                             {"sticky", ChoiceStrategy::kSticky},
+                                                             {"least-request", ChoiceStrategy::kLeastRequest},
+                                                             {"by-key", ChoiceStrategy::kByKey}};
         CLI::App* pickCommand = app.add_subcommand(
             "pick",
             "Wait until the view of the service is complete, then choose instances as a client of the service "
@@ -179,10 +181,13 @@ int main(int argc, char** argv) {
             "{\"id\":...,\"instance\":{...}} per line). Drained instances (weight 0) come last; see the "
             "README's \"Calling a service\". Fails when no instance is available.");
         addService(pickCommand);
-        pickCommand->add_option("--strategy", pick.strategy, "round-robin (default), random, weighted or sticky")
+        pickCommand
+            ->add_option("--strategy", pick.strategy,
+                         "round-robin (default), random, weighted, sticky, least-request or by-key (with --key)")
             ->transform(CLI::CheckedTransformer(strategies, CLI::ignore_case))
             ->type_name("STRATEGY");
         pickCommand->add_option("--zone", pick.zone, "Prefer instances of this zone");
+        pickCommand->add_option("--key", pick.key, "Choose by this key (a user, a shard): implies --strategy by-key");
         pickCommand->add_option("--count", pick.count, "Number of choices to print")
             ->check(CLI::Range(1u, 1000000u))
             ->capture_default_str();
@@ -272,7 +277,14 @@ int main(int argc, char** argv) {
         if (*watch) return Watch(common, signals, service, json);
         if (*services) return Services(common, signals, json);
         if (*list) return List(common, signals, service, json);
-        if (*pickCommand) return Pick(common, signals, service, pick, json);
+        if (*pickCommand) {
+            if (!pick.key.empty() && pick.strategy == ChoiceStrategy::kRoundRobin) pick.strategy = ChoiceStrategy::kByKey;
+            if ((pick.strategy == ChoiceStrategy::kByKey) != !pick.key.empty()) {
+                std::cerr << "ferrow: pick: --key goes with --strategy by-key, and by-key needs a --key" << std::endl;
+                return 2;
+            }
+            return Pick(common, signals, service, pick, json);
+        }
         if (*acl) return Acl(common, signals, service, json);
         if (*protect) {
             if (!publishersFile.empty()) {

@@ -339,13 +339,18 @@ InstanceProvider::ThreadSlot& InstanceProvider::CurrentSlot() {
 
 void InstanceProvider::Refresh(ThreadSlot& slot, std::uint64_t version) {
     if (m_planVersion.load(std::memory_order_acquire) > slot.plan->version) {
-        std::shared_ptr<const Plan> plan;
         {
+            // The thread's references to the older plan go to the provider's
+            // thread, which frees the plan if they were the last: freeing
+            // one of a large service takes as long as building it.
             std::lock_guard<std::mutex> lock(m_planMtx);
-            plan = m_plan;
+            m_retired.push_back(std::move(slot.owner));
+            m_retired.push_back(std::move(slot.plan));
+            slot.plan = m_plan;
+            StartBuilder();
         }
-        slot.owner = std::make_shared<const PlanOwner>(PlanOwner{plan});
-        slot.plan = std::move(plan);
+        m_wake.notify_one();
+        slot.owner = std::make_shared<const PlanOwner>(PlanOwner{slot.plan});
     }
     if (slot.plan->version < version) Request(version);
 }
@@ -386,9 +391,19 @@ std::shared_ptr<const InstanceProvider::Plan> InstanceProvider::WaitForPlan(std:
 void InstanceProvider::BuildPlans() {
     std::unique_lock<std::mutex> lock(m_planMtx);
     for (;;) {
-        m_wake.wait(lock,
-                    [&] { return m_stopping || m_retry || m_requested.load(std::memory_order_relaxed) > m_attempted; });
+        m_wake.wait(lock, [&] {
+            return m_stopping || m_retry || m_requested.load(std::memory_order_relaxed) > m_attempted ||
+                   !m_retired.empty();
+        });
         if (m_stopping) return;
+        if (!m_retired.empty()) {
+            std::vector<std::shared_ptr<const void>> retired;
+            retired.swap(m_retired);
+            lock.unlock();
+            retired.clear();
+            lock.lock();
+            continue;
+        }
         m_retry = false;
         lock.unlock();
         // The filter runs in BuildPlan, with no lock held.
@@ -460,19 +475,24 @@ std::shared_ptr<const InstanceProvider::Plan> InstanceProvider::BuildPlan(Snapsh
             }
         }
         plan->groupStart[Plan::kGroups] = plan->entries.size();
+        plan->IndexIds();
         // Forget instances that left and have nothing left to count.
         const std::int64_t now = NowNs();
         const std::int64_t windowStart = now - Nanos(m_options.down.errorWindow);
         for (auto it = m_health.begin(); it != m_health.end();) {
             const Health& health = *it->second;
-            const bool counting = health.downUntil.load() > now || (health.row > 0 && health.rowStart > windowStart) ||
+            // A call in flight keeps it too: its report must find the
+            // record the choice counted it in.
+            const bool counting = health.downUntil.load() > now || health.inFlight.load() > 0 ||
+                                  (health.row > 0 && health.rowStart > windowStart) ||
                                   (health.calls > 0 && health.callsSince > windowStart) ||
                                   Doublings(health, now, m_options.down) > 0;
             it = health.seenIn < plan->version && !counting ? m_health.erase(it) : std::next(it);
         }
     }
     if (m_options.strategy == ChoiceStrategy::kByKey) {
-        for (std::size_t group = 0; group < Plan::kGroups; ++group) plan->rings[group] = BuildRing(*plan, group, m_ringScale[group]);
+        for (std::size_t group = 0; group < Plan::kGroups; ++group)
+            plan->rings[group] = BuildRing(*plan, group, m_ringScale[group]);
     }
     plan->snapshot = std::move(snapshot);
     return plan;
@@ -509,6 +529,12 @@ void InstanceProvider::ReportFailure(const ServiceId& id) {
 }
 
 void InstanceProvider::ReportSuccess(const ServiceId& id) {
+    // Without a failure rate to count, a success only ends a row of
+    // failures: when there is none, the thread's plan finds the record
+    // without a lock.
+    if (Health* planned = PlannedHealth(id); planned && m_options.down.minimumCalls == 0) {
+        if (planned->row.load(std::memory_order_relaxed) == 0) return EndCall(*planned);
+    }
     const std::int64_t now = NowNs();
     std::lock_guard<std::mutex> lock(m_healthMtx);
     Health& health = *HealthOf(id);
@@ -519,9 +545,19 @@ void InstanceProvider::ReportSuccess(const ServiceId& id) {
 
 void InstanceProvider::ReportEnd(const ServiceId& id) {
     if (m_options.strategy != ChoiceStrategy::kLeastRequest) return;
+    if (Health* planned = PlannedHealth(id)) return EndCall(*planned);
     std::lock_guard<std::mutex> lock(m_healthMtx);
     const auto it = m_health.find(id);
     if (it != m_health.end()) EndCall(*it->second);
+}
+
+InstanceProvider::Health* InstanceProvider::PlannedHealth(const ServiceId& id) const {
+    for (const ThreadPlans::Slot& slot : t_plans.slots) {
+        if (slot.provider != m_id) continue;
+        const std::size_t index = slot.plan->EntryOf(id);
+        return index == Plan::kNone ? nullptr : slot.plan->entries[index].health.get();
+    }
+    return nullptr;
 }
 
 void InstanceProvider::EndCall(Health& health) const {

@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <utility>
+
+#include "utility/uuid_hash.h"
 
 namespace jx {
 namespace ferrow {
@@ -101,6 +104,26 @@ Plan::Ring BuildRing(const Plan& plan, std::size_t group, double& scale) {
         ring.owners.push_back(owner);
     }
     return ring;
+}
+
+void Plan::IndexIds() {
+    std::size_t size = 2;
+    while (size < 2 * entries.size()) size *= 2;
+    byId.assign(size, 0);
+    for (std::size_t index = 0; index < entries.size(); ++index) {
+        std::size_t slot = std::hash<ServiceId>{}(entries[index].instance->Id()) & (size - 1);
+        while (byId[slot] != 0) slot = (slot + 1) & (size - 1);
+        byId[slot] = static_cast<std::uint32_t>(index + 1);
+    }
+}
+
+std::size_t Plan::EntryOf(const ServiceId& id) const {
+    const std::size_t mask = byId.size() - 1;
+    for (std::size_t slot = std::hash<ServiceId>{}(id)&mask; byId[slot] != 0; slot = (slot + 1) & mask) {
+        const std::size_t index = byId[slot] - 1;
+        if (entries[index].instance->Id() == id) return index;
+    }
+    return kNone;
 }
 
 std::size_t RingPoint(const Plan::Ring& ring, std::uint64_t hash) {

@@ -18,15 +18,19 @@ namespace ferrow {
 // What the provider knows of one instance's calls. Plans point to it; the
 // provider keeps it while the instance is in the cache or still counting.
 struct InstanceProvider::Health {
-    // steady_clock nanoseconds until which the instance is down; 0: never was.
-    std::atomic<std::int64_t> downUntil{0};
-    // Calls chosen by least request and not yet reported, on a cache line of
-    // its own: every choice of the instance writes it.
-    alignas(64) std::atomic<std::int64_t> inFlight{0};
+    // Read by every choice that meets the instance, so on a cache line of
+    // their own: steady_clock nanoseconds until which the instance is down
+    // (0: never was), ...
+    alignas(64) std::atomic<std::int64_t> downUntil{0};
+    // ... calls chosen by least request and not yet reported (written by
+    // each such choice and report), ...
+    std::atomic<std::int64_t> inFlight{0};
+    // ... and failures in a row, which a success only reads while it is 0.
+    // Written under m_healthMtx.
+    std::atomic<int> row{0};
     // The fields below are guarded by m_healthMtx.
-    alignas(64) int row = 0;      // failures in a row ...
-    std::int64_t rowStart = 0;    // ... since this time
-    std::int64_t callsSince = 0;  // the window of calls counted below
+    alignas(64) std::int64_t rowStart = 0;  // the row's first failure
+    std::int64_t callsSince = 0;            // the window of calls counted below
     int calls = 0;
     int failed = 0;
     int ejections = 0;  // ejections in a row, before they wear off
@@ -62,6 +66,15 @@ struct InstanceProvider::Plan {
     std::vector<Entry> entries;
     std::size_t groupStart[kGroups + 1] = {};  // group g is [groupStart[g], groupStart[g + 1])
     Ring rings[kGroups];
+    // Open addressing by the id's hash: entry index + 1, or 0 for a free
+    // slot; a power of two at least twice the entries. Lets an outcome find
+    // its instance's health without a lock.
+    std::vector<std::uint32_t> byId;
+
+    // Fills byId once the entries are in place.
+    void IndexIds();
+    // The entry of the instance `id`, or kNone.
+    std::size_t EntryOf(const ServiceId& id) const;
 };
 
 // The hash a key is placed by: the same for the same bytes in every process

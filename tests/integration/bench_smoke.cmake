@@ -5,7 +5,8 @@
 function(ferrow_add_bench_smoke)
   if(TARGET ferrow_bench_e2e)
     add_test(NAME bench_smoke
-      COMMAND ${CMAKE_COMMAND} -DBENCH=$<TARGET_FILE:ferrow_bench_e2e> -P ${PROJECT_SOURCE_DIR}/bench/smoke_check.cmake)
+      COMMAND ${CMAKE_COMMAND} -DBENCH=$<TARGET_FILE:ferrow_bench_e2e> -DBALANCE=$<TARGET_FILE:ferrow_bench_balance>
+              -P ${PROJECT_SOURCE_DIR}/bench/smoke_check.cmake)
     set_tests_properties(bench_smoke PROPERTIES LABELS integration TIMEOUT 120)
   endif()
 endfunction()

@@ -63,6 +63,7 @@
 #include <string_view>
 #include <thread>
 #include <unordered_map>
+#include <vector>
 
 #include "ferrow/instance_snapshot.h"
 #include "ferrow/service_cache.h"
@@ -188,8 +189,10 @@ public:
     // A call to the instance `id` failed, or succeeded, or ended with no
     // outcome to count (cancelled by the caller, say); each ends a call in
     // flight for kLeastRequest. Unknown ids count too: an instance that
-    // comes back within the window keeps its count. About one uncontended
-    // lock and one hash lookup each: cheap enough to report every call.
+    // comes back within the window keeps its count. Cheap enough to report
+    // every call: a success or an end finds the instance in the calling
+    // thread's plan and takes no lock unless it ends a row of failures (or
+    // minimumCalls is set); a failure takes one lock and one hash lookup.
     void ReportFailure(const ServiceId& id);
     void ReportSuccess(const ServiceId& id);
     void ReportEnd(const ServiceId& id);
@@ -230,6 +233,9 @@ private:
     // Requires m_healthMtx held. Counts one call of `health` at `now`,
     // starting a new window when the last one is over.
     void CountCall(Health& health, std::int64_t now, bool failed) const;
+    // The health record of `id` in this thread's plan, or null when the
+    // thread has none or the plan does not hold the instance.
+    Health* PlannedHealth(const ServiceId& id) const;
     // Ends a call in flight of `health`, for least request.
     void EndCall(Health& health) const;
     // Requires m_healthMtx held. Ejects `health` at `now` unless the share
@@ -265,6 +271,9 @@ private:
     std::uint64_t m_failures = 0;                 // attempts the filter failed, and the last one's exception
     std::exception_ptr m_failure;
     bool m_stopping = false;
+    // References to plans that choosing threads let go of, for the provider's
+    // thread to drop.
+    std::vector<std::shared_ptr<const void>> m_retired;
     std::thread m_builder;
     // Points per unit of weight of each group's ring, kept from plan to plan;
     // used by the provider's thread only.
