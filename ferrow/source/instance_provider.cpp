@@ -344,10 +344,10 @@ void InstanceProvider::Refresh(ThreadSlot& slot, std::uint64_t version) {
             // thread, which frees the plan if they were the last: freeing
             // one of a large service takes as long as building it.
             std::lock_guard<std::mutex> lock(m_planMtx);
+            StartBuilder();  // first: a thread that cannot start leaves the slot as it was
             m_retired.push_back(std::move(slot.owner));
             m_retired.push_back(std::move(slot.plan));
             slot.plan = m_plan;
-            StartBuilder();
         }
         m_wake.notify_one();
         slot.owner = std::make_shared<const PlanOwner>(PlanOwner{slot.plan});
