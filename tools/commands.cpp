@@ -186,6 +186,15 @@ int Watch(const CommonOptions& common, const StopSignals& signals, const String&
     for (;;) {
         if (signals.WaitFor(std::chrono::milliseconds(100))) return 0;
         if (const int rc = failure->load(); rc != ZOK) {
+            // An instance that this session may not read (created with a
+            // list that excludes it) is skipped: the watcher's log record
+            // names it and the others are followed on. Only a refusal of
+            // the service itself ends the command.
+            std::vector<String> children;
+            if (rc == ZNOAUTH && conn->GetChildren(ServicePath(service), children) == ZOK) {
+                failure->store(ZOK);
+                continue;
+            }
             throw CommandError("ZooKeeper error while watching '" + service + "': " + zerror(rc));
         }
     }
@@ -223,8 +232,16 @@ int List(const CommonOptions& common, const StopSignals& signals, const String& 
         const auto id = ParseServiceId(child);
         if (!id) continue;  // not an instance node
         ServiceInstanceData record;
-        // An instance that left since the listing is not listed.
-        if (ReadInstance(*conn, InstancePath(service, *id), record, nullptr)) instances.emplace(*id, record);
+        // Read by the child's own name, whatever the case of its letters. An
+        // instance that left since the listing is not listed; one that this
+        // session may not read, or that does not decode, is skipped with a
+        // warning naming it, never failing the whole service.
+        try {
+            if (ReadInstance(*conn, ServicePath(service) + "/" + child, record, nullptr)) instances.emplace(*id, record);
+        } catch (const std::exception& e) {
+            std::cerr << "ferrow: warning: instance " << child << " of service '" << service
+                      << "' skipped: " << e.what() << std::endl;
+        }
     }
 
     if (json) {
@@ -244,6 +261,9 @@ int Pick(const CommonOptions& common, const StopSignals& signals, const String& 
     ServiceChildren(*conn, service);
 
     auto cache = std::make_shared<ServiceCache>(conn, service, [service](int code) {
+        // The service itself was read above: a refusal is of one instance,
+        // which the watcher's log record names, and which is not chosen.
+        if (code == ZNOAUTH) return;
         std::cerr << "ferrow: ZooKeeper error while reading '" << service << "': " << zerror(code) << std::endl;
     });
     cache->Start();
@@ -300,6 +320,13 @@ int Register(const CommonOptions& common, const StopSignals& signals, const Stri
                                "' is already registered");
         }
         if (e.Code() == ZNOAUTH) {
+            // Refused either the service node, by a protected root, or the
+            // instance node, by a protected service.
+            std::vector<String> children;
+            if (conn->GetChildren(ServicePath(service), children) == ZNONODE) {
+                throw CommandError("permission denied: create on /srv2 (only the operator and the creators listed "
+                                   "on the root may add services)");
+            }
             throw CommandError("permission denied: create on " + ServicePath(service) +
                                " (the service accepts its listed publishers only; see --auth)");
         }
@@ -310,38 +337,76 @@ int Register(const CommonOptions& common, const StopSignals& signals, const Stri
     return 0;
 }
 
-int Protect(const CommonOptions& common, const StopSignals& signals, const String& service,
-            const std::vector<String>& publishers) {
-    if (common.digestAuth.empty()) {
-        throw CommandError("protect needs the operator's credentials: give --auth or FERROW_AUTH");
+namespace {
+
+// One line for a refused request: the node, the permission, and who may.
+CommandError Denied(const AccessDenied& e, const String& service) {
+    String why;
+    if (e.Path() == "/srv2") {
+        why = e.Permission() == "create" ? "only the operator and the creators listed on the root may add services"
+                                         : "only the operator named in its access list may change it";
+    } else if (e.Permission() == "admin") {
+        why = "its access list does not let these credentials change it; see ferrow acl " + service;
+    } else {
+        why = "refused by its access list";
     }
-    std::vector<String> identities;
-    for (const String& publisher : publishers) identities.push_back(ParseIdentity(publisher));
-    const auto conn = Connect(common, signals);
-    try {
-        ProtectService(*conn, service, common.digestAuth, identities);
-    } catch (const ZooError& e) {
-        if (e.Code() != ZNOAUTH) throw;
-        throw CommandError("permission denied: admin on " + ServicePath(service) +
-                           " (only the operator named in its access list may change it)");
-    }
-    for (const AclEntry& entry : ServiceAcl(*conn, service)) PrintLine(AclText(entry));
-    return 0;
+    return CommandError("permission denied: " + e.Permission() + " on " + e.Path() + " (" + why + ")");
 }
 
-int Acl(const CommonOptions& common, const StopSignals& signals, const String& service, bool json) {
-    const auto conn = Connect(common, signals);
-    std::vector<AclEntry> acl;
-    const int rc = conn->GetAcl(ServicePath(service), acl);
-    if (rc == ZNONODE) throw CommandError(NoService(service));
-    if (rc != ZOK) throw ZooError(rc);
+void PrintAcl(const std::vector<AclEntry>& acl, bool json) {
     if (!json) {
         for (const AclEntry& entry : acl) PrintLine(AclText(entry));
-        return 0;
+        return;
     }
     std::vector<String> objects;
     for (const AclEntry& entry : acl) objects.push_back(AclJson(entry));
     PrintLine(JsonArray(objects));
+}
+
+}  // namespace
+
+int Protect(const CommonOptions& common, const StopSignals& signals, const String& service,
+            const std::vector<String>& publishers, bool lockInstances) {
+    std::vector<String> identities;
+    for (const String& publisher : publishers) identities.push_back(ParseIdentity(publisher));
+    const auto conn = Connect(common, signals);
+    try {
+        ProtectService(*conn, service, common.digestAuth, identities,
+                       lockInstances ? OpenInstancePolicy::kLock : OpenInstancePolicy::kRefuse);
+    } catch (const AccessDenied& e) {
+        throw Denied(e, service);
+    } catch (const OpenInstances& e) {
+        String ids;
+        for (const String& id : e.Ids()) ids += (ids.empty() ? "" : ", ") + id;
+        throw CommandError("service '" + service + "' has instances anyone may change: " + ids +
+                           "; nothing was protected (--lock-instances gives them to the operator)");
+    }
+    PrintAcl(ServiceAcl(*conn, service), false);
+    return 0;
+}
+
+int ProtectRoot(const CommonOptions& common, const StopSignals& signals, const std::vector<String>& creators) {
+    std::vector<String> identities;
+    for (const String& creator : creators) identities.push_back(ParseIdentity(creator));
+    const auto conn = Connect(common, signals);
+    try {
+        jx::ferrow::ProtectRoot(*conn, common.digestAuth, identities);
+    } catch (const AccessDenied& e) {
+        throw Denied(e, String());
+    }
+    PrintAcl(NodeAcl(*conn, "/srv2"), false);
+    return 0;
+}
+
+int Acl(const CommonOptions& common, const StopSignals& signals, const String& service,
+        const std::optional<ServiceId>& id, bool json) {
+    const auto conn = Connect(common, signals);
+    std::vector<AclEntry> acl;
+    const String path = id ? InstancePath(service, *id) : ServicePath(service);
+    const int rc = conn->GetAcl(path, acl);
+    if (rc == ZNONODE) throw CommandError(id ? NoInstance(service, *id) : NoService(service));
+    if (rc != ZOK) throw ZooError(rc);
+    PrintAcl(acl, json);
     return 0;
 }
 

@@ -90,13 +90,20 @@ int Pick(const CommonOptions& common, const StopSignals& signals, const String& 
 
 // Gives the service node the protected access list (access_control.h) with
 // the operator of --auth and `publishers` ("user:password", or
-// "digest:user:hash"), then prints the list as Acl does.
+// "digest:user:hash"), then prints the list as Acl does. Instances anyone
+// may change make it fail, naming them, unless `lockInstances`.
 int Protect(const CommonOptions& common, const StopSignals& signals, const String& service,
-            const std::vector<String>& publishers);
+            const std::vector<String>& publishers, bool lockInstances);
 
-// Prints the service node's access list, one entry a line ("digest:alice:<hash>
-// create,delete"), or with `json` one array of {"scheme","id","perms":[...]}.
-int Acl(const CommonOptions& common, const StopSignals& signals, const String& service, bool json);
+// Gives /srv2 the protected root list: `creators` may add services, the
+// operator of --auth everything, everyone else reads. Prints the new list.
+int ProtectRoot(const CommonOptions& common, const StopSignals& signals, const std::vector<String>& creators);
+
+// Prints the access list of the service node, or of its instance `id`, one
+// entry a line ("digest:alice:<hash> create,delete"), or with `json` one
+// array of {"scheme","id","perms":[...]}.
+int Acl(const CommonOptions& common, const StopSignals& signals, const String& service,
+        const std::optional<ServiceId>& id, bool json);
 
 // Prints one instance's record.
 int Get(const CommonOptions& common, const StopSignals& signals, const String& service, const ServiceId& id,

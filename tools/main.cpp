@@ -15,6 +15,8 @@
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
+#include "ferrow/access_control.h"
+#include "secrets.h"
 #include "ferrow/error.h"
 #include "ferrow/instance_data.h"
 #include "logger/log_handler.h"
@@ -23,6 +25,7 @@ namespace {
 
 using jx::String;
 using jx::ferrow::ChoiceStrategy;
+using jx::ferrow::ParseIdentity;
 using namespace jx::ferrow::cli;
 
 // The log level when neither --log-level nor FERROW_LOG_LEVEL says
@@ -30,12 +33,14 @@ using namespace jx::ferrow::cli;
 // second while it cannot reach a server.
 constexpr auto kDefaultLogLevel = jx::logging::JXLOG_ERROR;
 
-const char* const kFooter = R"(Common options (--zk, --session-timeout, --auth, --log-level) may be given
-before or after the command.
+const char* const kFooter = R"(Common options (--zk, --session-timeout, --auth, --auth-file, --log-level)
+may be given before or after the command. Credentials belong in a file
+(--auth-file, readable by its owner only) or in FERROW_AUTH: --auth shows the
+password in the process list until the tool has read it.
 
 Environment:
   FERROW_ZK         connect string used when --zk is not given
-  FERROW_AUTH       digest credentials used when --auth is not given
+  FERROW_AUTH       digest credentials used when neither --auth nor --auth-file is given
   FERROW_LOG_LEVEL  log level used when --log-level is not given
 
 Exit status: 0 success (watch and register: stopped by SIGINT or SIGTERM),
@@ -125,9 +130,18 @@ int main(int argc, char** argv) {
             ->check(CLI::Range(100, 3600000))
             ->capture_default_str()
             ->type_name("MS");
-        app.add_option("--auth", common.digestAuth, "Digest credentials for every session")
-            ->envname("FERROW_AUTH")
-            ->check(kCredentials)
+        String authFile;
+        CLI::Option* authOption = app.add_option("--auth", common.digestAuth,
+                                                 "Digest credentials for every session (shown in the process list: "
+                                                 "prefer --auth-file or FERROW_AUTH)")
+                                      ->envname("FERROW_AUTH")
+                                      ->check(kCredentials);
+        app.add_option("--auth-file", authFile,
+                       "A file whose first line (blank and # lines skipped) holds the credentials; it must not be "
+                       "readable by others than its owner")
+            ->excludes(authOption)
+            ->type_name("FILE");
+        authOption
             ->type_name("USER:PASSWORD");
         app.add_option("--log-level", logLevel,
                        "Least severe log record written to standard error: debug, info, warning, error (default) "
@@ -195,6 +209,7 @@ int main(int argc, char** argv) {
 
         std::vector<String> publishers;
         String publishersFile;
+        bool lockInstances = false;
         CLI::App* protect = app.add_subcommand(
             "protect",
             "Protect the service, run with the operator's --auth: its node (created when missing) grants read to "
@@ -204,17 +219,31 @@ int main(int argc, char** argv) {
         protect->add_option("--publisher", publishers,
                             "A publisher's USER:PASSWORD, or its identity as digest:USER:HASH; repeat for several")
             ->type_name("IDENTITY");
+        protect->add_flag("--lock-instances", lockInstances,
+                          "Give instances that anyone may change to the operator (their publishers then register "
+                          "again with credentials) instead of refusing");
         protect->add_option("--publishers-file", publishersFile,
                             "A file of publisher identities, one a line in either form, which keeps passwords "
                             "out of the process list")
-            ->check(CLI::ExistingFile)
             ->type_name("FILE");
 
         CLI::App* acl = app.add_subcommand(
             "acl", "Print the service node's access list, one entry a line ('world:anyone read'); with --json "
                    "one array of {\"scheme\":...,\"id\":...,\"perms\":[...]}.");
         addService(acl);
+        acl->add_option("ID", idText, "An instance, whose list is printed instead")->check(kUuid);
         acl->add_flag("--json", json, "One JSON array");
+
+        std::vector<String> creators;
+        CLI::App* protectRoot = app.add_subcommand(
+            "protect-root",
+            "Protect /srv2 itself, run once with the operator's credentials: everyone reads, each --creator may add "
+            "services, the operator may do everything and nobody else may change its list. Prints the new list. "
+            "See the README's \"Access control\".");
+        protectRoot
+            ->add_option("--creator", creators,
+                         "An identity that may add services: USER:PASSWORD or digest:USER:HASH; repeat for several")
+            ->type_name("IDENTITY");
 
         CLI::App* list = app.add_subcommand(
             "list",
@@ -264,6 +293,12 @@ int main(int argc, char** argv) {
         } catch (const CLI::ParseError& e) {
             return app.exit(e) == 0 ? 0 : 2;
         }
+        if (HideAuthArguments(argc, argv)) {
+            std::cerr << "ferrow: warning: --auth showed the password in the process list; use --auth-file or "
+                         "FERROW_AUTH"
+                      << std::endl;
+        }
+        if (!authFile.empty()) common.digestAuth = ReadAuthFile(authFile);
 
         if (!logLevel.empty()) {
             jx::logging::SetMinimumLoggingLevel(*jx::logging::ParseLogLevel(logLevel));
@@ -285,19 +320,36 @@ int main(int argc, char** argv) {
             }
             return Pick(common, signals, service, pick, json);
         }
-        if (*acl) return Acl(common, signals, service, json);
-        if (*protect) {
-            if (!publishersFile.empty()) {
-                std::ifstream file(publishersFile);
-                for (String line; std::getline(file, line);) {
-                    if (!line.empty()) publishers.push_back(line);
+        if (*acl) return Acl(common, signals, service, id, json);
+        if (*protectRoot) {
+            for (const String& creator : creators) {
+                try {
+                    (void)ParseIdentity(creator);
+                } catch (const std::invalid_argument& e) {
+                    throw UsageError(String("protect-root: --creator: ") + e.what());
                 }
             }
-            if (publishers.empty()) {
-                std::cerr << "ferrow: protect: give at least one --publisher or --publishers-file" << std::endl;
-                return 2;
+            if (common.digestAuth.empty()) {
+                throw UsageError("protect-root needs the operator's credentials: give --auth-file or FERROW_AUTH");
             }
-            return Protect(common, signals, service, publishers);
+            return ProtectRoot(common, signals, creators);
+        }
+        if (*protect) {
+            for (const String& publisher : publishers) {
+                try {
+                    (void)ParseIdentity(publisher);
+                } catch (const std::invalid_argument& e) {
+                    throw UsageError(String("protect: --publisher: ") + e.what());
+                }
+            }
+            if (!publishersFile.empty()) {
+                for (String& publisher : ReadPublishersFile(publishersFile)) publishers.push_back(std::move(publisher));
+            }
+            if (publishers.empty()) throw UsageError("protect: give at least one --publisher or --publishers-file");
+            if (common.digestAuth.empty()) {
+                throw UsageError("protect needs the operator's credentials: give --auth-file or FERROW_AUTH");
+            }
+            return Protect(common, signals, service, publishers, lockInstances);
         }
         if (*get) return Get(common, signals, service, *id, json);
         if (*reg) return Register(common, signals, service, fields, id, compress);
@@ -308,6 +360,9 @@ int main(int argc, char** argv) {
             return 2;
         }
         return Update(common, signals, service, *id, fields, compress, json);
+    } catch (const UsageError& e) {
+        std::cerr << "ferrow: " << e.what() << std::endl;
+        return 2;
     } catch (const CommandError& e) {
         std::cerr << "ferrow: " << e.what() << std::endl;
     } catch (const jx::ferrow::ZooError& e) {

@@ -1,5 +1,7 @@
 #include "ferrow/access_control.h"
 
+#include <algorithm>
+#include <cctype>
 #include <stdexcept>
 
 #include <boost/uuid/detail/sha1.hpp>
@@ -57,6 +59,15 @@ String ParseIdentity(const String& text) {
     if (colon == String::npos || colon == 0 || colon + 1 == identity.size()) {
         throw std::invalid_argument("an identity in digest form must read digest:USER:HASH");
     }
+    // The hash is the base64 of a SHA-1: 27 characters of the alphabet and
+    // one '=' of padding. Anything else names nobody, and would shut the
+    // publisher out without a word.
+    const String hash = identity.substr(colon + 1);
+    const auto base64 = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '+' || c == '/'; };
+    if (hash.size() != 28 || hash.back() != '=' || !std::all_of(hash.begin(), hash.end() - 1, base64)) {
+        throw std::invalid_argument(
+            "the HASH of digest:USER:HASH must be 28 characters of base64 (a SHA-1), as ferrow protect prints it");
+    }
     return identity;
 }
 
@@ -71,22 +82,81 @@ std::vector<AclEntry> ProtectedServiceAcl(const String& operatorIdentity, const 
 
 const ACL_vector& PublisherInstanceAcl() { return g_publisherAcl; }
 
-void ProtectService(const ZooKeeperConnection& conn, const String& service, const String& operatorCredentials,
-                    const std::vector<String>& publishers) {
-    const std::vector<AclEntry> acl = ProtectedServiceAcl(DigestIdentity(operatorCredentials), publishers);
-    EnsurePath(conn, "/srv2", false, ZOO_OPEN_ACL_UNSAFE);
-    // Created open, then restricted: one way for a new node and an old one.
-    const int created = conn.Create(ServicePath(service), String(), ZOO_OPEN_ACL_UNSAFE, 0);
-    if (created != ZOK && created != ZNODEEXISTS) throw ZooError(created);
-    const int rc = conn.SetAcl(ServicePath(service), acl);
+AccessDenied::AccessDenied(String path, String permission)
+    : ZooError(ZNOAUTH), m_path(std::move(path)), m_permission(std::move(permission)) {}
+
+OpenInstances::OpenInstances(std::vector<String> ids)
+    : std::runtime_error("instances anyone may change"), m_ids(std::move(ids)) {}
+
+namespace {
+
+// Throws for `rc`: AccessDenied for ZNOAUTH, naming `path` and `permission`.
+void Check(int rc, const String& path, const char* permission) {
+    if (rc == ZNOAUTH) throw AccessDenied(path, permission);
     if (rc != ZOK) throw ZooError(rc);
 }
 
-std::vector<AclEntry> ServiceAcl(const ZooKeeperConnection& conn, const String& service) {
+// Creates `path` with `acl` from the start, or sets `acl` on it when it
+// exists: a node is never open for a moment on its way to a list.
+void CreateOrRestrict(const ZooKeeperConnection& conn, const String& path, const std::vector<AclEntry>& acl) {
+    const int created = conn.Create(path, String(), acl, 0);
+    if (created != ZNODEEXISTS) return Check(created, path.substr(0, path.rfind('/')), "create");
+    Check(conn.SetAcl(path, acl), path, "admin");
+}
+
+// Whether `acl` lets anyone change or delete the node.
+bool OpenToAnyone(const std::vector<AclEntry>& acl) {
+    return std::any_of(acl.begin(), acl.end(), [](const AclEntry& entry) {
+        return entry.scheme == "world" && entry.id == "anyone" && (entry.perms & ~ZOO_PERM_READ) != 0;
+    });
+}
+
+}  // namespace
+
+void ProtectService(const ZooKeeperConnection& conn, const String& service, const String& operatorCredentials,
+                    const std::vector<String>& publishers, OpenInstancePolicy open) {
+    const String operatorIdentity = DigestIdentity(operatorCredentials);
+    const String path = ServicePath(service);
+    EnsurePath(conn, "/srv2", false, ZOO_OPEN_ACL_UNSAFE);
+    std::vector<String> children;
+    const int listed = conn.GetChildren(path, children);
+    if (listed != ZOK && listed != ZNONODE) Check(listed, path, "read");
+    std::vector<String> opened;
+    for (const String& child : children) {
+        std::vector<AclEntry> acl;
+        const int rc = conn.GetAcl(path + "/" + child, acl);
+        if (rc == ZNONODE) continue;  // gone meanwhile
+        Check(rc, path + "/" + child, "read");
+        if (OpenToAnyone(acl)) opened.push_back(child);
+    }
+    if (!opened.empty() && open == OpenInstancePolicy::kRefuse) throw OpenInstances(opened);
+    for (const String& child : opened) {
+        const int rc = conn.SetAcl(path + "/" + child,
+                                   {{"world", "anyone", ZOO_PERM_READ}, {"digest", operatorIdentity, ZOO_PERM_ALL}});
+        if (rc != ZNONODE) Check(rc, path + "/" + child, "admin");
+    }
+    CreateOrRestrict(conn, path, ProtectedServiceAcl(operatorIdentity, publishers));
+}
+
+void ProtectRoot(const ZooKeeperConnection& conn, const String& operatorCredentials,
+                 const std::vector<String>& creators) {
+    const String operatorIdentity = DigestIdentity(operatorCredentials);
+    std::vector<AclEntry> acl{{"world", "anyone", ZOO_PERM_READ}, {"digest", operatorIdentity, ZOO_PERM_ALL}};
+    for (const String& creator : creators) {
+        if (creator != operatorIdentity) acl.push_back({"digest", creator, ZOO_PERM_CREATE});
+    }
+    CreateOrRestrict(conn, "/srv2", acl);
+}
+
+std::vector<AclEntry> NodeAcl(const ZooKeeperConnection& conn, const String& path) {
     std::vector<AclEntry> acl;
-    const int rc = conn.GetAcl(ServicePath(service), acl);
+    const int rc = conn.GetAcl(path, acl);
     if (rc != ZOK) throw ZooError(rc);
     return acl;
+}
+
+std::vector<AclEntry> ServiceAcl(const ZooKeeperConnection& conn, const String& service) {
+    return NodeAcl(conn, ServicePath(service));
 }
 
 std::vector<String> PermissionNames(int perms) {

@@ -397,12 +397,29 @@ int ZooKeeperConnection::GetAcl(String path, std::vector<AclEntry>& acl) const {
     return rc;
 }
 
-int ZooKeeperConnection::SetAcl(String path, const std::vector<AclEntry>& acl, int version) const {
-    // The client copies the list into the request before returning.
+namespace {
+
+// The client's form of `acl`, pointing into it: valid while `acl` lives
+// unchanged. The client copies a list into its request before returning.
+std::vector<ACL> ClientAcl(const std::vector<AclEntry>& acl) {
     std::vector<ACL> entries;
     for (const AclEntry& entry : acl) {
-        entries.push_back(ACL{entry.perms, Id{const_cast<char*>(entry.scheme.c_str()), const_cast<char*>(entry.id.c_str())}});
+        entries.push_back(
+            ACL{entry.perms, Id{const_cast<char*>(entry.scheme.c_str()), const_cast<char*>(entry.id.c_str())}});
     }
+    return entries;
+}
+
+}  // namespace
+
+int ZooKeeperConnection::Create(String path, const String& data, const std::vector<AclEntry>& acl, int flags) const {
+    std::vector<ACL> entries = ClientAcl(acl);
+    const ACL_vector list{static_cast<std::int32_t>(entries.size()), entries.data()};
+    return Create(std::move(path), data, list, flags);
+}
+
+int ZooKeeperConnection::SetAcl(String path, const std::vector<AclEntry>& acl, int version) const {
+    std::vector<ACL> entries = ClientAcl(acl);
     ACL_vector list{static_cast<std::int32_t>(entries.size()), entries.data()};
     auto call = std::make_shared<SyncCall>();
     return RunSync(call, [&](zhandle_t* zh, const void* ctx) {

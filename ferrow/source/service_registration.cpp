@@ -8,6 +8,7 @@
 #include "ferrow/access_control.h"
 #include "ferrow/error.h"
 #include "ferrow/instance_data.h"
+#include "ferrow/zookeeper_connection.h"
 #include "logger/logger.h"
 
 namespace jx {
@@ -52,10 +53,18 @@ public:
         JXLOG(logging::JXLOG_INFO, g_log) << "Instance published: " << m_path;
     }
 
-    // Stops observing the session, so nothing re-creates the node, then
-    // deletes it.
+    // Stops observing the session and the node, so nothing re-creates it,
+    // then deletes it, unless it is another session's.
     void Stop() {
         m_conn->UnregisterRaw(this);
+        Connection::WatchHandle watch;
+        {
+            std::lock_guard<std::mutex> lock(m_mtx);
+            m_stopping = true;
+            watch = std::move(m_watch);
+        }
+        // Cancelled without the lock: a watch callback may be waiting for it.
+        watch.Cancel({});
         std::lock_guard<std::mutex> lock(m_mtx);
         if (m_node != Node::kPublished && m_node != Node::kUncertain) return;
         const int rc = m_conn->Delete(m_path, -1);
@@ -70,6 +79,7 @@ public:
     void Update(const ServiceInstanceData& record) {
         std::lock_guard<std::mutex> lock(m_mtx);
         m_record = record;
+        if (m_node == Node::kForeign) throw ZooError(ZNODEEXISTS);
         const int rc = m_conn->Set(m_path, EncodeInstanceData(m_record, m_compress), -1, nullptr);
         if (rc != ZOK) throw ZooError(rc);
     }
@@ -77,6 +87,11 @@ public:
     ServiceInstanceData Record() const {
         std::lock_guard<std::mutex> lock(m_mtx);
         return m_record;
+    }
+
+    bool IsPublished() const {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        return m_node == Node::kPublished;
     }
 
     void OnSessionEvent(int type, int state, String) override {
@@ -90,29 +105,83 @@ public:
         // A connected event that arrives before Start has published is the
         // session's first, not a new session: Start creates the node itself.
         if (state != ZOO_CONNECTED_STATE || (m_node != Node::kLostWithSession && m_node != Node::kUncertain)) return;
-        try {
-            Publish();
-            JXLOG(logging::JXLOG_INFO, g_log) << "Instance published again after session expiry: " << m_path;
-        } catch (const ZooError& e) {
-            if (e.Code() == ZNODEEXISTS) {
-                // Our own create whose reply was lost, or another publisher
-                // using the same id: either way the node is there.
-                m_node = Node::kPublished;
-                JXLOG(logging::JXLOG_WARNING, g_log) << "Instance node already exists: " << m_path;
-            } else {
-                JXLOG(logging::JXLOG_ERROR, g_log) << "Instance not published again, retried on the next "
-                                                      "connection: "
-                                                   << m_path << ": " << e.what();
-            }
-        }
+        Republish("Instance published again after session expiry: ");
     }
 
     const ServiceId& Id() const { return m_id; }
     const String& Path() const { return m_path; }
 
 private:
+    // Requires m_mtx held. Creates the node again, logging `how` on success;
+    // a node already there is kept only when this session created it (its
+    // create's answer was lost), never adopted from another.
+    void Republish(const char* how) {
+        try {
+            Publish();
+            JXLOG(logging::JXLOG_INFO, g_log) << how << m_path;
+        } catch (const ZooError& e) {
+            if (e.Code() == ZNODEEXISTS) return Judge();
+            JXLOG(logging::JXLOG_ERROR, g_log) << "Instance not published again, retried on the next connection: "
+                                               << m_path << ": " << e.what();
+            // A node deleted while the session lives is tried again, as one
+            // lost with the session; an unanswered create stays uncertain.
+            if (m_node == Node::kPublished || m_node == Node::kForeign) m_node = Node::kLostWithSession;
+        }
+    }
+
+    // Requires m_mtx held. Reads who owns the existing node: this session
+    // (published), or another (not published; watched, so that the node is
+    // created again once that one is gone).
+    void Judge() {
+        Stat stat{};
+        const int rc = m_conn->Exists(m_path, &stat);
+        if (rc == ZNONODE) return Republish("Instance published again: ");
+        if (rc != ZOK) return;  // the session's events take over
+        if (Owns(stat)) {
+            m_node = Node::kPublished;
+        } else if (m_node != Node::kForeign) {
+            m_node = Node::kForeign;
+            JXLOG(logging::JXLOG_ERROR, g_log) << "Instance not published: another session's node holds its id: "
+                                               << m_path;
+        }
+        Watch();
+    }
+
+    // Whether `stat` is of a node this session created. A connection that
+    // cannot say which session it has is believed.
+    bool Owns(const Stat& stat) const {
+        const auto* zookeeper = dynamic_cast<const ZooKeeperConnection*>(m_conn.get());
+        return zookeeper == nullptr || stat.ephemeralOwner == zookeeper->SessionId();
+    }
+
+    // Requires m_mtx held. Watches the node, so that its deletion or its
+    // replacement by another session, while this session lives, is noticed.
+    // The callbacks hold the registration weakly.
+    void Watch() {
+        if (m_stopping) return;
+        const std::weak_ptr<ServiceRegistrationImpl> weak = weak_from_this();
+        auto [rc, handle] = m_conn->AsyncGet(
+            m_path,
+            [weak](int type, int, String) {
+                if (const auto self = weak.lock(); self && type != ZOO_SESSION_EVENT) self->OnNodeEvent();
+            },
+            [weak](int rc, String, const Stat*) {
+                if (const auto self = weak.lock(); self && rc == ZNONODE) self->OnNodeEvent();
+            });
+        // The watch replaced has fired: nothing to cancel.
+        if (rc == ZOK) m_watch = std::move(handle);
+    }
+
+    // On the delivery thread: the node changed, or is gone.
+    void OnNodeEvent() {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        if (m_stopping || (m_node != Node::kPublished && m_node != Node::kForeign)) return;
+        if (m_conn->State() != ZOO_CONNECTED_STATE) return;  // an expiry is the session's to handle
+        Judge();
+    }
+
     // Requires m_mtx held. Creates the service node when missing, then the
-    // ephemeral instance node with m_record. Throws ZooError.
+    // ephemeral instance node with m_record, and watches it. Throws ZooError.
     void Publish() {
         EnsurePath(*m_conn, m_servicePath, false, ZOO_OPEN_ACL_UNSAFE);
         // With credentials, the node is writable by its publisher alone.
@@ -122,6 +191,7 @@ private:
         if (rc == ZOPERATIONTIMEOUT || rc == ZCONNECTIONLOSS) m_node = Node::kUncertain;
         if (rc != ZOK) throw ZooError(rc);
         m_node = Node::kPublished;
+        Watch();
     }
 
     const std::shared_ptr<Connection> m_conn;
@@ -135,8 +205,12 @@ private:
     // Only a node that Start created and an expiry then deleted, or one
     // whose creation went unanswered, is created again by a connected
     // event; a node that may exist (kUncertain) is deleted on Stop too.
-    enum class Node { kNotCreated, kPublished, kLostWithSession, kUncertain };
+    // kForeign: another session's node holds the id; it is left alone, and
+    // watched until it goes.
+    enum class Node { kNotCreated, kPublished, kLostWithSession, kUncertain, kForeign };
     Node m_node = Node::kNotCreated;  // guarded by m_mtx
+    bool m_stopping = false;          // guarded by m_mtx
+    Connection::WatchHandle m_watch;  // on the node; guarded by m_mtx
 };
 
 ServiceRegistration::ServiceRegistration(std::shared_ptr<Connection> conn, const String& service,
@@ -156,6 +230,8 @@ const ServiceId& ServiceRegistration::Id() const { return m_impl->Id(); }
 const String& ServiceRegistration::Path() const { return m_impl->Path(); }
 
 ServiceInstanceData ServiceRegistration::Record() const { return m_impl->Record(); }
+
+bool ServiceRegistration::IsPublished() const { return m_impl->IsPublished(); }
 
 void ServiceRegistration::Update(const ServiceInstanceData& record) { m_impl->Update(record); }
 

@@ -2,6 +2,7 @@
 // and B, and an anonymous client that only watches.
 
 #include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
 #include <gtest/gtest.h>
 
 #include "ferrow/access_control.h"
@@ -9,6 +10,7 @@
 #include "ferrow/service_registration.h"
 #include "tests/support/instances.h"
 #include "tests/support/server_suite.h"
+#include "tests/support/support.h"
 
 namespace jx {
 namespace ferrow {
@@ -29,7 +31,7 @@ protected:
                                                b = Session("bob:pw-b"), anonymous = Session("");
 };
 
-std::vector<AclEntry> NodeAcl(const ZooKeeperConnection& conn, const String& path) {
+std::vector<AclEntry> AclOf(const ZooKeeperConnection& conn, const String& path) {
     std::vector<AclEntry> acl;
     EXPECT_EQ(conn.GetAcl(path, acl), ZOK) << path;
     return acl;
@@ -46,8 +48,8 @@ TEST_F(AccessTest, ProtectedServiceRefusesStrangersAndKeepsEachRecordToItsPublis
     auto cache = std::make_shared<ServiceCache>(anonymous, "guarded", [](int rc) { ADD_FAILURE() << zerror(rc); });
     cache->Start();
     ASSERT_TRUE(cache->WaitSynced(kPatience));
-    EXPECT_EQ(NodeAcl(*op, ServicePath("guarded")), serviceAcl) << "the watcher's start-up weakened the list";
-    EXPECT_EQ(NodeAcl(*anonymous, ServicePath("guarded"))[2].id, "alice:x");
+    EXPECT_EQ(AclOf(*op, ServicePath("guarded")), serviceAcl) << "the watcher's start-up weakened the list";
+    EXPECT_EQ(AclOf(*anonymous, ServicePath("guarded"))[2].id, "alice:x");
 
     // Strangers change nothing.
     const ServiceId rogue = boost::uuids::random_generator()();
@@ -61,7 +63,7 @@ TEST_F(AccessTest, ProtectedServiceRefusesStrangersAndKeepsEachRecordToItsPublis
     const String path = published.Path();
     const std::vector<AclEntry> own{{"world", "anyone", ZOO_PERM_READ},
                                     {"digest", DigestIdentity("alice:pw-a"), ZOO_PERM_ALL}};
-    EXPECT_EQ(NodeAcl(*a, path), own);
+    EXPECT_EQ(AclOf(*a, path), own);
     EXPECT_EQ(b->Set(path, bytes, -1, nullptr), ZNOAUTH);
     EXPECT_EQ(anonymous->Set(path, bytes, -1, nullptr), ZNOAUTH);
     EXPECT_EQ(anonymous->Delete(path, -1), ZNOAUTH);
@@ -72,7 +74,7 @@ TEST_F(AccessTest, ProtectedServiceRefusesStrangersAndKeepsEachRecordToItsPublis
     // Re-created after its session expired, with the same list.
     ASSERT_TRUE(testing::ExpireSession(s_server->ConnectString(), *a));
     ASSERT_TRUE(PollUntil([&] { return a->Exists(path, nullptr) == ZOK; }, kPatience));
-    EXPECT_EQ(NodeAcl(*a, path), own);
+    EXPECT_EQ(AclOf(*a, path), own);
 
     testing::InstanceMap truth{{published.Id(), changed}, {other.Id(), MakeRecord(3)}};
     EXPECT_TRUE(PollUntil(
@@ -89,12 +91,77 @@ TEST_F(AccessTest, ProtectedServiceRefusesStrangersAndKeepsEachRecordToItsPublis
 // credentials still keeps its own record to itself.
 TEST_F(AccessTest, UnprotectedServicesStayOpen) {
     ServiceRegistration anonymousPublisher(anonymous, "open", MakeRecord(1));
-    EXPECT_EQ(NodeAcl(*anonymous, anonymousPublisher.Path()),
+    EXPECT_EQ(AclOf(*anonymous, anonymousPublisher.Path()),
               (std::vector<AclEntry>{{"world", "anyone", ZOO_PERM_ALL}}));
     EXPECT_EQ(b->Set(anonymousPublisher.Path(), EncodeInstanceData(MakeRecord(5), false), -1, nullptr), ZOK);
     ServiceRegistration withCredentials(a, "open", MakeRecord(2));
     EXPECT_EQ(b->Set(withCredentials.Path(), EncodeInstanceData(MakeRecord(5), false), -1, nullptr), ZNOAUTH);
-    EXPECT_EQ(NodeAcl(*anonymous, ServicePath("open")), (std::vector<AclEntry>{{"world", "anyone", ZOO_PERM_ALL}}));
+    EXPECT_EQ(AclOf(*anonymous, ServicePath("open")), (std::vector<AclEntry>{{"world", "anyone", ZOO_PERM_ALL}}));
+}
+
+// Protecting a service with instances anyone may change refuses, naming
+// them, or gives them to the operator; a protected root keeps strangers from
+// adding services, deleting an empty protected one or taking the root.
+TEST_F(AccessTest, OpenInstancesAreRefusedOrLockedAndAProtectedRootKeepsServicesFromStrangers) {
+    ServiceRegistration open(anonymous, "legacy", MakeRecord(1));
+    try {
+        ProtectService(*op, "legacy", "op:secret", {DigestIdentity("alice:pw-a")});
+        ADD_FAILURE() << "an open instance was left open";
+    } catch (const OpenInstances& e) {
+        EXPECT_EQ(e.Ids(), std::vector<String>{boost::uuids::to_string(open.Id())});
+    }
+    EXPECT_EQ(AclOf(*anonymous, ServicePath("legacy")), (std::vector<AclEntry>{{"world", "anyone", ZOO_PERM_ALL}}));
+    ProtectService(*op, "legacy", "op:secret", {DigestIdentity("alice:pw-a")}, OpenInstancePolicy::kLock);
+    EXPECT_EQ(anonymous->Set(open.Path(), EncodeInstanceData(MakeRecord(5), false), -1, nullptr), ZNOAUTH);
+
+    ProtectRoot(*op, "op:secret", {DigestIdentity("alice:pw-a")});
+    const std::vector<AclEntry> openRoot{{"world", "anyone", ZOO_PERM_ALL}};
+    EXPECT_EQ(anonymous->Create(ServicePath("billing"), String(), ZOO_OPEN_ACL_UNSAFE, 0), ZNOAUTH);
+    EXPECT_EQ(anonymous->SetAcl("/srv2", openRoot), ZNOAUTH);
+    ProtectService(*op, "empty", "op:secret", {DigestIdentity("bob:pw-b")});
+    EXPECT_EQ(anonymous->Delete(ServicePath("empty"), -1), ZNOAUTH);
+    EXPECT_EQ(b->Delete(ServicePath("empty"), -1), ZNOAUTH);
+    EXPECT_EQ(a->Create(ServicePath("alices"), String(), ZOO_OPEN_ACL_UNSAFE, 0), ZOK) << "a listed creator";
+    try {
+        ProtectService(*b, "bobs", "bob:pw-b", {});
+        ADD_FAILURE() << "bob added a service";
+    } catch (const AccessDenied& e) {
+        EXPECT_EQ(e.Path(), "/srv2");
+        EXPECT_EQ(e.Permission(), "create");
+    }
+    EXPECT_EQ(op->SetAcl("/srv2", openRoot), ZOK);  // as the other tests expect it
+}
+
+// A listed publisher that deletes another's instance sees it published
+// again at once; one that puts its own node under that id after an expiry
+// is never adopted, and its node outlives the registration it displaced.
+TEST_F(AccessTest, ARegistrationRestoresItsNodeAndNeverAdoptsAnother) {
+    ProtectService(*op, "shared", "op:secret", {DigestIdentity("alice:pw-a"), DigestIdentity("bob:pw-b")});
+    testing::Relay relay(s_server->ClientPort());
+    const auto alicesConn = ZooKeeperConnection::Open({relay.ConnectString(), std::chrono::seconds(4), "alice:pw-a"});
+    ASSERT_TRUE(alicesConn->WaitConnected(kPatience));
+    auto alice = std::make_unique<ServiceRegistration>(alicesConn, "shared", MakeRecord(1));
+    const auto owner = [&] {
+        Stat stat{};
+        return b->Exists(alice->Path(), &stat) == ZOK ? stat.ephemeralOwner : -1;
+    };
+    ASSERT_EQ(b->Delete(alice->Path(), -1), ZOK);
+    EXPECT_TRUE(PollUntil([&] { return owner() == alicesConn->SessionId(); }, kPatience)) << "not published again";
+
+    testing::LogCapture log(logging::JXLOG_ERROR);
+    relay.Blackhole();
+    testing::CloseSessionOnServer(s_server->ConnectString(), *alicesConn);
+    ASSERT_TRUE(PollUntil([&] { return owner() == -1; }, kPatience)) << "the expiry did not take the node";
+    ASSERT_EQ(b->Create(alice->Path(), EncodeInstanceData(MakeRecord(2), false), PublisherInstanceAcl(), 0), ZOK);
+    relay.Heal();
+    const String refused = "Instance not published: another session's node holds its id: " + alice->Path();
+    ASSERT_TRUE(PollUntil([&] { return log.Count(refused) == 1; }, kPatience));
+    EXPECT_FALSE(alice->IsPublished());
+    EXPECT_THROW(alice->Update(MakeRecord(3)), ZooError);
+    const String path = alice->Path();
+    alice.reset();
+    Stat stat{};
+    EXPECT_EQ(b->Exists(path, &stat), ZOK) << "the displaced registration deleted another's node";
 }
 
 }  // namespace

@@ -93,11 +93,21 @@ fails 1 "ferrow: instance $taken_id of service 'tool' is already registered" \
 fails 2 "'not-a-uuid' is not a UUID" "$ferrow" --zk "$zk" get tool not-a-uuid
 fails 2 "'novalue' is not KEY=VALUE" "$ferrow" --zk "$zk" register tool --host h --port 1 --meta novalue
 
-# Access control: the operator protects a service for alice (hashed here,
-# given in a file); a stranger's register and another publisher's update are
-# refused with the permission named, while anyone may read.
-printf 'alice:pw-a\n' >"$dir/publishers"
-check "protect" "$(run "$ferrow" --zk "$zk" --auth op:secret protect guarded --publishers-file "$dir/publishers" |
+# Access control: the operator (credentials in a file of its own) protects a
+# service for alice (hashed here, given in a file that is trimmed and may
+# hold comments); a stranger's register and another publisher's update are
+# refused with the node and permission named, while anyone may read.
+printf 'op:secret\n' >"$dir/op"
+fails 2 "may be read or written by others than its owner" "$ferrow" --zk "$zk" --auth-file "$dir/op" acl tool
+chmod 600 "$dir/op"
+printf '# publishers\n\n  alice:pw-a\r\n' >"$dir/publishers"
+printf 'alice:pw-a\ndigest:bob:short\n' >"$dir/bad-publishers"
+fails 2 "ferrow: $dir/bad-publishers:2: the HASH of digest:USER:HASH must be 28 characters" \
+  "$ferrow" --zk "$zk" --auth-file "$dir/op" protect guarded --publishers-file "$dir/bad-publishers"
+fails 2 "ferrow: protect needs the operator's credentials" "$ferrow" --zk "$zk" protect guarded --publisher alice:pw-a
+fails 1 "ferrow: service 'tool' has instances anyone may change: $taken_id; nothing was protected (--lock-instances gives them to the operator)" \
+  "$ferrow" --zk "$zk" --auth-file "$dir/op" protect tool --publisher alice:pw-a
+check "protect" "$(run "$ferrow" --zk "$zk" --auth-file "$dir/op" protect guarded --publishers-file "$dir/publishers" |
   sed -E 's|:[A-Za-z0-9+/]{27}=|:HASH|' | tr '\n' ,)" \
   "world:anyone read,digest:op:HASH read,write,create,delete,admin,digest:alice:HASH create,delete,"
 FERROW_AUTH=alice:pw-a "$ferrow" --zk "$zk" register guarded --host a --port 1 >"$dir/alice" 2>&1 & alice=$!
@@ -108,12 +118,16 @@ check "acl as anyone" "$(run "$ferrow" --zk "$zk" acl guarded | tr '\n' ,)" \
 check "acl as anyone, JSON" "$(run "$ferrow" --zk "$zk" acl guarded --json | cut -c1-60)" \
   '[{"scheme":"world","id":"anyone","perms":["read"]},{"scheme"'
 check "list a protected service" "$(run "$ferrow" --zk "$zk" list guarded | cut -d' ' -f1-2)" "$alice_id a:1"
+check "an instance's acl" "$(run "$ferrow" --zk "$zk" acl guarded "$alice_id" | tr '\n' ,)" \
+  "world:anyone read,digest:alice:x read,write,create,delete,admin,"
 fails 1 "ferrow: permission denied: create on /srv2/guarded (the service accepts its listed publishers only; see --auth)" \
   "$ferrow" --zk "$zk" register guarded --host h --port 1
 fails 1 "ferrow: permission denied: write on /srv2/guarded/$alice_id (only the instance's publisher may change its record)" \
-  "$ferrow" --zk "$zk" --auth bob:pw-b update guarded "$alice_id" --weight 0
-fails 1 "ferrow: permission denied: admin on /srv2/guarded (only the operator named in its access list may change it)" \
-  "$ferrow" --zk "$zk" --auth mallory:x protect guarded --publisher mallory:x
+  env FERROW_AUTH=bob:pw-b "$ferrow" --zk "$zk" update guarded "$alice_id" --weight 0
+fails 1 "ferrow: permission denied: admin on /srv2/guarded (its access list does not let these credentials change it; see ferrow acl guarded)" \
+  env FERROW_AUTH=mallory:x "$ferrow" --zk "$zk" protect guarded --publisher mallory:x
+check "--auth warns" "$(run "$ferrow" --zk "$zk" --auth mallory:x acl guarded 2>&1 >/dev/null)" \
+  "ferrow: warning: --auth showed the password in the process list; use --auth-file or FERROW_AUTH"
 
 # The README's examples: watch_service prints what publish_instance does, and
 # call_service stops choosing an instance whose calls keep failing.
@@ -135,6 +149,14 @@ exited "$publish"; check "publish_instance ends with its input" $? 0
 check "a library program is quiet by default" "$(cat "$dir/published.err")" ""
 check "watch_service removed" "$(line "$dir/example" 4)" "removed $id"
 exited "$example"; check "watch_service ends after three events" $? 0
+
+# Last, as it closes the root to every other check: the operator protects
+# it, and only alice and the operator add services from then on.
+check "protect the root" "$(run "$ferrow" --zk "$zk" --auth-file "$dir/op" protect-root --creator alice:pw-a 2>&1 |
+  sed -E 's|:[A-Za-z0-9+/]{27}=|:HASH|' | tr '\n' ,)" \
+  "world:anyone read,digest:op:HASH read,write,create,delete,admin,digest:alice:HASH create,"
+fails 1 "ferrow: permission denied: create on /srv2 (only the operator and the creators listed on the root may add services)" \
+  "$ferrow" --zk "$zk" register newsvc --host h --port 1
 
 [ "$failures" = 0 ] || { echo "$failures checks failed; server log: $dir/server.log" >&2; exit 1; }
 echo "all checks passed"

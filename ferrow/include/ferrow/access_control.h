@@ -20,11 +20,22 @@
 // server's superDigest user bypasses every list; and the Debian client has
 // no TLS, so credentials and records cross the network in clear text.
 //
+// The root /srv2 is open (world:anyone, everything) until the operator
+// protects it once (ProtectRoot): READ for everyone, CREATE for the
+// identities that may add services, everything for the operator. Until
+// then anyone may delete a service node that has no instances (a protected
+// one too), create a service's node before its operator protects it, or
+// take the root's list for themselves. Services that are not protected
+// work under a protected root as under an open one, but only the listed
+// creators and the operator may add new ones.
+//
 // Functions here are stateless and thread-safe; those that take a
 // connection make synchronous requests on the caller's thread.
 
+#include <stdexcept>
 #include <vector>
 
+#include "ferrow/error.h"
 #include "ferrow/zookeeper_connection.h"
 #include "utility/string.h"
 
@@ -38,7 +49,8 @@ String DigestIdentity(const String& credentials);
 
 // An identity as a publisher or operator gives it: credentials
 // "user:password" are hashed; "digest:user:hash" is taken as it is (for
-// scripts that must not hold the password). Throws as DigestIdentity.
+// scripts that must not hold the password). Throws as DigestIdentity, and
+// for a hash that is not 28 characters of base64 (the form of a SHA-1).
 String ParseIdentity(const String& text);
 
 // The access list of a protected service node.
@@ -48,13 +60,58 @@ std::vector<AclEntry> ProtectedServiceAcl(const String& operatorIdentity, const 
 // credentials: READ for everyone, everything for the creator's identity.
 const ACL_vector& PublisherInstanceAcl();
 
-// Creates /srv2/<service> (and /srv2) with the protected list, or sets the
-// list on an existing service node, which needs ADMIN there (an open node
-// grants it to everyone). `operatorCredentials` are those `conn` was opened
-// with. Throws ZooError with the client's result code (ZNOAUTH when the
-// session may not change the list).
+// A request that an access list refused: the node and the permission it
+// needed ("create", "admin", ...). Code() is ZNOAUTH.
+class AccessDenied : public ZooError {
+public:
+    AccessDenied(String path, String permission);
+    const String& Path() const { return m_path; }
+    const String& Permission() const { return m_permission; }
+
+private:
+    String m_path;
+    String m_permission;
+};
+
+// Instances of a service that anyone may change or delete (published
+// without credentials), which protecting the service would leave open.
+class OpenInstances : public std::runtime_error {
+public:
+    explicit OpenInstances(std::vector<String> ids);
+    const std::vector<String>& Ids() const { return m_ids; }
+
+private:
+    std::vector<String> m_ids;
+};
+
+// What ProtectService does with instances that anyone may change.
+enum class OpenInstancePolicy {
+    kRefuse,  // protects nothing and throws OpenInstances naming them
+    kLock,    // gives each READ for everyone and everything to the operator:
+              // its publisher can no longer change it, and it goes with its
+              // session; the publisher registers again with credentials
+};
+
+// Protects /srv2/<service>: creates it with the protected list (never open
+// for a moment; needs CREATE on /srv2, and creates an open /srv2 when there
+// is none) or sets the list on the existing node (needs ADMIN there only).
+// Instances that anyone may change are refused or locked, by `open`, before
+// the list is set. `operatorCredentials` are those `conn` was opened with.
+// Throws AccessDenied naming the node and permission refused, OpenInstances,
+// or ZooError with the client's result code.
 void ProtectService(const ZooKeeperConnection& conn, const String& service, const String& operatorCredentials,
-                    const std::vector<String>& publishers);
+                    const std::vector<String>& publishers, OpenInstancePolicy open = OpenInstancePolicy::kRefuse);
+
+// Protects the root /srv2, creating it when missing: READ for everyone,
+// CREATE for each of `creators` (identities as ParseIdentity returns them),
+// everything for the operator. Needs ADMIN on an existing /srv2. Throws as
+// ProtectService.
+void ProtectRoot(const ZooKeeperConnection& conn, const String& operatorCredentials,
+                 const std::vector<String>& creators);
+
+// The access list of the node at `path` (/srv2, a service, an instance).
+// Throws ZooError (ZNONODE when it does not exist).
+std::vector<AclEntry> NodeAcl(const ZooKeeperConnection& conn, const String& path);
 
 // The access list of /srv2/<service>. The server shows the hash of a
 // digest identity only to a session with ADMIN on the node; others read

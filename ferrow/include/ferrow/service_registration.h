@@ -29,6 +29,13 @@ class ServiceRegistrationImpl;
 // A re-creation that fails is logged under "ferrow.registration" and tried
 // again on the next connected event.
 //
+// Its own node: the registration watches it, so that a node deleted by
+// someone else while the session lives is created again at once. It never
+// adopts a node it did not create: a node found under its id that another
+// session owns (created there after an expiry, or in place of its own) is
+// left alone, logged at ERROR, and watched until it goes; meanwhile
+// IsPublished() is false and Update throws.
+//
 // Access: over a connection with credentials (Connection::HasCredentials),
 // the node is created, and created again, readable by everyone and writable
 // only by this publisher's identity (access_control.h); otherwise open.
@@ -61,11 +68,15 @@ public:
     const String& Path() const;
     // The record last given to the constructor or to Update.
     ServiceInstanceData Record() const;
+    // Whether the node is there and this session's, as far as the
+    // registration knows (false from an expiry until it is created again).
+    bool IsPublished() const;
 
     // Replaces the record and writes it to the node in place. The new record
     // is kept even when the write fails, so a later re-creation publishes it.
-    // Throws ZooError on failure, e.g. while no session is usable or while an
-    // expired session's node has not been created again yet (ZNONODE).
+    // Throws ZooError on failure, e.g. while no session is usable, while an
+    // expired session's node has not been created again yet (ZNONODE), or
+    // while another session's node holds the id (ZNODEEXISTS).
     void Update(const ServiceInstanceData& record);
 
 private:

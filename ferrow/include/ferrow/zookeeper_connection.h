@@ -196,6 +196,8 @@ public:
     // synchronous requests with the result code of the others below.
     int GetAcl(String path, std::vector<AclEntry>& acl) const;
     int SetAcl(String path, const std::vector<AclEntry>& acl, int version = -1) const;
+    // Create, with the node's access list from the start.
+    int Create(String path, const String& data, const std::vector<AclEntry>& acl, int flags) const;
     // Whether the options gave credentials for the sessions.
     bool HasCredentials() const override;
 

@@ -1,0 +1,93 @@
+#include "secrets.h"
+
+#include <sys/stat.h>
+
+#include <cstring>
+#include <fstream>
+
+#include "ferrow/access_control.h"
+
+namespace jx {
+namespace ferrow {
+namespace cli {
+namespace {
+
+String Trimmed(const String& line) {
+    const char* const kSpace = " \t\r\n\v\f";
+    const size_t first = line.find_first_not_of(kSpace);
+    if (first == String::npos) return String();
+    return line.substr(first, line.find_last_not_of(kSpace) - first + 1);
+}
+
+bool Skipped(const String& trimmed) { return trimmed.empty() || trimmed[0] == '#'; }
+
+std::ifstream Open(const String& path, const String& what) {
+    std::ifstream file(path);
+    if (!file) throw UsageError(what + " " + path + ": " + std::strerror(errno));
+    return file;
+}
+
+// Overwrites the password in `text`, from its first colon, with 'x'.
+void Blank(char* text) {
+    char* colon = std::strchr(text, ':');
+    if (colon == nullptr) return;
+    for (char* c = colon + 1; *c != '\0'; ++c) *c = 'x';
+}
+
+}  // namespace
+
+std::vector<String> ReadPublishersFile(const String& path) {
+    std::ifstream file = Open(path, "publishers file");
+    std::vector<String> publishers;
+    int number = 0;
+    for (String line; std::getline(file, line);) {
+        ++number;
+        const String publisher = Trimmed(line);
+        if (Skipped(publisher)) continue;
+        try {
+            (void)ParseIdentity(publisher);
+        } catch (const std::invalid_argument& e) {
+            throw UsageError(path + ":" + std::to_string(number) + ": " + e.what());
+        }
+        publishers.push_back(publisher);
+    }
+    return publishers;
+}
+
+String ReadAuthFile(const String& path) {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) throw UsageError("--auth-file " + path + ": " + std::strerror(errno));
+    if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+        throw UsageError("--auth-file " + path + " may be read or written by others than its owner (chmod 600 " + path +
+                         ")");
+    }
+    std::ifstream file = Open(path, "--auth-file");
+    for (String line; std::getline(file, line);) {
+        const String credentials = Trimmed(line);
+        if (Skipped(credentials)) continue;
+        const size_t colon = credentials.find(':');
+        if (colon == String::npos || colon == 0) {
+            throw UsageError("--auth-file " + path + ": credentials must read USER:PASSWORD");
+        }
+        return credentials;
+    }
+    throw UsageError("--auth-file " + path + " holds no credentials");
+}
+
+bool HideAuthArguments(int argc, char** argv) {
+    bool hidden = false;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--auth") == 0 && i + 1 < argc) {
+            Blank(argv[++i]);
+            hidden = true;
+        } else if (std::strncmp(argv[i], "--auth=", 7) == 0) {
+            Blank(argv[i] + 7);
+            hidden = true;
+        }
+    }
+    return hidden;
+}
+
+}  // namespace cli
+}  // namespace ferrow
+}  // namespace jx

@@ -1,0 +1,42 @@
+#pragma once
+
+// Credentials and publisher identities as the tool reads them: from files
+// kept out of the process list, and from a command line that shows them.
+
+#include <stdexcept>
+#include <vector>
+
+#include "utility/string.h"
+
+namespace jx {
+namespace ferrow {
+namespace cli {
+
+// A mistake in what the user gave: the tool prints it as one line and exits
+// 2, as for any invalid command line.
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// The publisher identities of `path`, one a line (USER:PASSWORD or
+// digest:USER:HASH), each trimmed of surrounding whitespace, with blank
+// lines and lines starting with '#' skipped; each is checked as
+// ParseIdentity checks it. Throws UsageError naming the file, and the line
+// where one is wrong, never the line's text: it may hold a password.
+std::vector<String> ReadPublishersFile(const String& path);
+
+// The credentials (USER:PASSWORD) in `path`: its first line that is neither
+// blank nor a '#' comment, trimmed. Throws UsageError when the file can be
+// read or written by anyone but its owner, cannot be read, or holds none.
+String ReadAuthFile(const String& path);
+
+// Overwrites the password of every --auth on the command line with 'x', so
+// that the process list no longer shows it once the tool has read it, and
+// returns whether there was one. The caller warns: the password was
+// visible until then, and stays in the shell's history.
+bool HideAuthArguments(int argc, char** argv);
+
+}  // namespace cli
+}  // namespace ferrow
+}  // namespace jx
