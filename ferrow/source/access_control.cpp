@@ -125,7 +125,9 @@ void ProtectService(const ZooKeeperConnection& conn, const String& service, cons
     for (const String& child : children) {
         std::vector<AclEntry> acl;
         const int rc = conn.GetAcl(path + "/" + child, acl);
-        if (rc == ZNONODE) continue;  // gone meanwhile
+        // Gone meanwhile, or a node this session may not read: readers
+        // cannot read it either, so it takes no traffic whatever its list.
+        if (rc == ZNONODE || rc == ZNOAUTH) continue;
         Check(rc, path + "/" + child, "read");
         if (OpenToAnyone(acl)) opened.push_back(child);
     }

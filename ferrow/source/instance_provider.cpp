@@ -21,6 +21,11 @@ struct InstanceProvider::ThreadSlot {
     // memory that another thread's choices write.
     std::shared_ptr<const void> owner;
     std::uint64_t turn = 0;
+    // Sticky: the entry of `plan` that holds the provider's choice, as
+    // looked up at the choice's generation (kNone: not in the plan).
+    std::uint64_t stickyGeneration = static_cast<std::uint64_t>(-1);
+    std::uint64_t stickyVersion = 0;
+    std::size_t stickyIndex = static_cast<std::size_t>(-1);
 };
 
 // One Choose call: its thread's slot, its key, and the clock once it was
@@ -120,10 +125,6 @@ std::size_t AmongUp(const Plan& plan, std::size_t begin, std::size_t count, bool
     return last;
 }
 
-std::uint64_t StickyKey(std::uint64_t version, std::size_t index) {
-    return (static_cast<std::uint64_t>(index) << 32) | (version & 0xffffffffULL);
-}
-
 std::int64_t Nanos(std::chrono::milliseconds time) { return std::chrono::nanoseconds(time).count(); }
 
 // The doublings the next ejection of `health` gets: its ejections in a row,
@@ -135,8 +136,6 @@ int Doublings(const InstanceProvider::Health& health, std::int64_t now, const Do
     const std::int64_t behaved = (now - until) / std::max<std::int64_t>(Nanos(policy.downTime), 1);
     return static_cast<int>(std::max<std::int64_t>(0, health.ejections - behaved));
 }
-
-std::uint64_t StickyVersion(std::uint64_t key) { return key & 0xffffffffULL; }
 
 // Draws of a random or weighted choice before the instances that are up are
 // counted instead: with half of them down, 1 choice in 256 gets that far.
@@ -153,12 +152,6 @@ String What(const std::exception_ptr& failure) {
     } catch (...) {
         return "an exception that is not a std::exception";
     }
-}
-
-// The index a sticky key holds for the plan of `version`, or Plan::kNone when
-// it names a choice in another plan.
-std::size_t StickyIndex(std::uint64_t key, std::uint64_t version) {
-    return (key & 0xffffffffULL) == (version & 0xffffffffULL) ? static_cast<std::size_t>(key >> 32) : Plan::kNone;
 }
 
 }  // namespace
@@ -292,12 +285,22 @@ std::size_t InstanceProvider::ByKey(Choosing& choosing, std::size_t group, bool 
 }
 
 InstancePtr InstanceProvider::ChooseSticky(Choosing& choosing) {
-    const Plan& plan = *choosing.slot.plan;
-    std::uint64_t key = m_sticky.load(std::memory_order_acquire);
-    const std::size_t held = StickyIndex(key, plan.version);
+    ThreadSlot& slot = choosing.slot;
+    const Plan& plan = *slot.plan;
+    // The choice is an instance, not a place in a plan: threads on plans of
+    // different versions agree on it. Each looks it up in its own plan once
+    // per change of the choice or of its plan.
+    if (slot.stickyGeneration != m_stickyGeneration.load(std::memory_order_acquire) ||
+        slot.stickyVersion != plan.version) {
+        std::lock_guard<std::mutex> lock(m_stickyMtx);
+        slot.stickyGeneration = m_stickyGeneration.load(std::memory_order_relaxed);
+        slot.stickyVersion = plan.version;
+        slot.stickyIndex = m_stickyChosen ? plan.EntryOf(*m_stickyChosen) : Plan::kNone;
+    }
+    const std::size_t held = slot.stickyIndex;
     // A drained choice stands only while nothing has a positive weight.
-    const bool standing = held < plan.entries.size() && (held < plan.groupStart[2] || plan.groupStart[2] == 0);
-    if (standing && !DownNow(plan.entries[held], choosing.now)) return Hand(choosing.slot, plan.entries[held]);
+    const bool standing = held != Plan::kNone && (held < plan.groupStart[2] || plan.groupStart[2] == 0);
+    if (standing && !DownNow(plan.entries[held], choosing.now)) return Hand(slot, plan.entries[held]);
     std::size_t index = ChooseIndex(choosing, false);
     if (index == Plan::kNone && m_options.whenAllDown == WhenAllDown::kChooseAmongDown) {
         // Every instance is down: the choice stands all the same, or one is
@@ -305,15 +308,16 @@ InstancePtr InstanceProvider::ChooseSticky(Choosing& choosing) {
         index = standing ? held : ChooseIndex(choosing, true);
     }
     if (index == Plan::kNone) return nullptr;
-    if (index == held) return Hand(choosing.slot, plan.entries[index]);
-    // Another thread may have chosen meanwhile in this plan: the latest
-    // choice stands. One made in a newer plan is never overwritten from an
-    // older one; this call still gets its own.
-    const std::uint64_t wanted = StickyKey(plan.version, index);
-    while (StickyVersion(key) <= StickyVersion(wanted) &&
-           !m_sticky.compare_exchange_weak(key, wanted, std::memory_order_acq_rel, std::memory_order_acquire)) {
+    if (index == held) return Hand(slot, plan.entries[index]);
+    // The latest choice stands: one that another thread made since this one
+    // looked is kept, and this call still gets its own.
+    std::lock_guard<std::mutex> lock(m_stickyMtx);
+    if (m_stickyGeneration.load(std::memory_order_relaxed) == slot.stickyGeneration) {
+        m_stickyChosen = plan.entries[index].instance->Id();
+        m_stickyGeneration.store(++slot.stickyGeneration, std::memory_order_release);
+        slot.stickyIndex = index;
     }
-    return Hand(choosing.slot, plan.entries[index]);
+    return Hand(slot, plan.entries[index]);
 }
 
 InstanceProvider::ThreadSlot& InstanceProvider::CurrentSlot() {
@@ -433,18 +437,6 @@ void InstanceProvider::BuildPlans() {
 
 void InstanceProvider::Install(std::shared_ptr<const Plan> plan) {
     if (m_plan && m_plan->version >= plan->version) return;
-    // The sticky choice follows its instance into the new plan.
-    const std::uint64_t key = m_sticky.load(std::memory_order_acquire);
-    const std::size_t held = m_plan ? StickyIndex(key, m_plan->version) : Plan::kNone;
-    if (m_plan && held < m_plan->entries.size()) {
-        const ServiceId& id = m_plan->entries[held].instance->Id();
-        for (std::size_t index = 0; index < plan->entries.size(); ++index) {
-            if (plan->entries[index].instance->Id() != id) continue;
-            std::uint64_t expected = key;
-            m_sticky.compare_exchange_strong(expected, StickyKey(plan->version, index));
-            break;
-        }
-    }
     m_accepted.store(plan->entries.size(), std::memory_order_relaxed);
     m_plan = std::move(plan);
     m_planVersion.store(m_plan->version, std::memory_order_release);

@@ -120,14 +120,26 @@ check "acl as anyone, JSON" "$(run "$ferrow" --zk "$zk" acl guarded --json | cut
 check "list a protected service" "$(run "$ferrow" --zk "$zk" list guarded | cut -d' ' -f1-2)" "$alice_id a:1"
 check "an instance's acl" "$(run "$ferrow" --zk "$zk" acl guarded "$alice_id" | tr '\n' ,)" \
   "world:anyone read,digest:alice:x read,write,create,delete,admin,"
+# A publisher may add a node nobody else can read: list skips it, naming it.
+hostile=5d1f9c3e-7a2b-4c8d-9e0f-1a2b3c4d5e6f
+printf 'addauth digest alice:pw-a\ncreate /srv2/guarded/%s x auth::cdrwa\nquit\n' "$hostile" |
+  run /usr/share/zookeeper/bin/zkCli.sh -server "$zk" >/dev/null 2>&1
+check "list skips what it cannot read" "$(run "$ferrow" --zk "$zk" list guarded 2>"$dir/err" | cut -d' ' -f1-2)|$(cat "$dir/err")" \
+  "$alice_id a:1|ferrow: warning: instance $hostile of service 'guarded' skipped: not authenticated"
 fails 1 "ferrow: permission denied: create on /srv2/guarded (the service accepts its listed publishers only; see --auth)" \
   "$ferrow" --zk "$zk" register guarded --host h --port 1
 fails 1 "ferrow: permission denied: write on /srv2/guarded/$alice_id (only the instance's publisher may change its record)" \
   env FERROW_AUTH=bob:pw-b "$ferrow" --zk "$zk" update guarded "$alice_id" --weight 0
 fails 1 "ferrow: permission denied: admin on /srv2/guarded (its access list does not let these credentials change it; see ferrow acl guarded)" \
   env FERROW_AUTH=mallory:x "$ferrow" --zk "$zk" protect guarded --publisher mallory:x
-check "--auth warns" "$(run "$ferrow" --zk "$zk" --auth mallory:x acl guarded 2>&1 >/dev/null)" \
+# --auth warns, and leaves the process list once read.
+"$ferrow" --zk "$zk" --auth alice:pw-a register guarded --host b --port 2 >/dev/null 2>"$dir/hidden" & hidden=$!
+pids+=("$hidden")
+check "--auth warns" "$(line "$dir/hidden" 1)" \
   "ferrow: warning: --auth showed the password in the process list; use --auth-file or FERROW_AUTH"
+check "--auth hidden" "$(tr '\0' ' ' <"/proc/$hidden/cmdline")" \
+  "$ferrow --zk $zk --auth alice:xxxx register guarded --host b --port 2 "
+kill -TERM "$hidden"
 
 # The README's examples: watch_service prints what publish_instance does, and
 # call_service stops choosing an instance whose calls keep failing.

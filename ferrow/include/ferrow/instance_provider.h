@@ -60,6 +60,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string_view>
 #include <thread>
 #include <unordered_map>
@@ -286,8 +287,11 @@ private:
     std::atomic<std::size_t> m_accepted{0};
     std::atomic<bool> m_panicking{false};
 
-    // Sticky: the plan version (low half) and index (high half) of the choice.
-    std::atomic<std::uint64_t> m_sticky{0};
+    // Sticky: the instance chosen, and the count of its changes, which each
+    // thread compares with the one it last looked up. After m_planMtx.
+    std::mutex m_stickyMtx;
+    std::optional<ServiceId> m_stickyChosen;           // guarded by m_stickyMtx
+    std::atomic<std::uint64_t> m_stickyGeneration{0};  // written under m_stickyMtx
 };
 
 }  // namespace ferrow
