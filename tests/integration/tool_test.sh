@@ -126,6 +126,10 @@ printf 'addauth digest alice:pw-a\ncreate /srv2/guarded/%s x auth::cdrwa\nquit\n
   run /usr/share/zookeeper/bin/zkCli.sh -server "$zk" >/dev/null 2>&1
 check "list skips what it cannot read" "$(run "$ferrow" --zk "$zk" list guarded 2>"$dir/err" | cut -d' ' -f1-2)|$(cat "$dir/err")" \
   "$alice_id a:1|ferrow: warning: instance $hostile of service 'guarded' skipped: not authenticated"
+# watch names it in one log record and goes on: it reports the next instance.
+"$ferrow" --zk "$zk" watch guarded >"$dir/guarded" 2>"$dir/guarded.err" & guarded=$!
+pids+=("$guarded")
+check "watch skips what it cannot read" "$(line "$dir/guarded" 2)" "synced 1 instances"
 fails 1 "ferrow: permission denied: create on /srv2/guarded (the service accepts its listed publishers only; see --auth)" \
   "$ferrow" --zk "$zk" register guarded --host h --port 1
 fails 1 "ferrow: permission denied: write on /srv2/guarded/$alice_id (only the instance's publisher may change its record)" \
@@ -139,7 +143,13 @@ check "--auth warns" "$(line "$dir/hidden" 1)" \
   "ferrow: warning: --auth showed the password in the process list; use --auth-file or FERROW_AUTH"
 check "--auth hidden" "$(tr '\0' ' ' <"/proc/$hidden/cmdline")" \
   "$ferrow --zk $zk --auth alice:xxxx register guarded --host b --port 2 "
+check "watch goes on past what it cannot read" "$(line "$dir/guarded" 3 | cut -d' ' -f1,3)" "added b:2"
+kill -TERM "$guarded"  # first: the registration's end would change the list again
+exited "$guarded"; check "watch ends on SIGTERM" $? 0
 kill -TERM "$hidden"
+# Named again each time the list of instances changes, as the watcher reads
+# every instance it does not know yet.
+check "watch names what it cannot read" "$(grep -c "Error watching instance /srv2/guarded/$hostile" "$dir/guarded.err")" 2
 
 # The README's examples: watch_service prints what publish_instance does, and
 # call_service stops choosing an instance whose calls keep failing.
