@@ -114,13 +114,15 @@ public:
 private:
     // Requires m_mtx held. Creates the node again, logging `how` on success;
     // a node already there is kept only when this session created it (its
-    // create's answer was lost), never adopted from another.
-    void Republish(const char* how) {
+    // create's answer was lost), never adopted from another. A node that
+    // another client keeps creating and deleting meanwhile is tried
+    // `tries` times here, then again at its next event.
+    void Republish(const char* how, int tries = 3) {
         try {
             Publish();
             JXLOG(logging::JXLOG_INFO, g_log) << how << m_path;
         } catch (const ZooError& e) {
-            if (e.Code() == ZNODEEXISTS) return Judge();
+            if (e.Code() == ZNODEEXISTS) return Judge(tries - 1);
             JXLOG(logging::JXLOG_ERROR, g_log) << "Instance not published again, retried on the next connection: "
                                                << m_path << ": " << e.what();
             // A node deleted while the session lives is tried again, as one
@@ -132,10 +134,17 @@ private:
     // Requires m_mtx held. Reads who owns the existing node: this session
     // (published), or another (not published; watched, so that the node is
     // created again once that one is gone).
-    void Judge() {
+    void Judge(int tries = 3) {
         Stat stat{};
         const int rc = m_conn->Exists(m_path, &stat);
-        if (rc == ZNONODE) return Republish("Instance published again: ");
+        if (rc == ZNONODE) {
+            if (tries > 0) return Republish("Instance published again: ", tries - 1);
+            JXLOG(logging::JXLOG_ERROR, g_log) << "Instance not published again, its node keeps coming and going; "
+                                                  "retried on the next connection: "
+                                               << m_path;
+            m_node = Node::kLostWithSession;
+            return;
+        }
         if (rc != ZOK) return;  // the session's events take over
         if (Owns(stat)) {
             m_node = Node::kPublished;
