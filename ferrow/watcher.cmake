@@ -1,18 +1,18 @@
 # The service watcher library; its sources are listed as they are written.
 # Headers under source/ are private to the library.
 add_library(ferrow
-  source/service_watcher.cpp
-  source/service_watcher_impl.cpp
-  source/sync_tracker.cpp
-  source/instance_snapshot.cpp
-  source/instance_table.cpp
-  source/service_cache.cpp
-  source/instance_provider.cpp
-  source/provider_plan.cpp
-  source/access_control.cpp
-  source/zlib.cpp
-  source/instance_data.cpp
-  source/service_registration.cpp)
+  source/watching/service_watcher.cpp
+  source/watching/service_watcher_impl.cpp
+  source/watching/sync_tracker.cpp
+  source/cache/instance_snapshot.cpp
+  source/cache/instance_table.cpp
+  source/cache/service_cache.cpp
+  source/cache/instance_provider.cpp
+  source/cache/provider_plan.cpp
+  source/publishing/access_control.cpp
+  source/watching/zlib.cpp
+  source/watching/instance_data.cpp
+  source/publishing/service_registration.cpp)
 add_library(ferrow::ferrow ALIAS ferrow)
 target_include_directories(ferrow
   PUBLIC

@@ -9,7 +9,7 @@
 
 #include <google/protobuf/stubs/logging.h>
 
-#include "znode_data.h"
+#include "watching/znode_data.h"
 
 // Protobuf reports invalid UTF-8 in string fields on stderr; the fuzzer
 // produces it constantly, and the parse result says enough.

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "znode_data.h"
+#include "watching/znode_data.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace jx::ferrow;

@@ -17,7 +17,7 @@
 #include <boost/uuid/string_generator.hpp>
 
 #include "bench_support.h"
-#include "znode_data.h"
+#include "watching/znode_data.h"
 
 namespace jx {
 namespace bench {

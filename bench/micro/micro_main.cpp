@@ -17,7 +17,7 @@
 #include "logger/logger.h"
 #include "utility/observable_impl.h"
 #include "utility/uuid_text.h"
-#include "znode_data.h"
+#include "watching/znode_data.h"
 
 namespace jx {
 namespace bench {

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "read_window.h"
+#include "connection/read_window.h"
 #include "tests/support/fake_connection.h"
 #include "tests/support/support.h"
 

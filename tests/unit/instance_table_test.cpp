@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "instance_table.h"
+#include "cache/instance_table.h"
 #include "tests/support/instances.h"
 
 namespace jx {

@@ -1,4 +1,4 @@
-#include "service_watcher_impl.h"
+#include "watching/service_watcher_impl.h"
 
 #include <cassert>
 #include <list>
@@ -12,7 +12,7 @@
 #include "ferrow/zlib.h"
 #include "logger/logger.h"
 #include "utility/uuid_text.h"
-#include "znode_data.h"
+#include "watching/znode_data.h"
 
 namespace jx {
 namespace ferrow {

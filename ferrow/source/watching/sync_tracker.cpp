@@ -1,4 +1,4 @@
-#include "sync_tracker.h"
+#include "watching/sync_tracker.h"
 
 #include <algorithm>
 #include <utility>

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <utility>
 
-#include "connection_session.h"
-#include "delivery_queue.h"
+#include "connection/connection_session.h"
+#include "connection/delivery_queue.h"
 #include "ferrow/error.h"
 #include "logger/logger.h"
 

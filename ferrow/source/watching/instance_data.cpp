@@ -3,7 +3,7 @@
 #include <boost/uuid/uuid_io.hpp>
 
 #include "ferrow/zlib.h"
-#include "znode_data.h"
+#include "watching/znode_data.h"
 
 namespace jx {
 namespace ferrow {

@@ -1,4 +1,4 @@
-#include "provider_plan.h"
+#include "cache/provider_plan.h"
 
 #include <algorithm>
 #include <cmath>

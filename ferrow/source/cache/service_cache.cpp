@@ -7,9 +7,9 @@
 #include <mutex>
 #include <utility>
 
-#include "callback_gate.h"
-#include "instance_table.h"
-#include "sync_tracker.h"
+#include "connection/callback_gate.h"
+#include "cache/instance_table.h"
+#include "watching/sync_tracker.h"
 #include "utility/observable_impl.h"
 
 namespace jx {

@@ -9,8 +9,8 @@
 #include <unordered_map>
 #include <utility>
 
-#include "connection_session.h"
-#include "delivery_queue.h"
+#include "connection/connection_session.h"
+#include "connection/delivery_queue.h"
 #include "logger/logger.h"
 
 namespace jx {

@@ -1,4 +1,4 @@
-#include "instance_table.h"
+#include "cache/instance_table.h"
 
 #include <functional>
 #include <utility>

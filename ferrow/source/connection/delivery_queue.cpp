@@ -1,4 +1,4 @@
-#include "delivery_queue.h"
+#include "connection/delivery_queue.h"
 
 #include <stdexcept>
 #include <utility>

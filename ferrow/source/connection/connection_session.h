@@ -17,7 +17,7 @@
 #include <variant>
 
 #include "ferrow/zookeeper_connection.h"
-#include "read_window.h"
+#include "connection/read_window.h"
 
 namespace jx {
 namespace ferrow {

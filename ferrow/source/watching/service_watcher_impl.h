@@ -6,7 +6,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "callback_gate.h"
+#include "connection/callback_gate.h"
 #include "ferrow/connection_v2.h"
 #include "ferrow/service_watcher_observer.h"
 #include "utility/observable_impl.h"

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "logger/logger.h"
-#include "provider_plan.h"
+#include "cache/provider_plan.h"
 
 namespace jx {
 namespace ferrow {

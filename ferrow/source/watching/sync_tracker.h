@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "callback_gate.h"
+#include "connection/callback_gate.h"
 #include "ferrow/connection_v2.h"
 #include "utility/string.h"
 

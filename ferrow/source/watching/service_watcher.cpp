@@ -3,8 +3,8 @@
 #include <utility>
 
 #include "ferrow/instance_data.h"
-#include "service_watcher_impl.h"
-#include "sync_tracker.h"
+#include "watching/service_watcher_impl.h"
+#include "watching/sync_tracker.h"
 
 namespace jx {
 namespace ferrow {

@@ -6,8 +6,8 @@
 #include <chrono>
 #include <utility>
 
-#include "connection_session.h"
-#include "delivery_queue.h"
+#include "connection/connection_session.h"
+#include "connection/delivery_queue.h"
 #include "ferrow/error.h"
 
 namespace jx {
