@@ -15,7 +15,6 @@
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
-#include "ferrow/access_control.h"
 #include "secrets.h"
 #include "ferrow/error.h"
 #include "ferrow/instance_data.h"
@@ -25,7 +24,6 @@ namespace {
 
 using jx::String;
 using jx::ferrow::ChoiceStrategy;
-using jx::ferrow::ParseIdentity;
 using namespace jx::ferrow::cli;
 
 // The log level when neither --log-level nor FERROW_LOG_LEVEL says
@@ -322,33 +320,17 @@ int main(int argc, char** argv) {
         }
         if (*acl) return Acl(common, signals, service, id, json);
         if (*protectRoot) {
-            for (const String& creator : creators) {
-                try {
-                    (void)ParseIdentity(creator);
-                } catch (const std::invalid_argument& e) {
-                    throw UsageError(String("protect-root: --creator: ") + e.what());
-                }
-            }
-            if (common.digestAuth.empty()) {
-                throw UsageError("protect-root needs the operator's credentials: give --auth-file or FERROW_AUTH");
-            }
+            CheckIdentities(creators, "protect-root: --creator");
+            RequireOperator(common.digestAuth, "protect-root");
             return ProtectRoot(common, signals, creators);
         }
         if (*protect) {
-            for (const String& publisher : publishers) {
-                try {
-                    (void)ParseIdentity(publisher);
-                } catch (const std::invalid_argument& e) {
-                    throw UsageError(String("protect: --publisher: ") + e.what());
-                }
-            }
+            CheckIdentities(publishers, "protect: --publisher");
             if (!publishersFile.empty()) {
                 for (String& publisher : ReadPublishersFile(publishersFile)) publishers.push_back(std::move(publisher));
             }
             if (publishers.empty()) throw UsageError("protect: give at least one --publisher or --publishers-file");
-            if (common.digestAuth.empty()) {
-                throw UsageError("protect needs the operator's credentials: give --auth-file or FERROW_AUTH");
-            }
+            RequireOperator(common.digestAuth, "protect");
             return Protect(common, signals, service, publishers, lockInstances);
         }
         if (*get) return Get(common, signals, service, *id, json);

@@ -36,6 +36,22 @@ void Blank(char* text) {
 
 }  // namespace
 
+void CheckIdentities(const std::vector<String>& identities, const String& what) {
+    for (const String& identity : identities) {
+        try {
+            (void)ParseIdentity(identity);
+        } catch (const std::invalid_argument& e) {
+            throw UsageError(what + ": " + e.what());
+        }
+    }
+}
+
+void RequireOperator(const String& credentials, const String& command) {
+    if (credentials.empty()) {
+        throw UsageError(command + " needs the operator's credentials: give --auth-file or FERROW_AUTH");
+    }
+}
+
 std::vector<String> ReadPublishersFile(const String& path) {
     std::ifstream file = Open(path, "publishers file");
     std::vector<String> publishers;

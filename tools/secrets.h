@@ -19,6 +19,14 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// Checks each identity as ParseIdentity does; throws UsageError led by
+// `what` ("protect: --publisher") for the first that is wrong.
+void CheckIdentities(const std::vector<String>& identities, const String& what);
+
+// Throws UsageError when `credentials` (the operator's) are empty: `command`
+// changes access lists, which only the operator may.
+void RequireOperator(const String& credentials, const String& command);
+
 // The publisher identities of `path`, one a line (USER:PASSWORD or
 // digest:USER:HASH), each trimmed of surrounding whitespace, with blank
 // lines and lines starting with '#' skipped; each is checked as
