@@ -338,6 +338,9 @@ InstanceProvider::ThreadSlot& InstanceProvider::CurrentSlot() {
     slot.plan = std::move(plan);
     // Threads go round from different places.
     slot.turn = Random() >> 1;
+    // Nothing looked up for another provider stands.
+    slot.stickyGeneration = static_cast<std::uint64_t>(-1);
+    slot.stickyIndex = Plan::kNone;
     return slot;
 }
 
