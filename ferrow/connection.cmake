@@ -3,7 +3,9 @@ add_library(ferrow_connection
   source/connection/delivery_queue.cpp
   source/connection/zookeeper_connection.cpp
   source/connection/connection_requests.cpp
-  source/connection/watch_registry.cpp)
+  source/connection/watch_registry.cpp
+  source/metrics/metrics_registry.cpp
+  source/metrics/prometheus_text.cpp)
 add_library(ferrow::connection ALIAS ferrow_connection)
 target_include_directories(ferrow_connection
   PUBLIC

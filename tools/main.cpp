@@ -11,10 +11,12 @@
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <optional>
 
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
+#include "metrics_server.h"
 #include "secrets.h"
 #include "ferrow/error.h"
 #include "ferrow/instance_data.h"
@@ -152,6 +154,14 @@ int main(int argc, char** argv) {
         bool compress = false;
         RecordFields fields;
         std::vector<String> metadata;
+        String metricsAddress;
+        const auto addMetrics = [&metricsAddress](CLI::App* command) {
+            command
+                ->add_option("--metrics", metricsAddress,
+                             "Serve the process's metrics in the Prometheus text format at http://HOST:PORT/metrics "
+                             "(port 0: any free one; the address is printed on standard error)")
+                ->type_name("HOST:PORT");
+        };
         const auto addService = [&service](CLI::App* command) {
             command->add_option("SERVICE", service, "Service name")->required()->check(kServiceName);
         };
@@ -172,6 +182,7 @@ int main(int argc, char** argv) {
             "Creates /srv2/<service> when it is missing.");
         addService(watch);
         watch->add_flag("--json", json, "One JSON object per line");
+        addMetrics(watch);
 
         CLI::App* services = app.add_subcommand(
             "services",
@@ -265,6 +276,7 @@ int main(int argc, char** argv) {
         addService(reg);
         AddRecordOptions(*reg, fields, metadata, true);
         reg->add_option("--id", idText, "Instance id to use instead of a random one")->check(kUuid);
+        addMetrics(reg);
         addCompress(reg);
 
         CLI::App* update = app.add_subcommand(
@@ -307,6 +319,12 @@ int main(int argc, char** argv) {
         for (const auto& entry : metadata) fields.metadata.push_back(*ParseMetadata(entry));
         const auto id = idText.empty() ? std::nullopt : ParseServiceId(idText);
 
+        // Served for as long as the command runs, from before it connects.
+        std::optional<MetricsServer> metricsServer;
+        if (!metricsAddress.empty()) {
+            metricsServer.emplace(metricsAddress);
+            std::cerr << "ferrow: serving metrics at " << metricsServer->Url() << std::endl;
+        }
         if (*watch) return Watch(common, signals, service, json);
         if (*services) return Services(common, signals, json);
         if (*list) return List(common, signals, service, json);

@@ -69,6 +69,7 @@
 #include "ferrow/instance_snapshot.h"
 #include "ferrow/service_cache.h"
 #include "utility/string.h"
+#include "utility/thread_counts.h"
 #include "utility/uuid_hash.h"
 
 namespace jx {
@@ -210,6 +211,11 @@ public:
     struct ThreadSlot;
 
 private:
+    // What the metrics count (ferrow/metrics.h), per thread.
+    enum Count : std::size_t { kChosen, kNoneChosen, kSucceeded, kFailed, kEnded, kEjected, kCounts };
+    // Adds this provider's figures.
+    void Collect(Metrics& metrics) const;
+
     struct Choosing;
     // A Choose with or without a key's hash.
     InstancePtr ChooseWith(Choosing& choosing);
@@ -292,6 +298,10 @@ private:
     std::mutex m_stickyMtx;
     std::optional<ServiceId> m_stickyChosen;           // guarded by m_stickyMtx
     std::atomic<std::uint64_t> m_stickyGeneration{0};  // written under m_stickyMtx
+
+    ThreadCounts<kCounts> m_counts;
+    // Made last by the constructor, closed first by the destructor.
+    std::unique_ptr<details::MetricsSource> m_metrics;
 };
 
 }  // namespace ferrow

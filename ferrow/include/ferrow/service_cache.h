@@ -110,6 +110,8 @@ public:
 
     // The watcher that feeds the cache, while it exists.
     ServiceWatcher& Watcher() const { return *m_watcher; }
+    // The service's name.
+    const String& Service() const { return m_service; }
 
     void RegisterShared(std::shared_ptr<ServiceCacheObserver> observer) override;
     void RegisterWeak(std::weak_ptr<ServiceCacheObserver> observer) override;
@@ -134,6 +136,10 @@ private:
     // the watcher's observer registry.
     const std::shared_ptr<State> m_state;
     std::uint64_t m_syncedKey = 0;  // the state's listener in the watcher's sync tracker
+    const String m_service;
+    // This cache's figures in the metrics (ferrow/metrics.h); closed first
+    // by the destructor.
+    std::unique_ptr<details::MetricsSource> m_metrics;
 };
 
 }  // namespace ferrow

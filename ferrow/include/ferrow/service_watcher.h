@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "ferrow/connection_v2.h"
+#include "ferrow/metrics.h"
 #include "ferrow/service_watcher_observer.h"
 #include "utility/observable.h"
 #include "utility/string.h"
@@ -20,6 +21,9 @@ namespace ferrow {
 
 class ServiceWatcherImpl;
 class SyncTracker;
+namespace details {
+class MetricsSource;
+}  // namespace details
 
 // Thread-safe: every operation may be called from any thread.
 //
@@ -71,6 +75,9 @@ public:
     // on anything else the connection throws.
     void Start();
 
+    // The service's name, as given.
+    const String& Service() const { return m_service; }
+
     // The instances known now (reported added and not yet removed), in no
     // particular order.
     std::vector<ServiceId> ListInstances() const;
@@ -111,6 +118,8 @@ public:
 private:
     // A cache attached to this watcher notices when it is gone.
     friend class ServiceCache;
+    // Adds this watcher's figures; for the metrics.
+    void Collect(Metrics& metrics) const;
     // Ready once the impl is destroyed, on whichever thread let it go last.
     // Declared first: m_impl's construction sets it.
     std::future<void> m_implReleased;
@@ -121,6 +130,13 @@ private:
     std::shared_ptr<ServiceWatcherImpl> m_impl;
     // Knows when the view is complete.
     const std::shared_ptr<SyncTracker> m_sync;
+    const String m_service;
+    // Counts the reports to the observers, for the metrics (ferrow/metrics.h);
+    // the first observer registered.
+    struct Reports;
+    const std::shared_ptr<Reports> m_reports;
+    // Closed first by the destructor.
+    const std::unique_ptr<details::MetricsSource> m_metrics;
 };
 
 }  // namespace ferrow

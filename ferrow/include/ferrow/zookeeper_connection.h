@@ -149,6 +149,7 @@ struct AclEntry {
 
 namespace details {
 class DeliveryQueue;
+class MetricsSource;
 struct SyncCall;
 }  // namespace details
 
@@ -237,6 +238,9 @@ private:
     void NotifyStateWaiters();
     // Hands the options' digest credentials to `zh`; the client's result.
     int AddCredentials(zhandle_t* zh) const;
+    // On the delivery thread: counts a session event of `generation` for
+    // the metrics.
+    void CountSessionEvent(std::uint64_t generation, int state);
 
     // The session thread: replaces an expired session when asked, and keeps
     // the watches of the current one (MaintainWatches).
@@ -359,6 +363,17 @@ private:
     std::atomic<std::uint64_t> m_publishedGeneration{0};
 
     std::atomic<size_t> m_pendingWatches{0};
+
+    // Figures for the process's metrics (ferrow/metrics.h); the source is
+    // made by Open and closed first by the destructor.
+    const std::uint64_t m_number;  // ConnectionMetrics::connection
+    std::atomic<std::uint64_t> m_sessionsOpened{0};
+    std::atomic<std::uint64_t> m_sessionExpiries{0};
+    std::atomic<std::uint64_t> m_reconnections{0};
+    std::atomic<std::uint64_t> m_watchesRegistered{0};
+    std::atomic<std::uint64_t> m_watchesWithdrawn{0};
+    std::uint64_t m_connectedGeneration = 0;  // delivery thread only: the latest session seen connected
+    std::unique_ptr<details::MetricsSource> m_metrics;
 
     // Wakes WaitConnected on every session event. Leaf lock apart from the
     // shared lock State() takes inside it.

@@ -8,6 +8,7 @@
 
 #include "logger/logger.h"
 #include "cache/provider_plan.h"
+#include "metrics/metrics_registry.h"
 
 namespace jx {
 namespace ferrow {
@@ -160,9 +161,11 @@ InstanceProvider::InstanceProvider(std::shared_ptr<const ServiceCache> cache, Pr
     : m_cache(std::move(cache)), m_options(std::move(options)), m_id(NextProviderId()) {
     if (!m_cache) throw std::invalid_argument("InstanceProvider needs a cache");
     if (m_options.down.errorThreshold < 1) throw std::invalid_argument("errorThreshold must be at least 1");
+    m_metrics = std::make_unique<details::MetricsSource>([this](Metrics& metrics) { Collect(metrics); });
 }
 
 InstanceProvider::~InstanceProvider() {
+    m_metrics->Close();
     {
         std::lock_guard<std::mutex> lock(m_planMtx);
         m_stopping = true;
@@ -173,7 +176,9 @@ InstanceProvider::~InstanceProvider() {
 
 InstancePtr InstanceProvider::Choose() {
     Choosing choosing{CurrentSlot()};
-    return ChooseWith(choosing);
+    InstancePtr chosen = ChooseWith(choosing);
+    m_counts.Add(chosen ? kChosen : kNoneChosen);
+    return chosen;
 }
 
 InstancePtr InstanceProvider::Choose(std::string_view key) {
@@ -181,7 +186,9 @@ InstancePtr InstanceProvider::Choose(std::string_view key) {
         throw std::logic_error("InstanceProvider::Choose(key) needs ChoiceStrategy::kByKey");
     }
     Choosing choosing{CurrentSlot(), true, KeyHash(key)};
-    return ChooseWith(choosing);
+    InstancePtr chosen = ChooseWith(choosing);
+    m_counts.Add(chosen ? kChosen : kNoneChosen);
+    return chosen;
 }
 
 InstancePtr InstanceProvider::ChooseWith(Choosing& choosing) {
@@ -506,6 +513,7 @@ NoChoice InstanceProvider::WhyNone() {
 }
 
 void InstanceProvider::ReportFailure(const ServiceId& id) {
+    m_counts.Add(kFailed);
     const std::int64_t now = NowNs();
     std::lock_guard<std::mutex> lock(m_healthMtx);
     Health& health = *HealthOf(id);
@@ -524,6 +532,7 @@ void InstanceProvider::ReportFailure(const ServiceId& id) {
 }
 
 void InstanceProvider::ReportSuccess(const ServiceId& id) {
+    m_counts.Add(kSucceeded);
     // Without a failure rate to count, a success only ends a row of
     // failures: when there is none, the thread's plan finds the record
     // without a lock.
@@ -539,6 +548,7 @@ void InstanceProvider::ReportSuccess(const ServiceId& id) {
 }
 
 void InstanceProvider::ReportEnd(const ServiceId& id) {
+    m_counts.Add(kEnded);
     if (m_options.strategy != ChoiceStrategy::kLeastRequest) return;
     if (Health* planned = PlannedHealth(id)) return EndCall(*planned);
     std::lock_guard<std::mutex> lock(m_healthMtx);
@@ -594,6 +604,27 @@ void InstanceProvider::Eject(Health& health, std::int64_t now) {
     const std::int64_t time = std::min(longest, Nanos(policy.downTime) << std::min(doublings, 20));
     health.ejections = doublings + 1;
     health.downUntil.store(now + std::max<std::int64_t>(time, 0), std::memory_order_relaxed);
+    m_counts.Add(kEjected);
+}
+
+void InstanceProvider::Collect(Metrics& metrics) const {
+    ProviderMetrics figures;
+    figures.service = m_cache->Service();
+    figures.choices = m_counts.Sum(kChosen);
+    figures.noChoices = m_counts.Sum(kNoneChosen);
+    figures.successes = m_counts.Sum(kSucceeded);
+    figures.failures = m_counts.Sum(kFailed);
+    figures.ends = m_counts.Sum(kEnded);
+    figures.ejections = m_counts.Sum(kEjected);
+    figures.panicking = Panicking();
+    const std::int64_t now = NowNs();
+    {
+        std::lock_guard<std::mutex> lock(m_healthMtx);
+        for (const auto& entry : m_health) {
+            figures.ejected += entry.second->downUntil.load(std::memory_order_relaxed) > now ? 1 : 0;
+        }
+    }
+    metrics.providers.push_back(std::move(figures));
 }
 
 bool InstanceProvider::IsDown(const ServiceId& id) const { return DownFor(id) > std::chrono::milliseconds(0); }

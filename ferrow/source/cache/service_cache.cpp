@@ -9,6 +9,7 @@
 
 #include "connection/callback_gate.h"
 #include "cache/instance_table.h"
+#include "metrics/metrics_registry.h"
 #include "watching/sync_tracker.h"
 #include "utility/observable_impl.h"
 
@@ -189,12 +190,17 @@ ServiceCache::ServiceCache(std::shared_ptr<Connection> conn, const String& servi
       m_watcher(m_owned.get()),
       m_watcherAlive(m_owned->m_impl),
       m_conn(m_owned->m_conn),
-      m_state(std::make_shared<State>(*this)) {
+      m_state(std::make_shared<State>(*this)),
+      m_service(service) {
     Attach();
 }
 
 ServiceCache::ServiceCache(ServiceWatcher& watcher)
-    : m_watcher(&watcher), m_watcherAlive(watcher.m_impl), m_conn(watcher.m_conn), m_state(std::make_shared<State>(*this)) {
+    : m_watcher(&watcher),
+      m_watcherAlive(watcher.m_impl),
+      m_conn(watcher.m_conn),
+      m_state(std::make_shared<State>(*this)),
+      m_service(watcher.Service()) {
     Attach();
 }
 
@@ -207,9 +213,19 @@ void ServiceCache::Attach() {
         if (const std::shared_ptr<State> alive = state.lock()) alive->OnSynced();
     });
     m_watcher->m_sync->Track();
+    m_metrics = std::make_unique<details::MetricsSource>([this](Metrics& metrics) {
+        CacheMetrics figures;
+        figures.service = m_service;
+        figures.instances = Snapshot()->size();
+        figures.version = Version();
+        figures.viewComplete = IsSynced();
+        figures.viewAge = ViewAge();
+        metrics.caches.push_back(std::move(figures));
+    });
 }
 
 ServiceCache::~ServiceCache() {
+    m_metrics->Close();
     // No report reaches the cache once this returns; the watcher's registry
     // lets go of the state when it is done with it.
     m_state->Close();

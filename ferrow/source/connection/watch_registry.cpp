@@ -49,6 +49,7 @@ ZooKeeperConnection::WatchRecord* ZooKeeperConnection::Session::AddWatch(std::sh
         m_watches.emplace(raw, std::move(record));
     }
     ++m_conn.m_pendingWatches;
+    m_conn.m_watchesRegistered.fetch_add(1, std::memory_order_relaxed);
     return raw;
 }
 
@@ -116,6 +117,7 @@ void ZooKeeperConnection::WithdrawWatch(std::uint64_t generation, WatchRecord* r
         // caller still holds, cannot be. A record without it is done already.
         if (session.m_watches.count(record) == 0 || record->m_ctx.get() != ctx) return;
         dropped = std::move(record->m_ctx);
+        m_watchesWithdrawn.fetch_add(1, std::memory_order_relaxed);
         // The client holds an armed record: the session thread withdraws it.
         // One in flight is settled by its read's completion; one taken out
         // is not in the client at all.

@@ -6,6 +6,7 @@
 
 #include "connection/connection_session.h"
 #include "connection/delivery_queue.h"
+#include "metrics/metrics_registry.h"
 #include "ferrow/error.h"
 #include "logger/logger.h"
 
@@ -55,6 +56,12 @@ void ConfigureClientLogging() {
     });
 }
 
+// Numbers the connections of the process for their metrics.
+std::uint64_t NextNumber() {
+    static std::atomic<std::uint64_t> last{0};
+    return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
 }  // namespace
 
 std::shared_ptr<ZooKeeperConnection> ZooKeeperConnection::Open(ConnectionOptions options) {
@@ -65,13 +72,30 @@ std::shared_ptr<ZooKeeperConnection> ZooKeeperConnection::Open(ConnectionOptions
     conn->m_sessionThread = std::thread(&ZooKeeperConnection::RunSessionThread, conn.get());
     const int rc = conn->OpenSession();
     if (rc != ZOK) throw ZooError(rc);
+    conn->m_metrics = std::make_unique<details::MetricsSource>([self = conn.get()](Metrics& metrics) {
+        ConnectionMetrics figures;
+        figures.connection = self->m_number;
+        figures.connected = self->State() == ZOO_CONNECTED_STATE;
+        figures.sessionId = self->SessionId();
+        figures.sessionsOpened = self->m_sessionsOpened.load(std::memory_order_relaxed);
+        figures.sessionExpiries = self->m_sessionExpiries.load(std::memory_order_relaxed);
+        figures.reconnections = self->m_reconnections.load(std::memory_order_relaxed);
+        const ReadCounts reads = self->Reads();
+        figures.readsInFlight = reads.onWire + reads.answersWaiting;
+        figures.readsWaiting = reads.waiting;
+        figures.watches = self->PendingWatchCount();
+        figures.watchesRegistered = self->m_watchesRegistered.load(std::memory_order_relaxed);
+        figures.watchesWithdrawn = self->m_watchesWithdrawn.load(std::memory_order_relaxed);
+        metrics.connections.push_back(figures);
+    });
     return conn;
 }
 
 ZooKeeperConnection::ZooKeeperConnection(ConnectionOptions options)
-    : m_options(std::move(options)), m_queue(std::make_shared<details::DeliveryQueue>()) {}
+    : m_options(std::move(options)), m_queue(std::make_shared<details::DeliveryQueue>()), m_number(NextNumber()) {}
 
 ZooKeeperConnection::~ZooKeeperConnection() {
+    if (m_metrics) m_metrics->Close();
     {
         std::lock_guard<std::mutex> lock(m_renewMtx);
         m_stopping = true;
@@ -261,8 +285,20 @@ void ZooKeeperConnection::DeliverSessionEvent(std::uint64_t generation, int type
                                               "opened: "
                                            << m_options.connect;
     }
+    if (type == ZOO_SESSION_EVENT) CountSessionEvent(generation, state);
     details::RunGuarded([&] { NotifyObservers(&ConnectionObserver::OnSessionEvent, type, state, path); });
     if (state == ZOO_EXPIRED_SESSION_STATE) RequestRenewal(generation);
+}
+
+void ZooKeeperConnection::CountSessionEvent(std::uint64_t generation, int state) {
+    if (state == ZOO_EXPIRED_SESSION_STATE) {
+        m_sessionExpiries.fetch_add(1, std::memory_order_relaxed);
+    } else if (state == ZOO_CONNECTED_STATE && generation != m_connectedGeneration) {
+        m_connectedGeneration = generation;
+        m_sessionsOpened.fetch_add(1, std::memory_order_relaxed);
+    } else if (state == ZOO_CONNECTED_STATE) {
+        m_reconnections.fetch_add(1, std::memory_order_relaxed);
+    }
 }
 
 void ZooKeeperConnection::OnClientSessionEvent(zhandle_t* zh, int type, int state, const char* path, void* ctx) {

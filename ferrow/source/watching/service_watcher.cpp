@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "ferrow/instance_data.h"
+#include "metrics/metrics_registry.h"
 #include "watching/service_watcher_impl.h"
 #include "watching/sync_tracker.h"
 
@@ -23,6 +24,21 @@ std::shared_ptr<ServiceWatcherImpl> OwnImpl(std::unique_ptr<ServiceWatcherImpl> 
 
 }  // namespace
 
+struct ServiceWatcher::Reports : ServiceWatcherObserver {
+    void OnInstanceAdded(ServiceWatcher&, const ServiceId&, const ServiceInstanceData&) override {
+        added.fetch_add(1, std::memory_order_relaxed);
+    }
+    void OnInstanceRemoved(ServiceWatcher&, const ServiceId&) override {
+        removed.fetch_add(1, std::memory_order_relaxed);
+    }
+    void OnInstanceModified(ServiceWatcher&, const ServiceId&, const ServiceInstanceData&) override {
+        modified.fetch_add(1, std::memory_order_relaxed);
+    }
+    std::atomic<std::uint64_t> added{0};
+    std::atomic<std::uint64_t> removed{0};
+    std::atomic<std::uint64_t> modified{0};
+};
+
 ServiceWatcher::ServiceWatcher(std::shared_ptr<Connection> conn, const String& name, ZkErrorHandler zkErrorHandler)
     : m_conn(conn),
       m_impl(OwnImpl(std::make_unique<ServiceWatcherImpl>(*this, conn, name, std::move(zkErrorHandler)),
@@ -31,9 +47,31 @@ ServiceWatcher::ServiceWatcher(std::shared_ptr<Connection> conn, const String& n
                                            [impl = std::weak_ptr<ServiceWatcherImpl>(m_impl)] {
                                                const std::shared_ptr<ServiceWatcherImpl> alive = impl.lock();
                                                return alive && alive->Settled();
-                                           })) {}
+                                           })),
+      m_service(name),
+      m_reports(std::make_shared<Reports>()),
+      m_metrics(std::make_unique<details::MetricsSource>([this](Metrics& metrics) { Collect(metrics); })) {
+    m_impl->RegisterShared(m_reports);
+}
+
+void ServiceWatcher::Collect(Metrics& metrics) const {
+    WatcherMetrics figures;
+    figures.service = m_service;
+    figures.instances = m_impl->ListInstances().size();
+    figures.added = m_reports->added.load(std::memory_order_relaxed);
+    figures.modified = m_reports->modified.load(std::memory_order_relaxed);
+    figures.removed = m_reports->removed.load(std::memory_order_relaxed);
+    figures.reads = m_impl->Reads();
+    figures.readRetries = m_impl->ReadRetries();
+    figures.viewComplete = m_sync->Track();
+    const SyncTracker::Ages ages = m_sync->Times();
+    figures.viewAge = ages.incomplete;
+    figures.lastSyncDuration = ages.lastSync;
+    metrics.watchers.push_back(std::move(figures));
+}
 
 ServiceWatcher::~ServiceWatcher() {
+    m_metrics->Close();
     // From here on no observer or error handler of this watcher runs, and
     // none is running on another thread.
     m_sync->Close();

@@ -101,6 +101,7 @@ void ServiceWatcherImpl::WatchService() {
     std::pair<int, Connection::WatchHandle> result =
         m_conn->AsyncGetChildren(m_path, std::move(watchcbk), std::move(resultcbk));
     if (result.first == ZOK) {
+        CountRead();
         m_serviceWatchHandle = std::move(result.second);
     } else if (result.first < ZAPIERROR) {
         JXLOG(logging::JXLOG_ERROR, g_log) << "Error watching service " << m_path << ": " << zerror(result.first);
@@ -110,6 +111,11 @@ void ServiceWatcherImpl::WatchService() {
             << "WatchService; unexpected result: " << m_path << " result: " << zerror(result.first);
         m_serviceRetry = true;
     }
+}
+
+void ServiceWatcherImpl::CountRead() {
+    m_reads.fetch_add(1, std::memory_order_relaxed);
+    if (m_retrying) m_readRetries.fetch_add(1, std::memory_order_relaxed);
 }
 
 void ServiceWatcherImpl::ServiceWatchCallback(int event, int) {
@@ -167,6 +173,7 @@ void ServiceWatcherImpl::WatchInstance(const ServiceId& id) {
     const String path = m_path + "/" + boost::uuids::to_string(id);
     std::pair<int, Connection::WatchHandle> result = m_conn->AsyncGet(path, std::move(watchcbk), std::move(resultcbk));
     if (result.first == ZOK) {
+        CountRead();
         m_instanceWatchHandles[id] = std::move(result.second);
     } else if (result.first >= ZAPIERROR) {
         JXLOG(logging::JXLOG_INFO, g_log) << "WatchInstance; unexpected result: " << m_path << "/" << id
@@ -244,6 +251,10 @@ void ServiceWatcherImpl::OnSessionEvent(int type, int state, String) {
     if (state == ZOO_CONNECTED_STATE) {
         // Held for the whole sequence: no callback of this watcher interleaves.
         std::lock_guard<std::mutex> lock(m_mtx);
+        // The reads issued until the lock is let go are retries, whatever
+        // leaves this block.
+        m_retrying = true;
+        const std::unique_ptr<bool, void (*)(bool*)> retrying(&m_retrying, [](bool* flag) { *flag = false; });
         if (m_startRetry) {
             m_startRetry = false;
             JXLOG(logging::JXLOG_DEBUG, g_log) << "Retrying startup " << m_path;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
@@ -59,6 +61,11 @@ public:
     // watch is marked for the next connected event.
     bool Settled() const;
 
+    // Reads of the children and of instances issued so far, and those of
+    // them that retried work after a connected event; for the metrics.
+    std::uint64_t Reads() const { return m_reads.load(std::memory_order_relaxed); }
+    std::uint64_t ReadRetries() const { return m_readRetries.load(std::memory_order_relaxed); }
+
     // Synchronous read of one instance's record; takes no lock. Returns false
     // when the node does not exist; throws ZooError for any other failure.
     bool GetInstanceData(const ServiceId& id, ServiceInstanceData& data) const;
@@ -69,6 +76,8 @@ private:
     void StartImpl();
     // Requires m_mtx held. Re-arms the child watch and requests the children.
     void WatchService();
+    // Requires m_mtx held. Counts a read issued.
+    void CountRead();
     // Takes m_mtx itself; connection thread.
     void ServiceWatchCallback(int event, int state);
     // Takes m_mtx itself for the whole call; connection thread.
@@ -98,6 +107,9 @@ private:
     bool m_startRetry;                                                          // guarded by m_mtx
     bool m_serviceRetry;                                                        // guarded by m_mtx
     std::vector<ServiceId> m_instanceRetry;                                     // guarded by m_mtx
+    bool m_retrying = false;  // guarded by m_mtx: the reads issued now are retries
+    std::atomic<std::uint64_t> m_reads{0};
+    std::atomic<std::uint64_t> m_readRetries{0};
     ZkErrorHandler m_zkErrorHandler;                                            // fixed after construction
 };
 

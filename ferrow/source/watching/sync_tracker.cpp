@@ -14,6 +14,7 @@ SyncTracker::~SyncTracker() { m_conn->UnregisterRaw(static_cast<const Connection
 void SyncTracker::Started() {
     std::lock_guard<std::mutex> lock(m_mtx);
     m_started = true;
+    m_incompleteSince = std::chrono::steady_clock::now();
     Begin();
 }
 
@@ -53,12 +54,21 @@ void SyncTracker::RemoveListener(std::uint64_t key) {
 
 void SyncTracker::Close() { m_gate.Close(); }
 
+SyncTracker::Ages SyncTracker::Times() const {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    Ages ages;
+    if (!m_synced) ages.incomplete = std::chrono::steady_clock::now() - m_incompleteSince;
+    ages.lastSync = m_lastSync;
+    return ages;
+}
+
 void SyncTracker::OnSessionEvent(int type, int state, String) {
     const CallbackGate::Pass pass = m_gate.Enter();
     if (!pass || type != ZOO_SESSION_EVENT) return;
     std::lock_guard<std::mutex> lock(m_mtx);
     if (state == ZOO_EXPIRED_SESSION_STATE) {
         // The watcher has reported everything removed and reads afresh.
+        if (m_synced) m_incompleteSince = std::chrono::steady_clock::now();
         m_synced = false;
         ++m_round;
     } else if (state == ZOO_CONNECTED_STATE && !m_synced) {
@@ -93,6 +103,7 @@ void SyncTracker::OnMark(std::uint64_t round, int step, int rc) {
         // A retry waits for the next connected event, which begins again.
         if (!m_settled()) return;
         m_synced = true;
+        m_lastSync = std::chrono::steady_clock::now() - m_incompleteSince;
         listener = m_listener;
         others = m_listeners;
     }

@@ -55,6 +55,15 @@ public:
     // No callback runs from now on; waits for one running on another thread.
     void Close();
 
+    // For the metrics: how long the view has not been complete (zero while
+    // it is; since the start or the latest expiry otherwise), and how long
+    // the latest full read took from then to complete (zero before one did).
+    struct Ages {
+        std::chrono::nanoseconds incomplete{0};
+        std::chrono::nanoseconds lastSync{0};
+    };
+    Ages Times() const;
+
     // Session events: an expiry makes the view incomplete; a connected
     // event, delivered after the watcher's own, begins a round if needed.
     void OnSessionEvent(int type, int state, String path) override;
@@ -73,12 +82,16 @@ private:
     const String m_path;
     const std::function<bool()> m_settled;
     CallbackGate m_gate;
-    std::mutex m_mtx;  // guards the fields below; taken before the watcher's
+    mutable std::mutex m_mtx;  // guards the fields below; taken before the watcher's
     std::condition_variable m_cv;
     bool m_started = false;
     bool m_tracking = false;
     bool m_synced = false;
     std::uint64_t m_round = 0;  // answers of older rounds are ignored
+    // steady_clock times: since when the view is incomplete (the start or
+    // the latest expiry), and the latest full read's duration.
+    std::chrono::steady_clock::time_point m_incompleteSince = std::chrono::steady_clock::now();
+    std::chrono::nanoseconds m_lastSync{0};
     std::function<void()> m_listener;
     std::vector<std::pair<std::uint64_t, std::function<void()>>> m_listeners;
     std::uint64_t m_lastKey = 0;

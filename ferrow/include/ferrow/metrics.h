@@ -1,0 +1,137 @@
+#pragma once
+
+// What every connection, watcher, cache and provider of this process is
+// doing, read in one call: as a structure (CollectMetrics), and as the
+// Prometheus text exposition format (PrometheusText) for a program to serve
+// behind an endpoint of its own. The library serves nothing itself.
+//
+// Each object keeps its own counters and gauges from its construction to
+// its destruction and appears in a collection while it exists; counters
+// start at zero with the object. Counting costs the paths it counts one
+// uncontended atomic increment at most: a choice of InstanceProvider
+// increments a counter of the choosing thread's own.
+//
+// Threads. CollectMetrics and PrometheusText may be called on any thread,
+// at any time, concurrently with everything else, except from inside a
+// watcher's error handler (which runs with the watcher's lock held, and
+// collecting reads the watcher's instances under that lock). A collection
+// runs with no lock of its own held while it reads an object, so objects
+// may be made and destroyed meanwhile; it waits for an object being read
+// when that object is destroyed.
+//
+// The names of the Prometheus series, their labels and meaning are listed
+// in the README ("Metrics"); PrometheusText documents each in its HELP line.
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "utility/string.h"
+
+namespace jx {
+namespace ferrow {
+
+using Seconds = std::chrono::duration<double>;
+
+// One ZooKeeperConnection.
+struct ConnectionMetrics {
+    // Names the connection within the process: 1 for the first opened, and
+    // so on; never reused.
+    std::uint64_t connection = 0;
+    bool connected = false;
+    // The current session's id; 0 while there is none.
+    std::int64_t sessionId = 0;
+    // Sessions that reached the connected state for the first time, the
+    // expiries the server reported, and connected states regained by a
+    // session that lost its connection (the same session, not a new one).
+    std::uint64_t sessionsOpened = 0;
+    std::uint64_t sessionExpiries = 0;
+    std::uint64_t reconnections = 0;
+    // Asynchronous reads handed to the client and not yet delivered, and
+    // those waiting for room in the read window (ConnectionOptions).
+    std::size_t readsInFlight = 0;
+    std::size_t readsWaiting = 0;
+    // Watches held now, and ever registered and withdrawn (let go by their
+    // handles before they fired).
+    std::size_t watches = 0;
+    std::uint64_t watchesRegistered = 0;
+    std::uint64_t watchesWithdrawn = 0;
+};
+
+// One ServiceWatcher.
+struct WatcherMetrics {
+    String service;
+    // Instances known now (ServiceWatcher::ListInstances).
+    std::size_t instances = 0;
+    // Reports to the observers, by kind. An expiry reports every instance
+    // removed, and the fresh read reports them added again.
+    std::uint64_t added = 0;
+    std::uint64_t modified = 0;
+    std::uint64_t removed = 0;
+    // Reads of the service's children and of instances' records issued, and
+    // those of them that were retries after a lost connection.
+    std::uint64_t reads = 0;
+    std::uint64_t readRetries = 0;
+    // As ServiceWatcher::IsSynced. A collection begins the tracking that
+    // IsSynced begins, so the first one after Start may say false.
+    bool viewComplete = false;
+    // Zero while the view is complete; otherwise the time since it last
+    // was, or since the watcher started if it never was.
+    Seconds viewAge{0};
+    // From the start of the latest full read of the service (at Start, and
+    // after each expiry) to the view it made complete; zero until one is.
+    Seconds lastSyncDuration{0};
+};
+
+// One ServiceCache.
+struct CacheMetrics {
+    String service;
+    // Instances in the latest snapshot, and its version.
+    std::size_t instances = 0;
+    std::uint64_t version = 0;
+    // As ServiceCache::IsSynced and ServiceCache::ViewAge.
+    bool viewComplete = false;
+    Seconds viewAge{0};
+};
+
+// One InstanceProvider.
+struct ProviderMetrics {
+    String service;
+    // Choose calls that returned an instance, and those that returned null.
+    std::uint64_t choices = 0;
+    std::uint64_t noChoices = 0;
+    // Outcomes reported: ReportSuccess, ReportFailure and ReportEnd calls.
+    std::uint64_t successes = 0;
+    std::uint64_t failures = 0;
+    std::uint64_t ends = 0;
+    // Ejections made, instances ejected now, and whether the latest
+    // ejection was refused by maxEjectedShare (InstanceProvider::Panicking).
+    std::uint64_t ejections = 0;
+    std::size_t ejected = 0;
+    bool panicking = false;
+};
+
+// Every object alive at the collection, each kind in the order the objects
+// were made.
+struct Metrics {
+    std::vector<ConnectionMetrics> connections;
+    std::vector<WatcherMetrics> watchers;
+    std::vector<CacheMetrics> caches;
+    std::vector<ProviderMetrics> providers;
+};
+
+// Reads the figures of every object alive now.
+[[nodiscard]] Metrics CollectMetrics();
+
+// `metrics` in the Prometheus text exposition format (version 0.0.4, to be
+// served as "text/plain; version=0.0.4"). Objects of one service are
+// summed into one series per name and label set (instances and view ages
+// take the largest, a complete view needs every one complete), so that a
+// process with two caches of one service still exposes each series once.
+[[nodiscard]] String PrometheusText(const Metrics& metrics);
+// The same for the objects alive now.
+[[nodiscard]] String PrometheusText();
+
+}  // namespace ferrow
+}  // namespace jx
