@@ -6,7 +6,8 @@ add_test(NAME tool_integration_test
 set_tests_properties(tool_integration_test PROPERTIES LABELS integration TIMEOUT 300 ENVIRONMENT "${FERROW_TEST_SANITIZER_ENV}")
 
 # Installs this build into a temporary prefix and builds a consumer project
-# against it, with find_package and with pkg-config. Sanitized builds hand
+# against it, with find_package and with pkg-config (scripts/test does the
+# same with the Debian packages). Sanitized builds hand
 # their sanitizer flags to the consumer, whose libraries need the runtime.
 set(consumer_flags "")
 if(FERROW_ASAN)
@@ -17,6 +18,6 @@ elseif(FERROW_COVERAGE)
   set(consumer_flags "--coverage")
 endif()
 add_test(NAME install_integration_test
-  COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/install_test.sh
+  COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/install_test.sh prefix
     ${PROJECT_BINARY_DIR} ${CMAKE_CURRENT_LIST_DIR}/consumer ${PROJECT_SOURCE_DIR}/examples/watch_service.cpp "${consumer_flags}")
 set_tests_properties(install_integration_test PROPERTIES LABELS integration TIMEOUT 600)
