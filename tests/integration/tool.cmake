@@ -21,3 +21,9 @@ add_test(NAME install_integration_test
   COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/install_test.sh prefix
     ${PROJECT_BINARY_DIR} ${CMAKE_CURRENT_LIST_DIR}/consumer ${PROJECT_SOURCE_DIR}/examples/watch_service.cpp "${consumer_flags}")
 set_tests_properties(install_integration_test PROPERTIES LABELS integration TIMEOUT 600)
+
+# The metrics endpoint of `ferrow watch`, scraped while the session expires.
+add_test(NAME metrics_integration_test
+  COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/metrics_test.sh $<TARGET_FILE:ferrow_cli>)
+set_tests_properties(metrics_integration_test PROPERTIES LABELS integration TIMEOUT 300
+  ENVIRONMENT "${FERROW_TEST_SANITIZER_ENV}")

@@ -6,36 +6,8 @@
 # one line; the script exits 1 if any did.
 set -uo pipefail
 ferrow=$1 watch_service=$2 publish_instance=$3 call_service=$4
-dir=$(mktemp -d) pids=() failures=0
-cleanup() { for pid in "${pids[@]}"; do kill -9 -- "-$pid" "$pid" 2>/dev/null; done; rm -rf "$dir"; }
-trap cleanup EXIT
-check() { [ "$2" == "$3" ] || { echo "FAIL $1: expected [$3], got [$2]" >&2; failures=$((failures + 1)); }; }  # WHAT ACTUAL EXPECTED
-# until_true COMMAND...: runs COMMAND every 0.1 s until it succeeds, for a
-# minute at most, and never past the script's own four-minute deadline.
-until_true() { for _ in $(seq 600); do "$@" && return; [ "$SECONDS" -lt 240 ] || return 1; sleep 0.1; done; return 1; }
-# A port below the kernel's ephemeral range, where other tests' servers and
-# every client connection take theirs, and free now.
-free_port() { local p; while p=$((10000 + RANDOM % 20000)); (exec 3<>"/dev/tcp/127.0.0.1/$p") 2>/dev/null; do :; done; echo "$p"; }
-# line FILE N: waits for line N of FILE and prints it.
-has_lines() { [ "$(wc -l <"$1")" -ge "$2" ]; }
-line() { until_true has_lines "$1" "$2" && sed -n "${2}p" "$1"; }
-# exited PID: waits up to a minute for PID to end, then kills it; its
-# status is the exit code (137 when killed).
-exited() { timeout 60 tail --pid="$1" -f /dev/null || kill -9 "$1" 2>/dev/null; wait "$1"; }
-# run COMMAND...: COMMAND in the foreground, killed after 30 s (status 124),
-# so that a command that hangs fails its check and names itself.
-run() { timeout -k 5 30 "$@"; }
-
-port=$(free_port)
-printf 'tickTime=2000\ndataDir=%s/data\nclientPort=%s\nclientPortAddress=127.0.0.1\nadmin.enableServer=false\n4lw.commands.whitelist=*\n' \
-  "$dir" "$port" >"$dir/zoo.cfg"
-setsid java -Xmx256m -cp /usr/share/java/zookeeper.jar org.apache.zookeeper.server.quorum.QuorumPeerMain "$dir/zoo.cfg" \
-  >"$dir/server.log" 2>&1 &
-pids+=($!)
-# A port that accepts and never answers must not hold the script: each try is bounded.
-serving() { timeout 2 bash -c "exec 3<>/dev/tcp/127.0.0.1/$port && echo srvr >&3 && grep -q Mode <&3" 2>/dev/null; }
-until_true serving || { echo "FAIL: the server did not start:" >&2; cat "$dir/server.log" >&2; exit 1; }
-zk=127.0.0.1:$port
+source "$(dirname "$0")/script_support.sh"
+start_zookeeper
 
 # Watch (the empty service's view is complete first), then register,
 # update, list, get and unregister one instance.
@@ -71,15 +43,6 @@ exited "$watch"; check "watch ends on SIGINT" $? 0
 "$ferrow" --zk "$zk" register tool --host h --port 1 >"$dir/taken" 2>/dev/null & taken=$!
 pids+=("$taken")
 taken_id=$(line "$dir/taken" 1) missing=0b5a2e8c-1d7f-4c3a-9e2b-5f6a7b8c9d0e unreachable=127.0.0.1:$(free_port)
-fails() { # fails CODE STDERR ARGS...: STDERR whole, or for code 2 a part of the usage text
-  local code=$1 err=$2 out status
-  shift 2
-  out=$(run "$@" 2>"$dir/err"); status=$?
-  check "exit code of $*" "$status" "$code"
-  check "output of $*" "$out" ""
-  if [ "$code" = 2 ]; then grep -qF -- "$err" "$dir/err" || check "error of $*" "$(cat "$dir/err")" "$err"
-  else check "error of $*" "$(cat "$dir/err")" "$err"; fi
-}
 fails 1 "ferrow: cannot connect to ZooKeeper at $unreachable within 500 ms" \
   env FERROW_ZK="$unreachable" "$ferrow" --session-timeout 500 list any
 fails 1 "ferrow: service 'nothing' does not exist" "$ferrow" --zk "$zk" list nothing
