@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "ferrow/instance_provider.h"
+#include "ferrow/metrics.h"
 #include "ferrow/service_cache.h"
 #include "tests/support/instances.h"
 #include "tests/support/server_suite.h"
@@ -50,6 +51,14 @@ ProviderOptions Using(ChoiceStrategy strategy) {
     ProviderOptions options;
     options.strategy = strategy;
     return options;
+}
+
+// The figures of the one provider (or cache) of `service` in `metrics`.
+template <typename Figures>
+const Figures& Of(const std::vector<Figures>& all, const String& service) {
+    const auto it = std::find_if(all.begin(), all.end(), [&](const Figures& f) { return f.service == service; });
+    if (it == all.end()) throw std::runtime_error("no figures of " + service);
+    return *it;
 }
 
 InstanceMap Contents(const InstanceSnapshot& snapshot) {
@@ -486,6 +495,52 @@ TEST_F(CacheTest, EjectionFollowsOutcomesAndNeverTakesMoreThanItsShare) {
     std::set<ServiceId> chosen;
     for (int i = 0; i < 100; ++i) chosen.insert(provider.Choose()->Id());
     EXPECT_EQ(chosen, (std::set<ServiceId>{ids[2], ids[3]}));
+
+    const ProviderMetrics figures = Of(CollectMetrics().providers, name);
+    EXPECT_EQ(figures.choices, 101u);
+    EXPECT_EQ(figures.successes, 3u);
+    EXPECT_EQ(figures.failures, 16u);
+    EXPECT_EQ(figures.ejections, 3u) << "ids[0] twice, ids[1] once; ids[2] refused";
+    EXPECT_EQ(figures.ejected, 2u);
+    EXPECT_TRUE(figures.panicking);
+}
+
+// Every thread's choices and outcomes are counted, none lost to another's;
+// the figures go with their objects.
+TEST_F(CacheTest, MetricsCountWhatEveryThreadDidAndGoWithTheirObjects) {
+    Preload(3);
+    auto cache = StartCache();
+    {
+        auto provider = std::make_unique<InstanceProvider>(cache);
+        std::vector<std::thread> threads;
+        for (int thread = 0; thread < 4; ++thread) {
+            threads.emplace_back([&provider] {
+                for (int call = 0; call < 50'000; ++call) provider->ReportSuccess(provider->Choose()->Id());
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+        const Metrics metrics = CollectMetrics();
+        const ProviderMetrics& figures = Of(metrics.providers, name);
+        EXPECT_EQ(figures.choices, 200'000u);
+        EXPECT_EQ(figures.successes, 200'000u);
+        EXPECT_EQ(figures.noChoices, 0u);
+        const CacheMetrics& cached = Of(metrics.caches, name);
+        EXPECT_EQ(cached.instances, 3u);
+        EXPECT_TRUE(cached.viewComplete);
+        // One series per name and label set, however many objects a service has.
+        InstanceProvider second(cache);
+        for (int call = 0; call < 2; ++call) ASSERT_NE(second.Choose(), nullptr);
+        const String text = PrometheusText();
+        EXPECT_NE(text.find("ferrow_provider_choices_total{service=\"" + name + "\",result=\"chosen\"} 200002\n"),
+                  String::npos)
+            << text;
+        EXPECT_NE(text.find("ferrow_cache_instances{service=\"" + name + "\"} 3\n"), String::npos);
+    }
+    const Metrics after = CollectMetrics();
+    EXPECT_TRUE(std::none_of(after.providers.begin(), after.providers.end(),
+                             [&](const ProviderMetrics& f) { return f.service == name; }));
+    cache.reset();
+    EXPECT_THROW(Of(CollectMetrics().caches, name), std::runtime_error);
 }
 
 // Sticky: one instance for every thread until it is drained or leaves.

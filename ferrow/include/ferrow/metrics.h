@@ -8,16 +8,15 @@
 // Each object keeps its own counters and gauges from its construction to
 // its destruction and appears in a collection while it exists; counters
 // start at zero with the object. Counting costs the paths it counts one
-// uncontended atomic increment at most: a choice of InstanceProvider
-// increments a counter of the choosing thread's own.
+// uncontended increment at most: a choice of InstanceProvider increments a
+// counter of the choosing thread's own.
 //
 // Threads. CollectMetrics and PrometheusText may be called on any thread,
 // at any time, concurrently with everything else, except from inside a
-// watcher's error handler (which runs with the watcher's lock held, and
-// collecting reads the watcher's instances under that lock). A collection
-// runs with no lock of its own held while it reads an object, so objects
-// may be made and destroyed meanwhile; it waits for an object being read
-// when that object is destroyed.
+// watcher's error handler (which runs with the watcher's lock held, and a
+// collection reads the watcher's instances under that lock). Objects may
+// be made and destroyed during a collection: it reads one object at a
+// time, and the destructor of the object being read waits for that read.
 //
 // The names of the Prometheus series, their labels and meaning are listed
 // in the README ("Metrics"); PrometheusText documents each in its HELP line.
@@ -79,8 +78,9 @@ struct WatcherMetrics {
     // Zero while the view is complete; otherwise the time since it last
     // was, or since the watcher started if it never was.
     Seconds viewAge{0};
-    // From the start of the latest full read of the service (at Start, and
-    // after each expiry) to the view it made complete; zero until one is.
+    // How long the latest full read of the service took: from the moment
+    // the view became incomplete (Start, or an expiry) to the moment it was
+    // complete again; zero until it first was.
     Seconds lastSyncDuration{0};
 };
 

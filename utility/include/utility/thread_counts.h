@@ -59,20 +59,32 @@ private:
     std::size_t m_index = kOwnedSlots;
 };
 
-inline std::size_t ThisThreadSlot() {
+// The first call of a thread takes an index, handed back when the thread
+// ends; the others read a variable that needs no initialization check.
+inline std::size_t AssignSlot() {
     thread_local const SlotIndex index;
     return index.Get();
+}
+
+inline std::size_t ThisThreadSlot() {
+    constexpr std::size_t kUnassigned = static_cast<std::size_t>(-1);
+    thread_local std::size_t slot = kUnassigned;
+    if (slot == kUnassigned) slot = AssignSlot();
+    return slot;
 }
 
 }  // namespace details
 
 // `Kinds` counters (at most 8), each the sum of per-thread slots. Add costs
 // a thread that owns its slot a load and a store on a line no other thread
-// writes; the threads beyond details::kOwnedSlots share one slot and add
+// writes, nor the line paired with it (processors fetch lines in pairs: two
+// threads writing neighbouring lines slow each other down nearly as much
+// as sharing one); the threads beyond details::kOwnedSlots share one slot and add
 // atomically. Add and Sum may be called from any thread at once.
 template <std::size_t Kinds>
 class ThreadCounts {
     static_assert(Kinds >= 1 && Kinds <= 8, "one cache line of counters per slot");
+
 
 public:
     void Add(std::size_t kind) {
@@ -92,7 +104,7 @@ public:
     }
 
 private:
-    struct alignas(64) Slot {
+    struct alignas(128) Slot {
         std::atomic<std::uint64_t> counts[Kinds] = {};
     };
     Slot m_slots[details::kOwnedSlots + 1];
