@@ -18,6 +18,10 @@
 // providers it chose with, which keeps their snapshots alive until it
 // chooses with others or ends.
 //
+// Metrics: while it exists, its choices, the outcomes reported and its
+// ejections are part of CollectMetrics (ferrow/metrics.h); choices are
+// counted per thread, at no cost a choice can measure.
+//
 // Ownership. The provider shares the cache and owns its thread. Destroy it
 // on any thread but its own (inside the filter): the destructor waits for a
 // plan being built, so once it returns the filter is not running.

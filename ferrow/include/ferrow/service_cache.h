@@ -16,6 +16,9 @@
 // are shared: one stays valid, unchanged, for as long as someone holds it,
 // also after the cache is gone.
 //
+// Metrics: while it exists, its instances and the age of its view are part
+// of CollectMetrics (ferrow/metrics.h).
+//
 // Destruction, on any thread other than inside this cache's own observers:
 // once the destructor returns, no observer of the cache runs. An owned
 // watcher is destroyed first, with the rules of ~ServiceWatcher, which also

@@ -27,6 +27,10 @@ class MetricsSource;
 
 // Thread-safe: every operation may be called from any thread.
 //
+// Metrics: while it exists, its figures (WatcherMetrics: instances, reports
+// by kind, reads, whether and since when the view is complete) are part of
+// CollectMetrics (ferrow/metrics.h).
+//
 // Threads and locks: observers run on the connection's delivery thread, one
 // event at a time, with no lock of the watcher held, so they may call back
 // into it. The error handler runs on whatever thread met the error (the

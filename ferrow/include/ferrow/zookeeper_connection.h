@@ -64,6 +64,9 @@
 // handle let it go meanwhile, so that no owner keeps a watch that cannot
 // fire.
 //
+// Metrics: from Open to destruction, its session, reads and watches are
+// part of CollectMetrics (ferrow/metrics.h).
+//
 // Destruction closes the session and joins every thread; no callback runs
 // after the destructor returns, and deliveries still queued are dropped.
 // When the last reference goes away on the delivery thread itself, the
