@@ -51,6 +51,8 @@ struct ConnectionMetrics {
     // those waiting for room in the read window (ConnectionOptions).
     std::size_t readsInFlight = 0;
     std::size_t readsWaiting = 0;
+    // Synchronous requests (Get, Create, Set, ...) waiting for their answer.
+    std::size_t syncRequestsInFlight = 0;
     // Watches held now, and ever registered and withdrawn (let go by their
     // handles before they fired).
     std::size_t watches = 0;

@@ -375,6 +375,7 @@ private:
     std::atomic<std::uint64_t> m_reconnections{0};
     std::atomic<std::uint64_t> m_watchesRegistered{0};
     std::atomic<std::uint64_t> m_watchesWithdrawn{0};
+    mutable std::atomic<std::size_t> m_syncInFlight{0};  // synchronous requests waiting for their answer
     std::uint64_t m_connectedGeneration = 0;  // delivery thread only: the latest session seen connected
     std::unique_ptr<details::MetricsSource> m_metrics;
 

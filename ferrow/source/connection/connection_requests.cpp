@@ -3,7 +3,9 @@
 
 #include "ferrow/zookeeper_connection.h"
 
+#include <atomic>
 #include <chrono>
+#include <memory>
 #include <utility>
 
 #include "connection/connection_session.h"
@@ -208,6 +210,9 @@ int ZooKeeperConnection::RunSync(const std::shared_ptr<SyncCall>& call, Issue&& 
         }
     }
     context.release();  // owned by the completion now
+    m_syncInFlight.fetch_add(1, std::memory_order_relaxed);
+    const std::unique_ptr<std::atomic<std::size_t>, void (*)(std::atomic<std::size_t>*)> answered(
+        &m_syncInFlight, [](std::atomic<std::size_t>* count) { count->fetch_sub(1, std::memory_order_relaxed); });
     std::unique_lock<std::mutex> lock(call->m_mtx);
     if (!call->m_cv.wait_for(lock, m_options.sessionTimeout, [&] { return call->m_done; })) {
         return ZOPERATIONTIMEOUT;

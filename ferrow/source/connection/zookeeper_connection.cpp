@@ -83,6 +83,7 @@ std::shared_ptr<ZooKeeperConnection> ZooKeeperConnection::Open(ConnectionOptions
         const ReadCounts reads = self->Reads();
         figures.readsInFlight = reads.onWire + reads.answersWaiting;
         figures.readsWaiting = reads.waiting;
+        figures.syncRequestsInFlight = self->m_syncInFlight.load(std::memory_order_relaxed);
         figures.watches = self->PendingWatchCount();
         figures.watchesRegistered = self->m_watchesRegistered.load(std::memory_order_relaxed);
         figures.watchesWithdrawn = self->m_watchesWithdrawn.load(std::memory_order_relaxed);

@@ -123,6 +123,9 @@ void Connections(String& out, const std::vector<ConnectionMetrics>& connections)
          [](const ConnectionMetrics& c) { return std::uint64_t{c.readsInFlight}; });
     each("ferrow_connection_reads_waiting", "gauge", "Asynchronous reads waiting for room in the read window.",
          [](const ConnectionMetrics& c) { return std::uint64_t{c.readsWaiting}; });
+    each("ferrow_connection_sync_requests_in_flight", "gauge",
+         "Synchronous requests (create, set, delete, reads) waiting for their answer.",
+         [](const ConnectionMetrics& c) { return std::uint64_t{c.syncRequestsInFlight}; });
     each("ferrow_connection_watches", "gauge", "Watches the connection holds.",
          [](const ConnectionMetrics& c) { return std::uint64_t{c.watches}; });
     each("ferrow_connection_watches_registered_total", "counter", "Watches registered.",
