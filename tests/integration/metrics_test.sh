@@ -72,6 +72,14 @@ check "added by the fresh read" "$(value 'ferrow_watcher_events_total{service="m
 check "the service read again as a retry" "$(value "ferrow_watcher_read_retries_total$s" | grep -c '^[1-9]')" 1
 check "another session id" "$(grep -c "$id" "$dir/scrape")" 0
 
+# register serves its own process's figures: its instance, published.
+"$ferrow" --zk "$zk" register metered --host c --port 1 --metrics 127.0.0.1:0 >"$dir/reg" 2>"$dir/reg.err" &
+pids+=($!)
+reg_id=$(line "$dir/reg" 1)
+reg_url=$(until_true grep -q "serving metrics at" "$dir/reg.err" && sed -n 's/^ferrow: serving metrics at //p' "$dir/reg.err")
+check "register's instance published" \
+  "$(curl -sf "$reg_url" | awk -v s='ferrow_registration_published{service="metered",id="'"$reg_id"'"}' '$1 == s { print $2 }')" 1
+
 check "other paths" "$(curl -s -o /dev/null -w '%{http_code}' "${url%/metrics}/other")" 404
 fails 2 "ferrow: --metrics 'nowhere': no host and port (expected HOST:PORT, say 127.0.0.1:9464)" \
   "$ferrow" --zk "$zk" register metered --host c --port 1 --metrics nowhere

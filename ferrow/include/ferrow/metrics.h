@@ -1,7 +1,7 @@
 #pragma once
 
-// What every connection, watcher, cache and provider of this process is
-// doing, read in one call: as a structure (CollectMetrics), and as the
+// What every connection, watcher, cache, provider and registration of this
+// process is doing, read in one call: as a structure (CollectMetrics), and as the
 // Prometheus text exposition format (PrometheusText) for a program to serve
 // behind an endpoint of its own. The library serves nothing itself.
 //
@@ -114,6 +114,14 @@ struct ProviderMetrics {
     bool panicking = false;
 };
 
+// One ServiceRegistration.
+struct RegistrationMetrics {
+    String service;
+    String id;  // the instance's id, canonical text
+    // As ServiceRegistration::IsPublished.
+    bool published = false;
+};
+
 // Every object alive at the collection, each kind in the order the objects
 // were made.
 struct Metrics {
@@ -121,6 +129,7 @@ struct Metrics {
     std::vector<WatcherMetrics> watchers;
     std::vector<CacheMetrics> caches;
     std::vector<ProviderMetrics> providers;
+    std::vector<RegistrationMetrics> registrations;
 };
 
 // Reads the figures of every object alive now.

@@ -14,6 +14,9 @@ namespace jx {
 namespace ferrow {
 
 class ServiceRegistrationImpl;
+namespace details {
+class MetricsSource;
+}  // namespace details
 
 // Thread-safe: Update, Id, Path and Record may be called from any thread at
 // the same time. Writes of the node (publishing, Update, re-publishing after
@@ -35,6 +38,9 @@ class ServiceRegistrationImpl;
 // session owns (created there after an expiry, or in place of its own) is
 // left alone, logged at ERROR, and watched until it goes; meanwhile
 // IsPublished() is false and Update throws.
+//
+// Metrics: while it exists, whether it is published is part of
+// CollectMetrics (ferrow/metrics.h).
 //
 // Access: over a connection with credentials (Connection::HasCredentials),
 // the node is created, and created again, readable by everyone and writable
@@ -81,6 +87,9 @@ public:
 
 private:
     std::shared_ptr<ServiceRegistrationImpl> m_impl;
+    // Whether it is published, in the metrics (ferrow/metrics.h); closed
+    // first by the destructor.
+    std::unique_ptr<details::MetricsSource> m_metrics;
 };
 
 }  // namespace ferrow

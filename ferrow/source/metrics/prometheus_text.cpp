@@ -238,6 +238,16 @@ void Providers(String& out, const std::vector<ProviderMetrics>& all) {
          [](const ProviderMetrics& p) { return std::uint64_t{p.panicking}; });
 }
 
+void Registrations(String& out, const std::vector<RegistrationMetrics>& registrations) {
+    if (registrations.empty()) return;
+    Family family(out, "ferrow_registration_published", "gauge",
+                  "Whether the instance this process publishes is in the registry, under this session (1), or not "
+                  "(0).");
+    for (const RegistrationMetrics& r : registrations) {
+        family.Sample({{"service", r.service}, {"id", r.id}}, std::uint64_t{r.published});
+    }
+}
+
 }  // namespace
 
 String PrometheusText(const Metrics& metrics) {
@@ -246,6 +256,7 @@ String PrometheusText(const Metrics& metrics) {
     Watchers(out, metrics.watchers);
     Caches(out, metrics.caches);
     Providers(out, metrics.providers);
+    Registrations(out, metrics.registrations);
     return out;
 }
 

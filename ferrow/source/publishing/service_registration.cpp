@@ -1,15 +1,18 @@
 #include "ferrow/service_registration.h"
 
+#include <atomic>
 #include <mutex>
 #include <utility>
 
 #include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
 
 #include "ferrow/access_control.h"
 #include "ferrow/error.h"
 #include "ferrow/instance_data.h"
 #include "ferrow/zookeeper_connection.h"
 #include "logger/logger.h"
+#include "metrics/metrics_registry.h"
 
 namespace jx {
 namespace ferrow {
@@ -30,6 +33,7 @@ public:
     ServiceRegistrationImpl(std::shared_ptr<Connection> conn, const String& service, const ServiceId& id,
                             const ServiceInstanceData& record, bool compress)
         : m_conn(std::move(conn)),
+          m_service(service),
           m_servicePath(ServicePath(service)),
           m_id(id),
           m_path(InstancePath(service, id)),
@@ -89,17 +93,19 @@ public:
         return m_record;
     }
 
-    bool IsPublished() const {
-        std::lock_guard<std::mutex> lock(m_mtx);
-        return m_node == Node::kPublished;
-    }
+    // Without m_mtx, which a write holds across its request: a scrape of
+    // the metrics never waits for the server.
+    bool IsPublished() const { return m_published.load(std::memory_order_acquire); }
+
+    const String& Service() const { return m_service; }
+
 
     void OnSessionEvent(int type, int state, String) override {
         if (type != ZOO_SESSION_EVENT) return;
         std::lock_guard<std::mutex> lock(m_mtx);
         if (state == ZOO_EXPIRED_SESSION_STATE) {
             // The server has deleted the node with the session.
-            if (m_node == Node::kPublished) m_node = Node::kLostWithSession;
+            if (m_node == Node::kPublished) SetNode(Node::kLostWithSession);
             return;
         }
         // A connected event that arrives before Start has published is the
@@ -127,7 +133,7 @@ private:
                                                << m_path << ": " << e.what();
             // A node deleted while the session lives is tried again, as one
             // lost with the session; an unanswered create stays uncertain.
-            if (m_node == Node::kPublished || m_node == Node::kForeign) m_node = Node::kLostWithSession;
+            if (m_node == Node::kPublished || m_node == Node::kForeign) SetNode(Node::kLostWithSession);
         }
     }
 
@@ -142,14 +148,14 @@ private:
             JXLOG(logging::JXLOG_ERROR, g_log) << "Instance not published again, its node keeps coming and going; "
                                                   "retried on the next connection: "
                                                << m_path;
-            m_node = Node::kLostWithSession;
+            SetNode(Node::kLostWithSession);
             return;
         }
         if (rc != ZOK) return;  // the session's events take over
         if (Owns(stat)) {
-            m_node = Node::kPublished;
+            SetNode(Node::kPublished);
         } else if (m_node != Node::kForeign) {
-            m_node = Node::kForeign;
+            SetNode(Node::kForeign);
             JXLOG(logging::JXLOG_ERROR, g_log) << "Instance not published: another session's node holds its id: "
                                                << m_path;
         }
@@ -197,13 +203,14 @@ private:
         const ACL_vector& acl = m_conn->HasCredentials() ? PublisherInstanceAcl() : ZOO_OPEN_ACL_UNSAFE;
         const int rc = m_conn->Create(m_path, EncodeInstanceData(m_record, m_compress), acl, ZOO_EPHEMERAL);
         // No answer: the server may have created the node all the same.
-        if (rc == ZOPERATIONTIMEOUT || rc == ZCONNECTIONLOSS) m_node = Node::kUncertain;
+        if (rc == ZOPERATIONTIMEOUT || rc == ZCONNECTIONLOSS) SetNode(Node::kUncertain);
         if (rc != ZOK) throw ZooError(rc);
-        m_node = Node::kPublished;
+        SetNode(Node::kPublished);
         Watch();
     }
 
     const std::shared_ptr<Connection> m_conn;
+    const String m_service;
     const String m_servicePath;
     const ServiceId m_id;
     const String m_path;
@@ -217,7 +224,13 @@ private:
     // kForeign: another session's node holds the id; it is left alone, and
     // watched until it goes.
     enum class Node { kNotCreated, kPublished, kLostWithSession, kUncertain, kForeign };
-    Node m_node = Node::kNotCreated;  // guarded by m_mtx
+    Node m_node = Node::kNotCreated;       // guarded by m_mtx; written by SetNode
+    std::atomic<bool> m_published{false};  // m_node == kPublished, read without the lock
+    // Requires m_mtx held.
+    void SetNode(Node node) {
+        m_node = node;
+        m_published.store(node == Node::kPublished, std::memory_order_release);
+    }
     bool m_stopping = false;          // guarded by m_mtx
     Connection::WatchHandle m_watch;  // on the node; guarded by m_mtx
 };
@@ -230,9 +243,16 @@ ServiceRegistration::ServiceRegistration(std::shared_ptr<Connection> conn, const
                                          const ServiceId& id, const ServiceInstanceData& record, bool compress)
     : m_impl(std::make_shared<ServiceRegistrationImpl>(std::move(conn), service, id, record, compress)) {
     m_impl->Start();
+    m_metrics = std::make_unique<details::MetricsSource>([impl = m_impl.get()](Metrics& metrics) {
+        metrics.registrations.push_back(
+            RegistrationMetrics{impl->Service(), boost::uuids::to_string(impl->Id()), impl->IsPublished()});
+    });
 }
 
-ServiceRegistration::~ServiceRegistration() { m_impl->Stop(); }
+ServiceRegistration::~ServiceRegistration() {
+    m_metrics->Close();
+    m_impl->Stop();
+}
 
 const ServiceId& ServiceRegistration::Id() const { return m_impl->Id(); }
 
