@@ -14,7 +14,6 @@
 set -euo pipefail
 mode=$1 from=$2 consumer=$3 example=$4 flags=${5:-}
 work=$(mktemp -d)
-packages=(ferrow libferrow-dev "$(basename "$(ls "$from"/libferrow[0-9]*.deb 2>/dev/null | head -1)" | cut -d_ -f1)")
 remove=()
 cleanup() {
   if [ ${#remove[@]} -gt 0 ]; then dpkg --purge "${remove[@]}" >/dev/null 2>&1 || echo "could not remove ${remove[*]}" >&2; fi
@@ -31,7 +30,7 @@ case $mode in
     debs=("$from"/*.deb)
     [ -e "${debs[0]}" ] || { echo "no packages in $from (run scripts/package)"; exit 1; }
     if [ "$(id -u)" = 0 ]; then
-      for p in "${packages[@]}"; do
+      for p in $(for deb in "${debs[@]}"; do dpkg-deb -f "$deb" Package; done); do
         dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || remove+=("$p")
       done
       dpkg -i "${debs[@]}" >"$work/dpkg.log" 2>&1 || { cat "$work/dpkg.log"; exit 1; }

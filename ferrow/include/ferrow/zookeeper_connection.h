@@ -248,6 +248,9 @@ private:
     // The session thread: replaces an expired session when asked, and keeps
     // the watches of the current one (MaintainWatches).
     void RunSessionThread();
+    // Sets one of the session thread's requests (a generation field below
+    // m_renewMtx) and wakes the thread.
+    void AskSessionThread(std::uint64_t ZooKeeperConnection::*request, std::uint64_t generation);
     // Asks the session thread to replace the session of `generation`.
     void RequestRenewal(std::uint64_t generation);
     // Asks the session thread to run MaintainWatches for `generation`.

@@ -235,28 +235,24 @@ void ZooKeeperConnection::RunSessionThread() {
     }
 }
 
-void ZooKeeperConnection::RequestRenewal(std::uint64_t generation) {
+void ZooKeeperConnection::AskSessionThread(std::uint64_t ZooKeeperConnection::*request, std::uint64_t generation) {
     {
         std::lock_guard<std::mutex> lock(m_renewMtx);
-        m_renewGeneration = generation;
+        this->*request = generation;
     }
     m_renewCv.notify_all();
+}
+
+void ZooKeeperConnection::RequestRenewal(std::uint64_t generation) {
+    AskSessionThread(&ZooKeeperConnection::m_renewGeneration, generation);
 }
 
 void ZooKeeperConnection::RequestMaintenance(std::uint64_t generation) {
-    {
-        std::lock_guard<std::mutex> lock(m_renewMtx);
-        m_maintainGeneration = generation;
-    }
-    m_renewCv.notify_all();
+    AskSessionThread(&ZooKeeperConnection::m_maintainGeneration, generation);
 }
 
 void ZooKeeperConnection::RequestIssue(std::uint64_t generation) {
-    {
-        std::lock_guard<std::mutex> lock(m_renewMtx);
-        m_issueGeneration = generation;
-    }
-    m_renewCv.notify_all();
+    AskSessionThread(&ZooKeeperConnection::m_issueGeneration, generation);
 }
 
 void ZooKeeperConnection::ReadDelivered(std::uint64_t generation) {

@@ -76,6 +76,20 @@ private:
     const char* const m_name;
 };
 
+using Label = std::pair<const char*, String>;
+
+// The `service` label of a watcher's, cache's or provider's figures.
+const auto kByService = [](const auto& item) { return Label{"service", item.service}; };
+
+// One family with one sample per item: labelled `label(item)`, valued
+// `value(item)`.
+template <typename Item, typename LabelOf, typename ValueOf>
+void Each(String& out, const std::vector<Item>& items, const char* name, const char* type, const char* help,
+          LabelOf label, ValueOf value) {
+    Family family(out, name, type, help);
+    for (const Item& item : items) family.Sample({label(item)}, value(item));
+}
+
 // The objects of one kind summed per service, in the order services first
 // appear: `merge(into, next)` folds a second object of a service into the
 // first.
@@ -96,9 +110,9 @@ std::vector<Item> PerService(const std::vector<Item>& items, Merge merge) {
 
 void Connections(String& out, const std::vector<ConnectionMetrics>& connections) {
     if (connections.empty()) return;
+    const auto byConnection = [](const ConnectionMetrics& c) { return Label{"connection", Number(c.connection)}; };
     const auto each = [&](const char* name, const char* type, const char* help, auto value) {
-        Family family(out, name, type, help);
-        for (const ConnectionMetrics& c : connections) family.Sample({{"connection", Number(c.connection)}}, value(c));
+        Each(out, connections, name, type, help, byConnection, value);
     };
     each("ferrow_connection_connected", "gauge", "Whether the connection's ZooKeeper session is connected (1) or not (0).",
          [](const ConnectionMetrics& c) { return std::uint64_t{c.connected}; });
@@ -148,8 +162,7 @@ void Watchers(String& out, const std::vector<WatcherMetrics>& all) {
     });
     if (watchers.empty()) return;
     const auto each = [&](const char* name, const char* type, const char* help, auto value) {
-        Family family(out, name, type, help);
-        for (const WatcherMetrics& w : watchers) family.Sample({{"service", w.service}}, value(w));
+        Each(out, watchers, name, type, help, kByService, value);
     };
     each("ferrow_watcher_instances", "gauge", "Instances the service's watcher knows.",
          [](const WatcherMetrics& w) { return std::uint64_t{w.instances}; });
@@ -184,8 +197,7 @@ void Caches(String& out, const std::vector<CacheMetrics>& all) {
     });
     if (caches.empty()) return;
     const auto each = [&](const char* name, const char* help, auto value) {
-        Family family(out, name, "gauge", help);
-        for (const CacheMetrics& c : caches) family.Sample({{"service", c.service}}, value(c));
+        Each(out, caches, name, "gauge", help, kByService, value);
     };
     each("ferrow_cache_instances", "Instances in the cache's latest snapshot.",
          [](const CacheMetrics& c) { return std::uint64_t{c.instances}; });
@@ -209,8 +221,7 @@ void Providers(String& out, const std::vector<ProviderMetrics>& all) {
     });
     if (providers.empty()) return;
     const auto each = [&](const char* name, const char* type, const char* help, auto value) {
-        Family family(out, name, type, help);
-        for (const ProviderMetrics& p : providers) family.Sample({{"service", p.service}}, value(p));
+        Each(out, providers, name, type, help, kByService, value);
     };
     {
         Family family(out, "ferrow_provider_choices_total", "counter",

@@ -57,7 +57,7 @@ ServiceWatcher::ServiceWatcher(std::shared_ptr<Connection> conn, const String& n
 void ServiceWatcher::Collect(Metrics& metrics) const {
     WatcherMetrics figures;
     figures.service = m_service;
-    figures.instances = m_impl->ListInstances().size();
+    figures.instances = m_impl->InstanceCount();
     figures.added = m_reports->added.load(std::memory_order_relaxed);
     figures.modified = m_reports->modified.load(std::memory_order_relaxed);
     figures.removed = m_reports->removed.load(std::memory_order_relaxed);

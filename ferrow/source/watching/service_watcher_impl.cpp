@@ -56,6 +56,11 @@ std::vector<ServiceId> ServiceWatcherImpl::ListInstances() const {
     return std::vector<ServiceId>(m_instances.begin(), m_instances.end());
 }
 
+size_t ServiceWatcherImpl::InstanceCount() const {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    return m_instances.size();
+}
+
 bool ServiceWatcherImpl::Settled() const {
     std::lock_guard<std::mutex> lock(m_mtx);
     return !m_startRetry && !m_serviceRetry && m_instanceRetry.empty();

@@ -56,6 +56,8 @@ public:
     void Start();
 
     std::vector<ServiceId> ListInstances() const;
+    // How many ListInstances would list, without copying them.
+    size_t InstanceCount() const;
 
     // Whether nothing waits for a retry: no start-up, service or instance
     // watch is marked for the next connected event.
