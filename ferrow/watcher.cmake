@@ -3,6 +3,7 @@
 add_library(ferrow
   source/watching/service_watcher.cpp
   source/watching/service_watcher_impl.cpp
+  source/watching/watcher_state.cpp
   source/watching/sync_tracker.cpp
   source/cache/instance_snapshot.cpp
   source/cache/instance_table.cpp

@@ -103,23 +103,33 @@ bool ReadInstance(const Connection& conn, const String& path, ServiceInstanceDat
     return true;
 }
 
-// Prints every event as one line; runs on the connection's delivery thread,
-// one event at a time, so lines never interleave.
-class EventPrinter : public ServiceWatcherObserver {
+// Prints every change of a cache as one line; runs on the connection's
+// delivery thread, one change at a time, so lines never interleave. The
+// cache keeps its view through an expiry and passes on the difference only,
+// so a consumer applying the lines never empties its view on an expiry, and
+// never meets a removal of an id it was not given.
+class EventPrinter : public ServiceCacheObserver {
 public:
     EventPrinter(String service, bool json) : m_service(std::move(service)), m_json(json) {}
 
-    void OnInstanceAdded(ServiceWatcher&, const ServiceId& id, const ServiceInstanceData& record) override {
-        Print("added", id, &record);
+    void OnInstanceAdded(ServiceCache&, const InstancePtr& added) override { Print("added", added, true); }
+    void OnInstanceModified(ServiceCache&, const InstancePtr&, const InstancePtr& after) override {
+        Print("modified", after, true);
     }
-    void OnInstanceModified(ServiceWatcher&, const ServiceId& id, const ServiceInstanceData& record) override {
-        Print("modified", id, &record);
+    void OnInstanceRemoved(ServiceCache&, const InstancePtr& removed) override { Print("removed", removed, false); }
+
+    // A line of news of the view or the service: "stale", "service deleted".
+    void News(const String& text) const {
+        String event = text;
+        std::replace(event.begin(), event.end(), ' ', '-');
+        PrintLine(m_json ? NewsJson(event, m_service) : text);
     }
-    void OnInstanceRemoved(ServiceWatcher&, const ServiceId& id) override { Print("removed", id, nullptr); }
 
 private:
-    void Print(const char* event, const ServiceId& id, const ServiceInstanceData* record) const {
-        PrintLine(m_json ? EventJson(event, m_service, id, record) : EventText(event, id, record));
+    void Print(const char* event, const InstancePtr& instance, bool withRecord) const {
+        const ServiceInstanceData record = withRecord ? instance->Record() : ServiceInstanceData();
+        const ServiceInstanceData* shown = withRecord ? &record : nullptr;
+        PrintLine(m_json ? EventJson(event, m_service, instance->Id(), shown) : EventText(event, instance->Id(), shown));
     }
 
     const String m_service;
@@ -177,10 +187,25 @@ int Watch(const CommonOptions& common, const StopSignals& signals, const String&
         int none = ZOK;
         failure->compare_exchange_strong(none, rc);
     });
-    watcher.RegisterShared(std::make_shared<EventPrinter>(service, json));
-    // On the delivery thread too, after the reports that completed the view.
-    watcher.SetSyncedListener([&service, json](size_t instances) {
+    ServiceCache cache(watcher);
+    const auto printer = std::make_shared<EventPrinter>(service, json);
+    cache.RegisterShared(printer);
+    // All on the delivery thread, in order with the changes: the synced
+    // listener after the cache has published the view that completed it.
+    watcher.SetSyncedListener([&cache, &service, json](size_t) {
+        const size_t instances = cache.Snapshot()->size();
         PrintLine(json ? SyncedJson(service, instances) : SyncedText(instances));
+    });
+    watcher.SetStaleListener([printer, &service] {
+        std::cerr << "ferrow: the view of '" << service
+                  << "' is stale: the connection to ZooKeeper is lost; it is kept until the view is current again"
+                  << std::endl;
+        printer->News("stale");
+    });
+    watcher.SetServiceListener([printer, &service](bool exists) {
+        std::cerr << "ferrow: service '" << service << "' " << (exists ? "exists again" : "was deleted")
+                  << std::endl;
+        printer->News(exists ? "service created" : "service deleted");
     });
     watcher.Start();
     for (;;) {
@@ -213,12 +238,23 @@ int Services(const CommonOptions& common, const StopSignals& signals, bool json)
         const int listed = conn->GetChildren(ServicePath(service), children);
         if (listed == ZNONODE) continue;
         if (listed != ZOK) throw ZooError(listed);
-        const auto instances = std::count_if(children.begin(), children.end(),
-                                             [](const String& child) { return ParseServiceId(child).has_value(); });
+        // Counted as `list` and `watch` count: instances whose record reads
+        // and decodes; the others apart.
+        size_t instances = 0, unreadable = 0;
+        for (const String& child : children) {
+            if (!ParseServiceId(child)) continue;
+            ServiceInstanceData record;
+            try {
+                instances += ReadInstance(*conn, ServicePath(service) + "/" + child, record, nullptr);
+            } catch (const std::exception&) {
+                ++unreadable;
+            }
+        }
         if (json) {
-            objects.push_back(ServiceJson(service, instances));
+            objects.push_back(ServiceJson(service, instances, unreadable));
         } else {
-            PrintLine(service + " " + std::to_string(instances));
+            PrintLine(service + " " + std::to_string(instances) +
+                      (unreadable ? " (" + std::to_string(unreadable) + " unreadable)" : ""));
         }
     }
     if (json) PrintLine(JsonArray(objects));
@@ -302,38 +338,134 @@ int Get(const CommonOptions& common, const StopSignals& signals, const String& s
     return 0;
 }
 
+namespace {
+
+// `register`'s exit status when the instance could not be withdrawn.
+constexpr int kNotWithdrawn = 3;
+// How often `register --wait-for-zookeeper` says it is still waiting, at most.
+constexpr std::chrono::seconds kWaitingLine{5};
+
+// What `register --wait-for-zookeeper` says while it waits: one line on
+// standard error at most every kWaitingLine, so that a long outage does
+// not flood the journal.
+class WaitingReport {
+public:
+    void Say(const String& line) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now < m_next) return;
+        m_next = now + kWaitingLine;
+        std::cerr << "ferrow: " << line << std::endl;
+    }
+
+private:
+    std::chrono::steady_clock::time_point m_next{};
+};
+
+// Failures that a reachable server cures: the publication is tried again.
+bool Unreachable(int code) {
+    return code == ZCONNECTIONLOSS || code == ZOPERATIONTIMEOUT || code == ZINVALIDSTATE ||
+           code == ZSESSIONEXPIRED || code == ZCLOSING;
+}
+
+// Waits, for as long as it takes, until `conn` is connected, reporting each
+// session timeout spent waiting. A stop signal throws Interrupted; refused
+// credentials throw CommandError.
+void AwaitConnected(const ZooKeeperConnection& conn, const CommonOptions& common, const StopSignals& signals,
+                    WaitingReport& report) {
+    const auto start = std::chrono::steady_clock::now();
+    auto attempt = start;
+    while (!conn.WaitConnected(std::chrono::milliseconds(50))) {
+        if (const auto signal = signals.WaitFor(std::chrono::milliseconds(0))) throw Interrupted{*signal};
+        if (conn.State() == ZOO_AUTH_FAILED_STATE) {
+            throw CommandError("ZooKeeper at " + common.connect + " rejected the credentials of --auth");
+        }
+        const auto now = std::chrono::steady_clock::now();
+        if (now - attempt < common.sessionTimeout) continue;
+        attempt = now;
+        const auto waited = std::chrono::duration_cast<std::chrono::seconds>(now - start).count();
+        report.Say("cannot connect to ZooKeeper at " + common.connect + " for " + std::to_string(waited) +
+                   " s; still trying");
+    }
+}
+
+// As Connect, but waits for as long as it takes: for a server name to
+// resolve (at boot, before the network is up), then for the first
+// connection. One connection throughout, so that the metrics served
+// meanwhile follow one connection, not one a session timeout.
+std::shared_ptr<ZooKeeperConnection> ConnectPatiently(const CommonOptions& common, const StopSignals& signals,
+                                                      WaitingReport& report) {
+    ConnectionOptions options;
+    options.connect = common.connect;
+    options.sessionTimeout = common.sessionTimeout;
+    options.digestAuth = common.digestAuth;
+    std::shared_ptr<ZooKeeperConnection> conn;
+    while (!conn) {
+        try {
+            conn = ZooKeeperConnection::Open(options);
+        } catch (const ZooError& e) {
+            if (e.Code() == ZBADARGUMENTS) throw CommandError("invalid connect string '" + common.connect + "'");
+            if (e.Code() != ZSYSTEMERROR) throw;
+            report.Say("cannot start a session with '" + common.connect +
+                       "': no server name in it resolves to an address; still trying");
+            if (const auto signal = signals.WaitFor(std::chrono::seconds(1))) throw Interrupted{*signal};
+        }
+    }
+    AwaitConnected(*conn, common, signals, report);
+    const auto chroot = common.connect.find('/');
+    if (chroot != String::npos && conn->Exists("/", nullptr) == ZNONODE) {
+        throw CommandError("the chroot '" + common.connect.substr(chroot) + "' of connect string '" +
+                           common.connect + "' does not exist");
+    }
+    return conn;
+}
+
+}  // namespace
+
 int Register(const CommonOptions& common, const StopSignals& signals, const String& service,
-             const RecordFields& fields, const std::optional<ServiceId>& id, bool compress) {
+             const RecordFields& fields, const std::optional<ServiceId>& id, bool compress, bool waitForZooKeeper) {
     ServiceInstanceData record;
     fields.ApplyTo(record);
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     record.set_registered_at_ms(
         static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count()));
-    const auto conn = Connect(common, signals);
+    WaitingReport report;
+    const auto conn = waitForZooKeeper ? ConnectPatiently(common, signals, report) : Connect(common, signals);
     const ServiceId chosen = id ? *id : boost::uuids::random_generator()();
+    const String instance = "instance " + boost::uuids::to_string(chosen) + " of service '" + service + "'";
     std::unique_ptr<ServiceRegistration> registration;
-    try {
-        registration = std::make_unique<ServiceRegistration>(conn, service, chosen, record, compress);
-    } catch (const ZooError& e) {
-        if (e.Code() == ZNODEEXISTS) {
-            throw CommandError("instance " + boost::uuids::to_string(chosen) + " of service '" + service +
-                               "' is already registered");
-        }
-        if (e.Code() == ZNOAUTH) {
-            // Refused either the service node, by a protected root, or the
-            // instance node, by a protected service.
-            std::vector<String> children;
-            if (conn->GetChildren(ServicePath(service), children) == ZNONODE) {
-                throw CommandError("permission denied: create on /srv2 (only the operator and the creators listed "
-                                   "on the root may add services)");
+    while (!registration) {
+        try {
+            registration = std::make_unique<ServiceRegistration>(conn, service, chosen, record, compress);
+        } catch (const ZooError& e) {
+            if (waitForZooKeeper && Unreachable(e.Code())) {
+                report.Say("cannot publish " + instance + ": " + e.what() + "; still trying");
+                AwaitConnected(*conn, common, signals, report);
+                continue;
             }
-            throw CommandError("permission denied: create on " + ServicePath(service) +
-                               " (the service accepts its listed publishers only; see --auth)");
+            if (e.Code() == ZNODEEXISTS) throw CommandError(instance + " is already registered");
+            if (e.Code() == ZNOAUTH) {
+                // Refused either the service node, by a protected root, or the
+                // instance node, by a protected service.
+                std::vector<String> children;
+                if (conn->GetChildren(ServicePath(service), children) == ZNONODE) {
+                    throw CommandError("permission denied: create on /srv2 (only the operator and the creators "
+                                       "listed on the root may add services)");
+                }
+                throw CommandError("permission denied: create on " + ServicePath(service) +
+                                   " (the service accepts its listed publishers only; see --auth)");
+            }
+            throw;
         }
-        throw;
     }
     PrintLine(boost::uuids::to_string(registration->Id()));
     signals.Wait();
+    try {
+        registration->Withdraw();
+    } catch (const ZooError& e) {
+        std::cerr << "ferrow: " << instance << " not withdrawn: " << e.what()
+                  << "; it leaves the registry when its session expires" << std::endl;
+        return kNotWithdrawn;
+    }
     return 0;
 }
 

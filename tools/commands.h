@@ -110,9 +110,14 @@ int Get(const CommonOptions& common, const StopSignals& signals, const String& s
         bool json);
 
 // Publishes an instance, prints its id, keeps it published until a stop
-// signal, then withdraws it; returns 0.
+// signal, then withdraws it; returns 0, or 3 after one line on standard
+// error when the withdrawal failed (the node then goes with the session).
+// With `waitForZooKeeper`, an unreachable ZooKeeper is waited for, and the
+// publication tried again, until it succeeds or a stop signal arrives
+// (Interrupted), saying so on standard error every few seconds.
 int Register(const CommonOptions& common, const StopSignals& signals, const String& service,
-             const RecordFields& fields, const std::optional<ServiceId>& id, bool compress);
+             const RecordFields& fields, const std::optional<ServiceId>& id, bool compress,
+             bool waitForZooKeeper);
 
 // Rewrites the given fields of an existing instance's record in place and
 // prints the new record.

@@ -5,7 +5,9 @@
 // Exit codes: 0 success (watch and register: stopped by SIGINT or SIGTERM),
 // 1 failure (cannot connect, no such service or instance, no instance to pick,
 // permission denied, ZooKeeper error),
-// 2 invalid command line, 128 + signal when stopped before connecting.
+// 2 invalid command line, 3 register stopped but its instance not withdrawn
+// (it leaves the registry when its session expires), 128 + signal when
+// stopped before connecting (register --wait-for-zookeeper: before publishing).
 
 #include <cstdlib>
 #include <fstream>
@@ -46,7 +48,11 @@ Environment:
 Exit status: 0 success (watch and register: stopped by SIGINT or SIGTERM),
 1 failure (cannot connect, no such service or instance, no instance to pick,
 permission denied, ZooKeeper error),
-2 invalid command line.)";
+2 invalid command line,
+3 register stopped but could not withdraw its instance (ZooKeeper unreachable:
+  the instance leaves the registry when its session expires),
+128 + signal number when stopped before connecting (register
+  --wait-for-zookeeper: before publishing).)";
 
 const CLI::Validator kServiceName(
     [](String& name) { return ServiceNameProblem(name); }, "SERVICE");
@@ -152,6 +158,7 @@ int main(int argc, char** argv) {
         String idText;
         bool json = false;
         bool compress = false;
+        bool waitForZooKeeper = false;
         RecordFields fields;
         std::vector<String> metadata;
         String metricsAddress;
@@ -272,10 +279,15 @@ int main(int argc, char** argv) {
             "register",
             "Publish an instance (an ephemeral node, registered_at_ms = now), print its id as the first line "
             "of output, keep it published until SIGINT or SIGTERM, then withdraw it. If the session expires "
-            "meanwhile, the instance is published again by itself.");
+            "meanwhile, the instance is published again by itself. Exits 3 when the instance could not be "
+            "withdrawn (it then leaves the registry when its session expires).");
         addService(reg);
         AddRecordOptions(*reg, fields, metadata, true);
         reg->add_option("--id", idText, "Instance id to use instead of a random one")->check(kUuid);
+        reg->add_flag("--wait-for-zookeeper", waitForZooKeeper,
+                      "While ZooKeeper is unreachable at the start, keep trying to connect and to publish (saying "
+                      "so on standard error every few seconds) until it succeeds or SIGINT or SIGTERM arrives, "
+                      "instead of exiting 1; --metrics is served meanwhile");
         addMetrics(reg);
         addCompress(reg);
 
@@ -352,7 +364,7 @@ int main(int argc, char** argv) {
             return Protect(common, signals, service, publishers, lockInstances);
         }
         if (*get) return Get(common, signals, service, *id, json);
-        if (*reg) return Register(common, signals, service, fields, id, compress);
+        if (*reg) return Register(common, signals, service, fields, id, compress, waitForZooKeeper);
         if (fields.Empty()) {
             std::cerr << "ferrow: update: nothing to change; give at least one field option (see ferrow update "
                          "--help)"

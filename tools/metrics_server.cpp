@@ -2,14 +2,17 @@
 
 #include <microhttpd.h>
 #include <netdb.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
 
 #include "commands.h"
 #include "ferrow/metrics.h"
+#include "process_metrics.h"
 #include "secrets.h"
 
 namespace jx {
@@ -19,6 +22,20 @@ namespace cli {
 namespace {
 
 constexpr char kContentType[] = "text/plain; version=0.0.4; charset=utf-8";
+// Connections served at once: far more than the scrapers and people that
+// ever point at one process.
+constexpr rlim_t kConnectionLimit = 512;
+// An idle connection is closed after this long, so that connections left
+// open cannot pile up to the limit.
+constexpr unsigned kIdleSeconds = 5;
+
+// kConnectionLimit, or half the descriptors the process may open when that
+// is less, so that its ZooKeeper connection never runs short of them.
+unsigned ConnectionLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return kConnectionLimit;
+    return static_cast<unsigned>(std::clamp<rlim_t>(limit.rlim_cur / 2, 1, kConnectionLimit));
+}
 
 MHD_Result Reply(MHD_Connection* connection, unsigned status, const String& body, const char* type) {
     MHD_Response* response =
@@ -36,7 +53,7 @@ MHD_Result Answer(void*, MHD_Connection* connection, const char* url, const char
     const bool get = std::strcmp(method, MHD_HTTP_METHOD_GET) == 0 || std::strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;
     if (!get) return Reply(connection, MHD_HTTP_METHOD_NOT_ALLOWED, "only GET\n", "text/plain");
     if (std::strcmp(url, "/metrics") != 0) return Reply(connection, MHD_HTTP_NOT_FOUND, "see /metrics\n", "text/plain");
-    return Reply(connection, MHD_HTTP_OK, PrometheusText(), kContentType);
+    return Reply(connection, MHD_HTTP_OK, PrometheusText() + ProcessMetricsText(), kContentType);
 }
 
 // The host and port of "HOST:PORT" or "[HOST]:PORT"; throws UsageError.
@@ -70,13 +87,15 @@ MetricsServer::MetricsServer(const String& address) {
         throw UsageError("--metrics '" + address + "': " + gai_strerror(rc));
     }
     const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owned(found, freeaddrinfo);
+    // One thread polls every connection with the best mechanism the system
+    // has (epoll on Linux): an idle connection costs a descriptor, never a
+    // turn, so it cannot delay a scrape while the limit is not reached.
     unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_AUTO;
     if (found->ai_family == AF_INET6) flags |= MHD_USE_IPv6;
-    // A scraper that stops reading holds a connection for ten seconds at
-    // most, and a few at once are all a scraper needs.
     errno = 0;
     m_daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, &Answer, nullptr, MHD_OPTION_SOCK_ADDR, found->ai_addr,
-                                MHD_OPTION_CONNECTION_TIMEOUT, 10u, MHD_OPTION_CONNECTION_LIMIT, 16u, MHD_OPTION_END);
+                                MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds, MHD_OPTION_CONNECTION_LIMIT,
+                                ConnectionLimit(), MHD_OPTION_END);
     if (m_daemon == nullptr) {
         throw CommandError("cannot serve metrics at " + address + ": " +
                            (errno != 0 ? std::strerror(errno) : "the HTTP server did not start"));

@@ -1,7 +1,8 @@
 #pragma once
 
 // The endpoint of `--metrics HOST:PORT`: serves the process's metrics
-// (ferrow/metrics.h) in the Prometheus text format at /metrics.
+// (ferrow/metrics.h, and the process's own: process_metrics.h) in the
+// Prometheus text format at /metrics.
 
 #include <cstdint>
 
@@ -14,8 +15,11 @@ namespace ferrow {
 namespace cli {
 
 // An HTTP server (GNU libmicrohttpd) answering GET /metrics with
-// PrometheusText(), read anew for each request, on a thread of its own;
-// any other path is 404, any other method 405. Made and destroyed on the
+// PrometheusText() followed by ProcessMetricsText(), read anew for each
+// request, on a thread of its own; any other path is 404, any other method
+// 405. Serves up to 512 connections at once (fewer when the process may
+// open fewer than 1,024 descriptors) and closes one idle for 5 s, so that
+// connections held open never delay a scrape. Made and destroyed on the
 // main thread; each request collects the metrics on the server's thread.
 class MetricsServer {
 public:

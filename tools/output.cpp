@@ -108,8 +108,13 @@ String JsonArray(const std::vector<String>& elements) {
     return array + "]";
 }
 
-String ServiceJson(const String& service, size_t instances) {
-    return "{\"service\":" + Quote(service) + ",\"instances\":" + std::to_string(instances) + "}";
+String ServiceJson(const String& service, size_t instances, size_t unreadable) {
+    return "{\"service\":" + Quote(service) + ",\"instances\":" + std::to_string(instances) +
+           ",\"unreadable\":" + std::to_string(unreadable) + "}";
+}
+
+String NewsJson(const String& event, const String& service) {
+    return "{\"event\":" + Quote(event) + ",\"service\":" + Quote(service) + "}";
 }
 
 String SyncedText(size_t instances) { return "synced " + std::to_string(instances) + " instances"; }

@@ -37,8 +37,12 @@ String JsonArray(const std::vector<String>& elements);
 // {"scheme":"digest","id":"alice:<hash>","perms":["create","delete"]}
 String AclJson(const AclEntry& entry);
 
-// {"service":"<service>","instances":<instances>}
-String ServiceJson(const String& service, size_t instances);
+// {"service":"<service>","instances":<instances>,"unreadable":<unreadable>}
+String ServiceJson(const String& service, size_t instances, size_t unreadable);
+
+// News of the view or the service, without an instance:
+// {"event":"<event>","service":"<service>"}.
+String NewsJson(const String& event, const String& service);
 
 // The view of `service` became complete with `instances` instances.
 // Text: "synced <instances> instances";

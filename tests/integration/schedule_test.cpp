@@ -176,7 +176,9 @@ public:
     }
 
     // Both views equal the server's, and the watches are exactly the ones
-    // needed; then no report so far repeats another.
+    // needed (each watcher's child and node watch on the service, a data
+    // watch per instance; the server keeps one of each per node); then no
+    // report so far repeats another.
     void ExpectQuiet(const std::string& where) {
         const auto truth = [this] { return m_writer.ReadTruth(); };
         ASSERT_TRUE(m_watched->Converges(truth, kQuiet)) << where;
@@ -188,7 +190,7 @@ public:
         EXPECT_TRUE(testing::PollUntil([&] { return CacheHolds(now); }, kQuiet)) << where << ": the cache";
         const size_t instances = now.size();
         EXPECT_TRUE(testing::PollUntil([&] {
-            return m_conn->PendingWatchCount() == 2 * (instances + 1) && m_cluster.ServerWatches() == static_cast<long>(instances);
+            return m_conn->PendingWatchCount() == 2 * (instances + 2) && m_cluster.ServerWatches() == static_cast<long>(instances + 1);
         }, seconds(30))) << where << ": " << m_conn->PendingWatchCount() << " watches in the connection and "
                          << m_cluster.ServerWatches() << " on the servers for " << instances << " instances";
         const auto state = m_watched->recorder->Snapshot();

@@ -28,7 +28,7 @@ record=${record/'"weight":1'/'"weight":77'}
 check "watch modified" "$(line "$dir/watch" 3)" '{"event":"modified","service":"tool","id":"'"$id"'","instance":'"$record"'}'
 check "get" "$(run "$ferrow" --zk "$zk" get tool "$id" --json)" '{"id":"'"$id"'","instance":'"$record"'}'
 check "list" "$(run "$ferrow" --zk "$zk" list tool --json)" '[{"id":"'"$id"'","instance":'"$record"'}]'
-check "services" "$(run "$ferrow" --zk "$zk" services --json)" '[{"service":"tool","instances":1}]'
+check "services" "$(run "$ferrow" --zk "$zk" services --json)" '[{"service":"tool","instances":1,"unreadable":0}]'
 check "pick" "$(run "$ferrow" --zk "$zk" pick tool --zone eu-2 --count 2 --json)" \
   "$(printf '{"id":"%s","instance":%s}\n' "$id" "$record" "$id" "$record")"
 kill -TERM "$reg"
@@ -89,6 +89,7 @@ printf 'addauth digest alice:pw-a\ncreate /srv2/guarded/%s x auth::cdrwa\nquit\n
   run /usr/share/zookeeper/bin/zkCli.sh -server "$zk" >/dev/null 2>&1
 check "list skips what it cannot read" "$(run "$ferrow" --zk "$zk" list guarded 2>"$dir/err" | cut -d' ' -f1-2)|$(cat "$dir/err")" \
   "$alice_id a:1|ferrow: warning: instance $hostile of service 'guarded' skipped: not authenticated"
+check "services counts it apart" "$(run "$ferrow" --zk "$zk" services | grep '^guarded ')" "guarded 1 (1 unreadable)"
 # watch names it in one log record and goes on: it reports the next instance.
 "$ferrow" --zk "$zk" watch guarded >"$dir/guarded" 2>"$dir/guarded.err" & guarded=$!
 pids+=("$guarded")

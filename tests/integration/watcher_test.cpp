@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "ferrow/instance_data.h"
+#include "ferrow/metrics.h"
 #include "ferrow/service_registration.h"
 #include "ferrow/zlib.h"
 #include "tests/support/recorder.h"
@@ -134,7 +135,11 @@ TEST_F(WatcherTest, HostileNodesAreReportedWholeOrLoggedOrSkippedAndNeverStopThe
     writer.CreateChild("foreign", "x");
     const ServiceId good = g_generate();
     writer.Create(good, MakeRecord(9));
-    ASSERT_TRUE(testing::PollUntil([&] { return watched.watcher.ListInstances().size() == 6; }, std::chrono::seconds(60)));
+    // One count everywhere: the three that decode are the instances, the
+    // three that never do are counted apart.
+    ASSERT_TRUE(testing::PollUntil([&] { return watched.watcher.UndecodableCount() == 3; }, std::chrono::seconds(60)));
+    ASSERT_TRUE(watched.watcher.WaitSynced(std::chrono::seconds(60)));
+    EXPECT_EQ(watched.watcher.ListInstances().size(), 3u);
     // Reports may come in any order: a read asked for again overtakes no one, but replaces the first.
     ASSERT_TRUE(testing::PollUntil([&] { return watched.recorder->Snapshot().picture.size() == 3; }, std::chrono::seconds(60)));
     ASSERT_EQ(watched.recorder->Snapshot().picture.count(good), 1u);
@@ -157,12 +162,71 @@ TEST_F(WatcherTest, HostileNodesAreReportedWholeOrLoggedOrSkippedAndNeverStopThe
     EXPECT_EQ(logs.Count(zlibError + writer.InstancePath(ids[3]) + " exception=trailing bytes after the zlib stream"), 1u);
     EXPECT_THROW(watched.watcher.GetInstanceData(bomb, read), zlib::ZLibError);
     EXPECT_FALSE(watched.watcher.GetInstanceData(upper, read));
-    // Its watch is reported deleted: nothing is kept for a node never found.
-    EXPECT_TRUE(testing::PollUntil([&] {
-        const auto events = watched.recorder->Snapshot().events;
-        return std::any_of(events.begin(), events.end(), [&](const auto& e) { return e.id == upper && e.kind == testing::Recorder::Kind::Removed; });
-    }, std::chrono::seconds(30)));
+    // No removal of an id never reported added, whatever the core says of
+    // a node it never found or never decoded.
+    const auto events = watched.recorder->Snapshot().events;
+    EXPECT_TRUE(std::none_of(events.begin(), events.end(), [&](const auto& e) { return e.kind == testing::Recorder::Kind::Removed; }));
     EXPECT_GE(logs.Count("Invalid child name at path '/srv2/" + name + "'. Could not convert 'foreign' to ServiceId."), 1u);
+    // Its first good record is news to the observers: an addition.
+    writer.Set(bomb, MakeRecord(10));
+    ASSERT_TRUE(testing::PollUntil([&] { return watched.recorder->Snapshot().picture.count(bomb) == 1; }, std::chrono::seconds(30)));
+    EXPECT_EQ(watched.recorder->Snapshot().events.back().kind, testing::Recorder::Kind::Added);
+    EXPECT_EQ(watched.watcher.UndecodableCount(), 2u);
+}
+
+// A service node goes (deleted by an operator, or by the server: an empty
+// container, an expired TTL node) and comes back with another instance: the
+// watcher reports the old one removed and the new one added, says so in its
+// listener and metrics, and never creates the node itself meanwhile, so that
+// a container or TTL service can stay gone.
+TEST_F(WatcherTest, FollowsTheServiceNodeThroughItsDeletionAndReturn) {
+    zhandle_t* zh = zookeeper_init(s_server->ConnectString().c_str(), nullptr, 10000, nullptr, nullptr, 0);
+    ASSERT_TRUE(testing::PollUntil([zh] { return zoo_state(zh) == ZOO_CONNECTED_STATE; }, std::chrono::seconds(10)));
+    const auto conn = testing::Connect(s_server->ConnectString());
+    for (const int flags : {0, ZOO_CONTAINER, ZOO_PERSISTENT_WITH_TTL}) {
+        const String service = name + std::to_string(flags);
+        SCOPED_TRACE(service);
+        ASSERT_EQ(zoo_create2_ttl(zh, ServicePath(service).c_str(), "", 0, &ZOO_OPEN_ACL_UNSAFE, flags,
+                                  flags == ZOO_PERSISTENT_WITH_TTL ? 1000 : -1,
+                                  nullptr, 0, nullptr), ZOK);
+        const testing::InstanceWriter nodes(s_server->ConnectString(), service);
+        const ServiceId first = g_generate(), second = g_generate();
+        nodes.Create(first, MakeRecord(1));
+        testing::Watched watched(conn, service);
+        std::vector<bool> news;  // delivery thread only, until the watcher goes
+        watched.watcher.SetServiceListener([&news](bool exists) { news.push_back(exists); });
+        ASSERT_TRUE(watched.Converges([&] { return InstanceMap{{first, MakeRecord(1)}}; }));
+
+        nodes.Remove(first);
+        if (flags == 0) {
+            ASSERT_EQ(conn->Delete(ServicePath(service), -1), ZOK);  // the server deletes the others
+        }
+        ASSERT_TRUE(testing::PollUntil([&] { return !watched.watcher.ServiceExists(); }, std::chrono::seconds(30)));
+        ASSERT_TRUE(watched.watcher.WaitSynced(std::chrono::seconds(30)));
+        EXPECT_EQ(conn->Exists(ServicePath(service), nullptr), ZNONODE) << "the watcher created the node again";
+        EXPECT_TRUE(watched.watcher.ListInstances().empty());
+
+        // Created again as `register` does: the service node, then the instance.
+        const ServiceRegistration back(conn, service, second, MakeRecord(2));
+        ASSERT_TRUE(watched.Converges([&] { return InstanceMap{{second, MakeRecord(2)}}; }));
+        EXPECT_TRUE(watched.watcher.ServiceExists());
+        const auto events = watched.recorder->Snapshot().events;
+        ASSERT_EQ(events.size(), 3u);
+        EXPECT_TRUE(events[0].kind == testing::Recorder::Kind::Added && events[0].id == first);
+        EXPECT_TRUE(events[1].kind == testing::Recorder::Kind::Removed && events[1].id == first);
+        EXPECT_TRUE(events[2].kind == testing::Recorder::Kind::Added && events[2].id == second);
+        EXPECT_TRUE(watched.recorder->Snapshot().errors.empty()) << "a missing node is no error";
+        const Metrics metrics = CollectMetrics();
+        const auto mine = std::find_if(metrics.watchers.begin(), metrics.watchers.end(),
+                                       [&](const WatcherMetrics& w) { return w.service == service; });
+        ASSERT_NE(mine, metrics.watchers.end());
+        EXPECT_EQ(mine->serviceDeletions, 1u);
+        EXPECT_EQ(mine->serviceCreations, 1u);
+        ASSERT_TRUE(testing::PollUntil([&] { return watched.conn->IsDeliveryThread() || news.size() == 2; },
+                                       std::chrono::seconds(10)));
+        EXPECT_EQ(news, (std::vector<bool>{false, true}));
+    }
+    zookeeper_close(zh);
 }
 
 TEST_F(WatcherTest, RegistrationPublishesCompressesUpdatesAndReappearsAfterExpiry) {

@@ -117,7 +117,10 @@ public:
         std::filesystem::create_directories(m_dir + "/data");
         std::ofstream cfg(m_dir + "/zoo.cfg");
         cfg << "tickTime=2000\ninitLimit=10\nsyncLimit=5\ndataDir=" << m_dir << "/data\nclientPort=" << m_clientPort
-            << "\nclientPortAddress=127.0.0.1\nadmin.enableServer=false\n4lw.commands.whitelist=*\nforceSync=no\n";
+            << "\nclientPortAddress=127.0.0.1\nadmin.enableServer=false\n4lw.commands.whitelist=*\nforceSync=no\n"
+            // TTL nodes, and container and TTL nodes deleted within a second
+            // of becoming empty, for the tests of a service node's life.
+            << "extendedTypesEnabled=true\n";
         for (const std::string& line : extraConfig) cfg << line << '\n';
     }
     ~ZkServer() {
@@ -162,7 +165,8 @@ public:
     // an ensemble serve only once enough of them run.
     void Launch() {
         if (Running()) return;
-        m_pid = Spawn({"java", "-Xmx256m", "-XX:+UseSerialGC", "-XX:TieredStopAtLevel=1", "-cp", "/usr/share/java/zookeeper.jar",
+        m_pid = Spawn({"java", "-Xmx256m", "-XX:+UseSerialGC", "-XX:TieredStopAtLevel=1",
+                       "-Dznode.container.checkIntervalMs=200", "-cp", "/usr/share/java/zookeeper.jar",
                        "org.apache.zookeeper.server.quorum.QuorumPeerMain", m_dir + "/zoo.cfg"},
                       m_dir + "/server.log");
     }

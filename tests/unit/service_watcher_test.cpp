@@ -16,6 +16,7 @@
 #include "tests/support/fake_connection.h"
 #include "tests/support/support.h"
 #include "tests/support/recorder.h"
+#include "watching/service_watcher_impl.h"
 
 namespace jx {
 namespace ferrow {
@@ -36,10 +37,19 @@ ServiceId Id(int n) {
 String Name(int n) { return boost::uuids::to_string(Id(n)); }
 String PathOf(int n) { return kService + "/" + Name(n); }
 
-// One watcher of "svc" over a scripted connection, not started, recording
-// its reports, handler codes and log records.
-struct Harness : testing::Watched<FakeConnection> {
-    Harness() : Watched(std::make_shared<FakeConnection>(), "svc", false) {}
+// The core of one watcher of "svc" over a scripted connection, not started,
+// recording its reports, handler codes and log records. The core alone:
+// the public watcher's own requests and its handling of a missing service
+// node would blur the core's tables.
+struct Harness {
+    Harness()
+        : conn(std::make_shared<FakeConnection>()),
+          recorder(std::make_shared<testing::Recorder>()),
+          owner(conn, "svc", {}),
+          core(std::make_shared<ServiceWatcherImpl>(owner, conn, "svc", recorder->ErrorHandler())),
+          watcher(*core) {
+        core->RegisterShared(recorder);
+    }
     size_t Requests() const { return conn->Requests().size(); }
     // The index of the latest request for instance `n` (0: the service).
     size_t Last(int n) const {
@@ -61,6 +71,11 @@ struct Harness : testing::Watched<FakeConnection> {
     }
     std::vector<int> Handled() const { return recorder->Snapshot().errors; }
 
+    std::shared_ptr<FakeConnection> conn;
+    std::shared_ptr<testing::Recorder> recorder;
+    ServiceWatcher owner;  // named in the reports; never started
+    std::shared_ptr<ServiceWatcherImpl> core;
+    ServiceWatcherImpl& watcher;
     testing::LogCapture logs;
 };
 

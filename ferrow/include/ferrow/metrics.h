@@ -24,6 +24,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <vector>
 
 #include "utility/string.h"
@@ -39,6 +40,20 @@ struct ConnectionMetrics {
     // so on; never reused.
     std::uint64_t connection = 0;
     bool connected = false;
+    // The session's state as a person alerts on it: "connected",
+    // "connecting" (connection lost, or not yet made, the session may live),
+    // "expired" (the server ended the session; a new one is being opened) or
+    // "auth_failed" (the server refused the credentials; no new session is
+    // opened).
+    const char* state = "connecting";
+    // Zero while connected; otherwise the time since the connection was
+    // last connected, or since it was opened if it never was.
+    Seconds disconnectedFor{0};
+    // Requests that ended in an error, by ZooKeeper result code (ZNONODE
+    // included: a read of a node gone), and exceptions that callbacks let
+    // escape to the delivery thread (each logged at ERROR).
+    std::map<int, std::uint64_t> errors;
+    std::uint64_t callbackExceptions = 0;
     // The current session's id; 0 while there is none.
     std::int64_t sessionId = 0;
     // Sessions that reached the connected state for the first time, the
@@ -63,8 +78,10 @@ struct ConnectionMetrics {
 // One ServiceWatcher.
 struct WatcherMetrics {
     String service;
-    // Instances known now (ServiceWatcher::ListInstances).
+    // Instances known now (ServiceWatcher::ListInstances), and those listed
+    // whose record never decoded (ServiceWatcher::UndecodableCount).
     std::size_t instances = 0;
+    std::size_t undecodable = 0;
     // Reports to the observers, by kind. An expiry reports every instance
     // removed, and the fresh read reports them added again.
     std::uint64_t added = 0;
@@ -74,11 +91,22 @@ struct WatcherMetrics {
     // those of them that were retries after a lost connection.
     std::uint64_t reads = 0;
     std::uint64_t readRetries = 0;
-    // As ServiceWatcher::IsSynced. A collection begins the tracking that
-    // IsSynced begins, so the first one after Start may say false.
+    // Whether the service node exists (ServiceWatcher::ServiceExists), and
+    // the times it was found deleted and found created again.
+    bool serviceExists = true;
+    std::uint64_t serviceDeletions = 0;
+    std::uint64_t serviceCreations = 0;
+    // Errors that reached the watcher, by ZooKeeper result code: those
+    // handed to its error handler (ZNOAUTH: an instance skipped), and the
+    // missing service node (ZNONODE).
+    std::map<int, std::uint64_t> errors;
+    // As ServiceWatcher::IsSynced: false from the moment the connection is
+    // lost. A collection begins the tracking that IsSynced begins, so the
+    // first one after Start may say false.
     bool viewComplete = false;
-    // Zero while the view is complete; otherwise the time since it last
-    // was, or since the watcher started if it never was.
+    // Zero while the view is complete and current; otherwise the time since
+    // it last was (since the connection was lost, the session expired or the
+    // node was created again), or since the watcher started if it never was.
     Seconds viewAge{0};
     // How long the latest full read of the service took: from the moment
     // the view became incomplete (Start, or an expiry) to the moment it was
@@ -117,9 +145,19 @@ struct ProviderMetrics {
 // One ServiceRegistration.
 struct RegistrationMetrics {
     String service;
-    String id;  // the instance's id, canonical text
+    // The instance's id, canonical text: a new one at every start of a
+    // program that lets the registration choose it.
+    String id;
+    // "host:port" of its current record ("[host]:port" for an IPv6 host):
+    // names the instance across restarts whatever its id.
+    String address;
     // As ServiceRegistration::IsPublished.
     bool published = false;
+    // Creations of the node after the first that failed (refused, or left
+    // unanswered), and those that succeeded: after a session expiry, or
+    // after someone else deleted the node.
+    std::uint64_t publishFailures = 0;
+    std::uint64_t republished = 0;
 };
 
 // Every object alive at the collection, each kind in the order the objects

@@ -33,6 +33,10 @@
 // record that is only partly valid is kept as far as it parsed, as the
 // watcher reports it.
 //
+// A deleted service node is the service gone: the watcher reports its
+// instances removed, and the cache removes them at once; when the node comes
+// back, its instances are added as they are read.
+//
 // A discovery outage is not a service outage. After a session expiry the
 // watcher reports every instance removed and reads the service again; the
 // cache instead keeps serving the last view it had, unchanged, until the
@@ -100,14 +104,15 @@ public:
     [[nodiscard]] std::uint64_t Version() const;
 
     // As ServiceWatcher's: whether every instance of the service's latest
-    // full read is in the cache (a snapshot taken after true contains them);
-    // false once an attached cache's watcher is gone.
+    // full read is in the cache (a snapshot taken after true contains them)
+    // and the connection has not been lost since; false from the moment it
+    // is lost until the view is known current again, and once an attached
+    // cache's watcher is gone.
     [[nodiscard]] bool IsSynced() const;
     [[nodiscard]] bool WaitSynced(std::chrono::milliseconds deadline) const;
-    // How long the view has not been known current: zero while the session
-    // is connected and the view complete; otherwise the time since the
-    // connection was lost, the session expired or, before the first
-    // complete view, the cache was made. The cache serves its last view
+    // How long the view has not been known current: zero while IsSynced;
+    // otherwise the time since the connection was lost, the session expired
+    // or, before the first complete view, the cache was made. The cache serves its last view
     // meanwhile, for as long as that lasts.
     [[nodiscard]] std::chrono::milliseconds ViewAge() const;
 
@@ -131,8 +136,8 @@ private:
     // Null for an attached cache.
     std::unique_ptr<ServiceWatcher> m_owned;
     ServiceWatcher* const m_watcher;
-    // Expired once the watcher is destroyed (its implementation, which
-    // holds the state registered with it, is gone).
+    // Expired once the watcher is destroyed (its state, which holds the
+    // cache's state registered with it, is gone).
     const std::weak_ptr<const void> m_watcherAlive;
     const std::shared_ptr<Connection> m_conn;
     // Applies the watcher's reports and holds the snapshots; shared with

@@ -18,19 +18,21 @@ namespace details {
 class MetricsSource;
 }  // namespace details
 
-// Thread-safe: Update, Id, Path and Record may be called from any thread at
-// the same time. Writes of the node (publishing, Update, re-publishing after
-// an expiry, the final delete) are serialised by one internal mutex held
-// across the synchronous request, so the node always ends with the record of
-// the last write. The connection never needs that mutex to complete a
-// request, so holding it cannot deadlock.
+// Thread-safe: Update, Withdraw, IsPublished, Id, Path and Record may be
+// called from any thread at the same time. Writes of the node (publishing,
+// Update, re-publishing after an expiry, the final delete) are serialised by
+// one internal mutex held across the synchronous request, so the node always
+// ends with the record of the last write. The connection never needs that
+// mutex to complete a request, so holding it cannot deadlock.
 //
 // Session expiry: ZooKeeper deletes ephemeral nodes with their session. The
 // registration observes the connection's session events (it is registered
 // weakly, on the connection's delivery thread) and, on the first connected
 // event after an expiry, creates the node again with the current record.
 // A re-creation that fails is logged under "ferrow.registration" and tried
-// again on the next connected event.
+// again on the next connected event; one left unanswered while the
+// connection stays up is settled by reading the node (is it there, and
+// this session's?), since no connected event follows.
 //
 // Its own node: the registration watches it, so that a node deleted by
 // someone else while the session lives is created again at once. It never
@@ -39,8 +41,9 @@ class MetricsSource;
 // left alone, logged at ERROR, and watched until it goes; meanwhile
 // IsPublished() is false and Update throws.
 //
-// Metrics: while it exists, whether it is published is part of
-// CollectMetrics (ferrow/metrics.h).
+// Metrics: while it exists, whether it is published, and how often its
+// node was created again or failed to be, are part of CollectMetrics
+// (ferrow/metrics.h).
 //
 // Access: over a connection with credentials (Connection::HasCredentials),
 // the node is created, and created again, readable by everyone and writable
@@ -59,10 +62,10 @@ public:
     ServiceRegistration(std::shared_ptr<Connection> conn, const String& service, const ServiceId& id,
                         const ServiceInstanceData& record, bool compress = false);
 
-    // Stops observing the session (waiting for a session event being handled
-    // on the delivery thread, so it must not run inside this registration's
-    // own connection callback) and deletes the node. Failures of the delete
-    // are logged, never thrown; the node then goes with the session.
+    // Withdraws the instance as Withdraw does, unless Withdraw has been
+    // called: then it only lets go. Failures of the delete are logged under
+    // "ferrow.registration", never thrown; the node then goes with the
+    // session.
     ~ServiceRegistration();
 
     // Owns the node: a copy would delete it twice.
@@ -74,8 +77,15 @@ public:
     const String& Path() const;
     // The record last given to the constructor or to Update.
     ServiceInstanceData Record() const;
-    // Whether the node is there and this session's, as far as the
-    // registration knows (false from an expiry until it is created again).
+    // Whether the instance is surely in the registry now: true only while
+    // the connection is connected and the node is known to be this
+    // session's. False from the moment the connection is not connected
+    // (lost, expired, credentials refused): a session cut off from the
+    // servers may have been expired there already, its node deleted with
+    // it. True again once connected: at once after a reconnection within
+    // the same session, whose ephemeral node survived; after an expiry,
+    // once the node is created again. Never waits for the server or for a
+    // write in progress.
     bool IsPublished() const;
 
     // Replaces the record and writes it to the node in place. The new record
@@ -84,6 +94,19 @@ public:
     // expired session's node has not been created again yet (ZNONODE), or
     // while another session's node holds the id (ZNODEEXISTS).
     void Update(const ServiceInstanceData& record);
+
+    // Withdraws the instance for good: stops observing the session and the
+    // node (waiting for a session event being handled on the delivery
+    // thread, so it must not run inside this registration's own connection
+    // callback), so that nothing publishes it again, then deletes the node,
+    // waiting for the answer at most the session timeout. Returns once no
+    // node of this session holds the id: deleted now, never created, gone
+    // with an expired session, or another session's (left alone). Throws
+    // ZooError with the client's code when the delete failed, e.g. while
+    // the servers are unreachable: the node then stays until the session
+    // ends. Either way IsPublished is false from then on. Calling it again
+    // tries the delete again; the destructor does not.
+    void Withdraw();
 
 private:
     std::shared_ptr<ServiceRegistrationImpl> m_impl;

@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <functional>
-#include <future>
 #include <memory>
 #include <vector>
 
@@ -19,17 +18,26 @@
 namespace jx {
 namespace ferrow {
 
-class ServiceWatcherImpl;
 class SyncTracker;
+class WatcherState;
 namespace details {
 class MetricsSource;
 }  // namespace details
 
 // Thread-safe: every operation may be called from any thread.
 //
+// What the observers see. Each change once, in order: an instance is
+// reported added with its first record that decodes, modified only after it
+// was reported added, and removed only if it was reported added and not
+// removed since. An instance whose record never decodes (a corrupt
+// compressed record, an unknown compression) is never reported; it is
+// counted apart (UndecodableCount) and logged. ListInstances, the synced
+// listener's count and the metrics all count the instances reported added
+// and not removed.
+//
 // Metrics: while it exists, its figures (WatcherMetrics: instances, reports
-// by kind, reads, whether and since when the view is complete) are part of
-// CollectMetrics (ferrow/metrics.h).
+// by kind, reads, the service node's life, whether and since when the view
+// is current) are part of CollectMetrics (ferrow/metrics.h).
 //
 // Threads and locks: observers run on the connection's delivery thread, one
 // event at a time, with no lock of the watcher held, so they may call back
@@ -39,13 +47,26 @@ class MetricsSource;
 //
 // A lost session is survived: what failed transiently is retried when the
 // session is connected again, and an expired session reports every watched
-// instance removed and then re-reads the service.
+// instance removed and then re-reads the service (a ServiceCache instead
+// keeps its view through an expiry and publishes only the difference).
+//
+// The service node's life is followed. When /srv2/<name> is deleted (by an
+// operator, or by the server: a container node after its last instance
+// left, a TTL node), every instance is reported removed, a WARNING is
+// logged and the service listener is told; the watcher then waits for the
+// node, and once it exists again watches it afresh, reporting what it holds
+// as added. A node deleted and created again while the connection was down
+// is noticed by its creation and followed the same way. Only Start creates
+// a missing node; a node that comes back is never created by the watcher.
 class ServiceWatcher : public Observable<ServiceWatcherObserver> {
 public:
     // Builds the watcher; nothing is registered or read until Start.
-    // `zkErrorHandler` receives ZooKeeper errors that a retry cannot cure;
-    // it may be empty only if such errors never occur (calling an empty one
-    // throws std::bad_function_call out of the operation that met the error).
+    // `zkErrorHandler` receives ZooKeeper errors that a retry cannot cure
+    // (ZNOAUTH for an instance this session may not read, which is skipped,
+    // or for the service itself); a missing service node (ZNONODE) is the
+    // service's life, not an error, and never reaches it. It may be empty
+    // only if such errors never occur (calling an empty one throws
+    // std::bad_function_call out of the operation that met the error).
     ServiceWatcher(std::shared_ptr<Connection> conn, const String& name, ZkErrorHandler zkErrorHandler);
 
     // Stops every watch. Once it returns, no observer or error handler of
@@ -85,6 +106,12 @@ public:
     // The instances known now (reported added and not yet removed), in no
     // particular order.
     std::vector<ServiceId> ListInstances() const;
+    // Instances listed under the service whose record has never decoded;
+    // not in ListInstances.
+    size_t UndecodableCount() const;
+    // Whether the service node existed when last looked at (true until the
+    // first look).
+    bool ServiceExists() const;
 
     // Reads one instance's record synchronously. Returns true with `data`
     // filled, false when the instance has no node. Throws ZooError for any
@@ -92,12 +119,14 @@ public:
     // record, std::runtime_error for an unknown compression.
     bool GetInstanceData(const ServiceId& id, ServiceInstanceData& data) const;
 
-    // Whether the view is complete: every instance that existed when the
-    // service was read from scratch (at the start, and again after each
-    // session expiry) has been reported added, or found gone meanwhile, and
-    // nothing waits for a retry. False from an expiry until the fresh read
-    // is complete. Derived from the order in which ZooKeeper answers the
-    // session's requests, never from a timer.
+    // Whether the view is complete and current: every instance that existed
+    // when the service was read from scratch (at the start, after each
+    // session expiry, after the node was created again) has been reported
+    // added, or found gone meanwhile, nothing waits for a retry, and the
+    // connection has not been lost since. False from the moment the
+    // connection is lost (changes made meanwhile are seen only once it is
+    // back) until the view is known complete again. Derived from the order in
+    // which ZooKeeper answers the session's requests, never from a timer.
     //
     // Tracking begins with the first call of IsSynced, WaitSynced or
     // SetSyncedListener (the first IsSynced answers false): it costs two
@@ -112,6 +141,16 @@ public:
     // observer hold for it, and it never runs once the destructor has
     // returned.
     void SetSyncedListener(std::function<void(size_t instances)> listener);
+    // `listener` runs on the delivery thread each time a complete view stops
+    // being known current (the connection was lost, the session expired);
+    // the synced listener runs when it is current again. Needs tracking, as
+    // SetSyncedListener. Replaces the previous one.
+    void SetStaleListener(std::function<void()> listener);
+    // `listener` runs on the delivery thread when the service node was found
+    // deleted, after its instances were reported removed (false), and when it
+    // exists again, before its instances are reported (true). Replaces the
+    // previous one. Observer rules hold for both listeners.
+    void SetServiceListener(std::function<void(bool exists)> listener);
 
     void RegisterShared(std::shared_ptr<ServiceWatcherObserver> observer) override;
     void RegisterWeak(std::weak_ptr<ServiceWatcherObserver> observer) override;
@@ -124,14 +163,11 @@ private:
     friend class ServiceCache;
     // Adds this watcher's figures; for the metrics.
     void Collect(Metrics& metrics) const;
-    // Ready once the impl is destroyed, on whichever thread let it go last.
-    // Declared first: m_impl's construction sets it.
-    std::future<void> m_implReleased;
-    // The impl's connection, asked on which thread the destructor runs.
+    // The connection, asked on which thread the destructor runs.
     const std::shared_ptr<Connection> m_conn;
-    // Holds a reference to this object; shared with callbacks in progress.
-    // Written only by the destructor, once no callback can read it.
-    std::shared_ptr<ServiceWatcherImpl> m_impl;
+    // The view given to the observers, and the service node's life with the
+    // core that follows it; shared with callbacks in progress.
+    const std::shared_ptr<WatcherState> m_state;
     // Knows when the view is complete.
     const std::shared_ptr<SyncTracker> m_sync;
     const String m_service;

@@ -80,6 +80,7 @@
 // logger at JXLOG_WARNING under the source "ferrow.connection.client"; the
 // client never writes to stderr.
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <ostream>
@@ -380,6 +381,20 @@ private:
     std::atomic<std::uint64_t> m_watchesWithdrawn{0};
     mutable std::atomic<std::size_t> m_syncInFlight{0};  // synchronous requests waiting for their answer
     std::uint64_t m_connectedGeneration = 0;  // delivery thread only: the latest session seen connected
+    // The latest session state delivered, and the steady_clock count since
+    // which the connection is not connected (0 while it is); the latter
+    // starts at the opening, which is not connected yet.
+    std::atomic<int> m_lastSessionState{ZOO_CONNECTING_STATE};
+    std::atomic<std::int64_t> m_disconnectedSince{std::chrono::steady_clock::now().time_since_epoch().count()};
+    // Requests that ended in error, by the code's negation (ZooKeeper's
+    // codes run from -1 to about -125; others count at 127).
+    mutable std::array<std::atomic<std::uint64_t>, 128> m_errorCounts{};
+    // Counts the result `rc` of a request that ended.
+    void CountResult(int rc) const {
+        if (rc == ZOK) return;
+        const std::size_t code = rc < 0 && rc > -127 ? static_cast<std::size_t>(-rc) : 127;
+        m_errorCounts[code].fetch_add(1, std::memory_order_relaxed);
+    }
     std::unique_ptr<details::MetricsSource> m_metrics;
 
     // Wakes WaitConnected on every session event. Leaf lock apart from the

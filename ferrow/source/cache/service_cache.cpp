@@ -58,15 +58,15 @@ public:
     void OnSessionEvent(int type, int state, String) override {
         const CallbackGate::Pass pass = m_gate.Enter();
         if (!pass || type != ZOO_SESSION_EVENT) return;
+        // Connected again: current once the watcher's view is (OnSynced),
+        // after the events of what changed meanwhile.
+        if (state == ZOO_CONNECTED_STATE) return;
         std::lock_guard<std::mutex> lock(m_writeMtx);
-        if (state == ZOO_CONNECTED_STATE) {
-            // Reconnected within the session: the watches held, and what
-            // changed meanwhile arrives as events.
-            if (!m_refreshing && m_synced) m_staleSince.store(0);
-            return;
-        }
+        // Not current from the moment the connection is lost: the view is
+        // still served, and changes made now are seen only once it is back.
         std::int64_t current = 0;
         m_staleSince.compare_exchange_strong(current, NowNs());
+        m_synced = false;
         if (state != ZOO_EXPIRED_SESSION_STATE) return;
         m_refreshing = true;
         m_fresh.clear();
@@ -188,7 +188,7 @@ private:
 ServiceCache::ServiceCache(std::shared_ptr<Connection> conn, const String& service, ZkErrorHandler zkErrorHandler)
     : m_owned(std::make_unique<ServiceWatcher>(std::move(conn), service, std::move(zkErrorHandler))),
       m_watcher(m_owned.get()),
-      m_watcherAlive(m_owned->m_impl),
+      m_watcherAlive(m_owned->m_state),
       m_conn(m_owned->m_conn),
       m_state(std::make_shared<State>(*this)),
       m_service(service) {
@@ -197,7 +197,7 @@ ServiceCache::ServiceCache(std::shared_ptr<Connection> conn, const String& servi
 
 ServiceCache::ServiceCache(ServiceWatcher& watcher)
     : m_watcher(&watcher),
-      m_watcherAlive(watcher.m_impl),
+      m_watcherAlive(watcher.m_state),
       m_conn(watcher.m_conn),
       m_state(std::make_shared<State>(*this)),
       m_service(watcher.Service()) {

@@ -149,6 +149,7 @@ void ZooKeeperConnection::QueueAnswer(std::unique_ptr<AsyncRequest> request, int
     std::weak_ptr<WatchContext> owner;
     String gonePath;
     std::shared_ptr<WatchContext> unused = Settle(session, request->m_record, rc, zxid, owner, gonePath);
+    session.m_conn.CountResult(rc);
     // A watch on a node that is gone will never fire: reported deleted right
     // after the answer, so that its owner does not keep it for ever.
     std::shared_ptr<WatchContext> gone = gonePath.empty() ? nullptr : unused;
@@ -198,7 +199,10 @@ int ZooKeeperConnection::RunSync(const std::shared_ptr<SyncCall>& call, Issue&& 
     auto context = std::make_unique<std::shared_ptr<SyncCall>>(call);
     {
         std::shared_lock<std::shared_mutex> lock(m_sessionMtx);
-        if (!m_session) return ZINVALIDSTATE;
+        if (!m_session) {
+            CountResult(ZINVALIDSTATE);
+            return ZINVALIDSTATE;
+        }
         details::Outstanding& outstanding = m_session->m_outstanding;
         call->m_outstanding = &outstanding;
         const void* raw = context.get();
@@ -206,6 +210,7 @@ int ZooKeeperConnection::RunSync(const std::shared_ptr<SyncCall>& call, Issue&& 
         const int rc = issue(m_session->m_zh, raw);
         if (rc != ZOK) {  // the completion will never run
             outstanding.Remove(raw);
+            CountResult(rc);
             return rc;
         }
     }
@@ -214,10 +219,11 @@ int ZooKeeperConnection::RunSync(const std::shared_ptr<SyncCall>& call, Issue&& 
     const std::unique_ptr<std::atomic<std::size_t>, void (*)(std::atomic<std::size_t>*)> answered(
         &m_syncInFlight, [](std::atomic<std::size_t>* count) { count->fetch_sub(1, std::memory_order_relaxed); });
     std::unique_lock<std::mutex> lock(call->m_mtx);
-    if (!call->m_cv.wait_for(lock, m_options.sessionTimeout, [&] { return call->m_done; })) {
-        return ZOPERATIONTIMEOUT;
-    }
-    return call->m_rc;
+    const int rc = call->m_cv.wait_for(lock, m_options.sessionTimeout, [&] { return call->m_done; })
+                       ? call->m_rc
+                       : ZOPERATIONTIMEOUT;
+    CountResult(rc);
+    return rc;
 }
 
 int ZooKeeperConnection::IssueRead(zhandle_t* zh, const char* path, AsyncRequest* request) {
@@ -273,7 +279,10 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String pat
     std::shared_ptr<WatchContext> share;
     std::unique_ptr<WatchRecord> refusedRecord;
     std::shared_lock<std::shared_mutex> lock(m_sessionMtx);
-    if (!m_session) return {ZINVALIDSTATE, WatchHandle()};
+    if (!m_session) {
+        CountResult(ZINVALIDSTATE);
+        return {ZINVALIDSTATE, WatchHandle()};
+    }
     Session& session = *m_session;
     request->m_session = &session;
     if (ctx) {
@@ -304,6 +313,7 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String pat
         session.m_outstanding.Remove(raw);
         request.reset(raw);
         if (record) refusedRecord = session.TakeWatch(record);
+        CountResult(rc);
         return {rc, WatchHandle()};
     }
     return {ZOK, share ? MakeWatchHandle(std::move(share)) : WatchHandle()};

@@ -59,7 +59,7 @@ void DeliveryQueue::Run(std::shared_ptr<DeliveryQueue> queue) {
         Item item;
         if (!queue->Pop(item)) break;
         if (!item.always && item.generation != queue->m_generation.load()) continue;
-        RunGuarded(item.func);
+        if (RunGuarded(item.func)) queue->m_exceptions.fetch_add(1, std::memory_order_relaxed);
     }
     std::deque<Item> left;
     {

@@ -20,13 +20,16 @@ namespace details {
 // JXLOG_ERROR with its text.
 void LogCallbackFailure();
 
-// Runs `func`; an exception it throws is logged and swallowed.
+// Runs `func`; an exception it throws is logged and swallowed. Returns
+// whether it threw.
 template <typename Func>
-void RunGuarded(Func&& func) {
+bool RunGuarded(Func&& func) {
     try {
         func();
+        return false;
     } catch (...) {
         LogCallbackFailure();
+        return true;
     }
 }
 
@@ -55,6 +58,10 @@ public:
     // The delivery thread's body: runs items in order until Stop, catching
     // and logging what they throw. Items left at the end are destroyed unrun.
     static void Run(std::shared_ptr<DeliveryQueue> queue);
+
+    // Exceptions items let escape, for the metrics; also counted by whoever
+    // guards a callback of its own on the delivery thread.
+    std::atomic<std::uint64_t> m_exceptions{0};
 
 private:
     struct Item {

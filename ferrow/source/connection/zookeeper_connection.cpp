@@ -75,7 +75,28 @@ std::shared_ptr<ZooKeeperConnection> ZooKeeperConnection::Open(ConnectionOptions
     conn->m_metrics = std::make_unique<details::MetricsSource>([self = conn.get()](Metrics& metrics) {
         ConnectionMetrics figures;
         figures.connection = self->m_number;
-        figures.connected = self->State() == ZOO_CONNECTED_STATE;
+        const int state = self->State();
+        figures.connected = state == ZOO_CONNECTED_STATE;
+        const int reported = self->m_lastSessionState.load(std::memory_order_relaxed);
+        if (figures.connected) {
+            figures.state = "connected";
+        } else if (reported == ZOO_AUTH_FAILED_STATE || state == ZOO_AUTH_FAILED_STATE) {
+            figures.state = "auth_failed";
+        } else if (reported == ZOO_EXPIRED_SESSION_STATE || state == ZOO_EXPIRED_SESSION_STATE) {
+            figures.state = "expired";
+        } else {
+            figures.state = "connecting";
+        }
+        const std::int64_t since = self->m_disconnectedSince.load(std::memory_order_relaxed);
+        if (!figures.connected && since != 0) {
+            figures.disconnectedFor = std::chrono::steady_clock::now() -
+                                      std::chrono::steady_clock::time_point(std::chrono::steady_clock::duration(since));
+        }
+        for (std::size_t code = 1; code < self->m_errorCounts.size(); ++code) {
+            const std::uint64_t count = self->m_errorCounts[code].load(std::memory_order_relaxed);
+            if (count != 0) figures.errors[-static_cast<int>(code)] = count;
+        }
+        figures.callbackExceptions = self->m_queue->m_exceptions.load(std::memory_order_relaxed);
         figures.sessionId = self->SessionId();
         figures.sessionsOpened = self->m_sessionsOpened.load(std::memory_order_relaxed);
         figures.sessionExpiries = self->m_sessionExpiries.load(std::memory_order_relaxed);
@@ -283,11 +304,22 @@ void ZooKeeperConnection::DeliverSessionEvent(std::uint64_t generation, int type
                                            << m_options.connect;
     }
     if (type == ZOO_SESSION_EVENT) CountSessionEvent(generation, state);
-    details::RunGuarded([&] { NotifyObservers(&ConnectionObserver::OnSessionEvent, type, state, path); });
+    if (details::RunGuarded([&] { NotifyObservers(&ConnectionObserver::OnSessionEvent, type, state, path); })) {
+        m_queue->m_exceptions.fetch_add(1, std::memory_order_relaxed);
+    }
     if (state == ZOO_EXPIRED_SESSION_STATE) RequestRenewal(generation);
 }
 
 void ZooKeeperConnection::CountSessionEvent(std::uint64_t generation, int state) {
+    const bool connected = state == ZOO_CONNECTED_STATE;
+    const std::int64_t now = std::chrono::steady_clock::now().time_since_epoch().count();
+    std::int64_t never = 0;
+    if (connected) {
+        m_disconnectedSince.store(0, std::memory_order_relaxed);
+    } else if (m_disconnectedSince.compare_exchange_strong(never, now, std::memory_order_relaxed)) {
+        // Lost now: stays the moment of the loss until connected again.
+    }
+    m_lastSessionState.store(state, std::memory_order_relaxed);
     if (state == ZOO_EXPIRED_SESSION_STATE) {
         m_sessionExpiries.fetch_add(1, std::memory_order_relaxed);
     } else if (state == ZOO_CONNECTED_STATE && generation != m_connectedGeneration) {

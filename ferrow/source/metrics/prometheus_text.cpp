@@ -78,6 +78,33 @@ private:
 
 using Label = std::pair<const char*, String>;
 
+// The name of a ZooKeeper result code, as the client's header spells it.
+String CodeName(int code) {
+    static const std::map<int, const char*> kNames = {
+        {-1, "ZSYSTEMERROR"}, {-2, "ZRUNTIMEINCONSISTENCY"}, {-3, "ZDATAINCONSISTENCY"},
+        {-4, "ZCONNECTIONLOSS"}, {-5, "ZMARSHALLINGERROR"}, {-6, "ZUNIMPLEMENTED"},
+        {-7, "ZOPERATIONTIMEOUT"}, {-8, "ZBADARGUMENTS"}, {-9, "ZINVALIDSTATE"},
+        {-13, "ZNEWCONFIGNOQUORUM"}, {-14, "ZRECONFIGINPROGRESS"}, {-15, "ZSSLCONNECTIONERROR"},
+        {-100, "ZAPIERROR"}, {-101, "ZNONODE"}, {-102, "ZNOAUTH"}, {-103, "ZBADVERSION"},
+        {-108, "ZNOCHILDRENFOREPHEMERALS"}, {-110, "ZNODEEXISTS"}, {-111, "ZNOTEMPTY"},
+        {-112, "ZSESSIONEXPIRED"}, {-113, "ZINVALIDCALLBACK"}, {-114, "ZINVALIDACL"},
+        {-115, "ZAUTHFAILED"}, {-116, "ZCLOSING"}, {-117, "ZNOTHING"}, {-118, "ZSESSIONMOVED"},
+        {-119, "ZNOTREADONLY"}, {-120, "ZEPHEMERALONLOCALSESSION"}, {-121, "ZNOWATCHER"},
+        {-122, "ZRECONFIGDISABLED"}, {-123, "ZSESSIONCLOSEDREQUIRESASLAUTH"}, {-124, "ZTHROTTLEDOP"},
+    };
+    const auto found = kNames.find(code);
+    return found != kNames.end() ? String(found->second) : "Z" + std::to_string(code);
+}
+
+// One family of counters by ZooKeeper code: a sample per code seen.
+template <typename Item, typename LabelOf>
+void ByCode(String& out, const std::vector<Item>& items, const char* name, const char* help, LabelOf label) {
+    Family family(out, name, "counter", help);
+    for (const Item& item : items) {
+        for (const auto& [code, count] : item.errors) family.Sample({label(item), {"code", CodeName(code)}}, count);
+    }
+}
+
 // The `service` label of a watcher's, cache's or provider's figures.
 const auto kByService = [](const auto& item) { return Label{"service", item.service}; };
 
@@ -117,6 +144,24 @@ void Connections(String& out, const std::vector<ConnectionMetrics>& connections)
     each("ferrow_connection_connected", "gauge", "Whether the connection's ZooKeeper session is connected (1) or not (0).",
          [](const ConnectionMetrics& c) { return std::uint64_t{c.connected}; });
     {
+        Family family(out, "ferrow_connection_state", "gauge",
+                      "The session's state: 1 for the current one of connected, connecting, expired, auth_failed.");
+        for (const ConnectionMetrics& c : connections) {
+            for (const char* state : {"connected", "connecting", "expired", "auth_failed"}) {
+                family.Sample({{"connection", Number(c.connection)}, {"state", state}},
+                              std::uint64_t{String(state) == c.state});
+            }
+        }
+    }
+    each("ferrow_connection_disconnected_seconds", "gauge",
+         "Time since the connection was last connected (or opened, if it never was); 0 while connected.",
+         [](const ConnectionMetrics& c) { return c.disconnectedFor.count(); });
+    ByCode(out, connections, "ferrow_connection_errors_total",
+           "Requests that ended in a ZooKeeper error, by result code (ZNONODE: a node gone).", byConnection);
+    each("ferrow_connection_callback_exceptions_total", "counter",
+         "Exceptions that callbacks let escape to the delivery thread (each logged at ERROR).",
+         [](const ConnectionMetrics& c) { return c.callbackExceptions; });
+    {
         Family family(out, "ferrow_connection_session_info", "gauge",
                       "The current session of the connection, by its id; absent while there is none.");
         for (const ConnectionMetrics& c : connections) {
@@ -151,6 +196,11 @@ void Connections(String& out, const std::vector<ConnectionMetrics>& connections)
 void Watchers(String& out, const std::vector<WatcherMetrics>& all) {
     const std::vector<WatcherMetrics> watchers = PerService(all, [](WatcherMetrics& into, const WatcherMetrics& w) {
         into.instances = std::max(into.instances, w.instances);
+        into.undecodable = std::max(into.undecodable, w.undecodable);
+        into.serviceExists = into.serviceExists && w.serviceExists;
+        into.serviceDeletions += w.serviceDeletions;
+        into.serviceCreations += w.serviceCreations;
+        for (const auto& [code, count] : w.errors) into.errors[code] += count;
         into.added += w.added;
         into.modified += w.modified;
         into.removed += w.removed;
@@ -164,8 +214,25 @@ void Watchers(String& out, const std::vector<WatcherMetrics>& all) {
     const auto each = [&](const char* name, const char* type, const char* help, auto value) {
         Each(out, watchers, name, type, help, kByService, value);
     };
-    each("ferrow_watcher_instances", "gauge", "Instances the service's watcher knows.",
+    each("ferrow_watcher_instances", "gauge", "Instances the service's watcher reported added and not removed.",
          [](const WatcherMetrics& w) { return std::uint64_t{w.instances}; });
+    each("ferrow_watcher_undecodable_instances", "gauge",
+         "Instances listed under the service whose record never decoded; not counted as instances.",
+         [](const WatcherMetrics& w) { return std::uint64_t{w.undecodable}; });
+    each("ferrow_watcher_service_exists", "gauge", "Whether the service node exists (1) or was found deleted (0).",
+         [](const WatcherMetrics& w) { return std::uint64_t{w.serviceExists}; });
+    {
+        Family family(out, "ferrow_watcher_service_changes_total", "counter",
+                      "Times the service node was found deleted, and found created again.");
+        for (const WatcherMetrics& w : watchers) {
+            family.Sample({{"service", w.service}, {"change", "deleted"}}, w.serviceDeletions);
+            family.Sample({{"service", w.service}, {"change", "created"}}, w.serviceCreations);
+        }
+    }
+    ByCode(out, watchers, "ferrow_watcher_errors_total",
+           "Errors that reached the watcher, by result code (ZNOAUTH: an instance skipped; ZNONODE: the service "
+           "node missing).",
+           kByService);
     {
         Family family(out, "ferrow_watcher_events_total", "counter",
                       "Instances reported to the watcher's observers, by event: added, modified, removed.");
@@ -180,9 +247,9 @@ void Watchers(String& out, const std::vector<WatcherMetrics>& all) {
     each("ferrow_watcher_read_retries_total", "counter", "Reads issued again after a lost connection.",
          [](const WatcherMetrics& w) { return w.readRetries; });
     each("ferrow_watcher_view_complete", "gauge",
-         "Whether the watcher has read every instance of the service's latest full read (1) or not (0).",
+         "Whether the watcher's view is complete and current (1), or not since the connection was lost (0).",
          [](const WatcherMetrics& w) { return std::uint64_t{w.viewComplete}; });
-    each("ferrow_watcher_view_age_seconds", "gauge", "Time since the view was last complete; 0 while it is.",
+    each("ferrow_watcher_view_age_seconds", "gauge", "Time since the view was last known current; 0 while it is.",
          [](const WatcherMetrics& w) { return w.viewAge.count(); });
     each("ferrow_watcher_last_sync_duration_seconds", "gauge",
          "How long the latest full read of the service took to complete.",
@@ -251,12 +318,24 @@ void Providers(String& out, const std::vector<ProviderMetrics>& all) {
 
 void Registrations(String& out, const std::vector<RegistrationMetrics>& registrations) {
     if (registrations.empty()) return;
-    Family family(out, "ferrow_registration_published", "gauge",
-                  "Whether the instance this process publishes is in the registry, under this session (1), or not "
-                  "(0).");
-    for (const RegistrationMetrics& r : registrations) {
-        family.Sample({{"service", r.service}, {"id", r.id}}, std::uint64_t{r.published});
-    }
+    // The id is new at each start unless the program chooses it; the address
+    // names the instance across restarts.
+    const auto each = [&](const char* name, const char* type, const char* help, auto value) {
+        Family family(out, name, type, help);
+        for (const RegistrationMetrics& r : registrations) {
+            family.Sample({{"service", r.service}, {"id", r.id}, {"address", r.address}}, value(r));
+        }
+    };
+    each("ferrow_registration_published", "gauge",
+         "Whether the instance this process publishes is surely in the registry, under this session and "
+         "connected (1), or not (0).",
+         [](const RegistrationMetrics& r) { return std::uint64_t{r.published}; });
+    each("ferrow_registration_publish_failures_total", "counter",
+         "Creations of the instance's node after the first that failed or went unanswered.",
+         [](const RegistrationMetrics& r) { return r.publishFailures; });
+    each("ferrow_registration_republished_total", "counter",
+         "Times the instance's node was created again, after a session expiry or a deletion by someone else.",
+         [](const RegistrationMetrics& r) { return r.republished; });
 }
 
 }  // namespace
@@ -268,6 +347,8 @@ String PrometheusText(const Metrics& metrics) {
     Caches(out, metrics.caches);
     Providers(out, metrics.providers);
     Registrations(out, metrics.registrations);
+    Family(out, "ferrow_build_info", "gauge", "The version of the ferrow library that wrote these metrics; always 1.")
+        .Sample({{"version", FERROW_VERSION}}, std::uint64_t{1});
     return out;
 }
 

@@ -38,7 +38,8 @@ public:
           m_id(id),
           m_path(InstancePath(service, id)),
           m_compress(compress),
-          m_record(record) {}
+          m_record(record),
+          m_address(AddressOf(record)) {}
 
     // Registers for session events, then creates the node, so that no expiry
     // after the creation goes unseen. Throws ZooError, registered no more.
@@ -58,8 +59,11 @@ public:
     }
 
     // Stops observing the session and the node, so nothing re-creates it,
-    // then deletes it, unless it is another session's.
-    void Stop() {
+    // then deletes the node, unless it is another session's. Returns ZOK
+    // once no node of this session holds the id, else the delete's code;
+    // the node is then uncertain, so never reported published again (no
+    // session event tells this registration of its expiry any more).
+    int Withdraw() {
         m_conn->UnregisterRaw(this);
         Connection::WatchHandle watch;
         {
@@ -70,11 +74,26 @@ public:
         // Cancelled without the lock: a watch callback may be waiting for it.
         watch.Cancel({});
         std::lock_guard<std::mutex> lock(m_mtx);
-        if (m_node != Node::kPublished && m_node != Node::kUncertain) return;
+        if (m_node != Node::kPublished && m_node != Node::kUncertain) return ZOK;
         const int rc = m_conn->Delete(m_path, -1);
-        if (rc == ZOK || rc == ZNONODE) {
-            JXLOG(logging::JXLOG_INFO, g_log) << "Instance withdrawn: " << m_path;
-        } else {
+        // Without a session, the expired one took its node along.
+        const bool expired = rc == ZINVALIDSTATE && m_conn->State() == ZOO_EXPIRED_SESSION_STATE;
+        if (rc != ZOK && rc != ZNONODE && !expired) {
+            SetNode(Node::kUncertain);
+            return rc;
+        }
+        SetNode(Node::kNotCreated);
+        JXLOG(logging::JXLOG_INFO, g_log) << "Instance withdrawn: " << m_path;
+        return ZOK;
+    }
+
+    // The destructor's withdrawal: none after Withdraw; a failure logged.
+    void Stop() {
+        {
+            std::lock_guard<std::mutex> lock(m_mtx);
+            if (m_stopping) return;
+        }
+        if (const int rc = Withdraw(); rc != ZOK) {
             JXLOG(logging::JXLOG_WARNING, g_log) << "Instance node not deleted, it goes with the session: "
                                                  << m_path << ": " << zerror(rc);
         }
@@ -83,6 +102,10 @@ public:
     void Update(const ServiceInstanceData& record) {
         std::lock_guard<std::mutex> lock(m_mtx);
         m_record = record;
+        {
+            std::lock_guard<std::mutex> labels(m_addressMtx);
+            m_address = AddressOf(record);
+        }
         if (m_node == Node::kForeign) throw ZooError(ZNODEEXISTS);
         const int rc = m_conn->Set(m_path, EncodeInstanceData(m_record, m_compress), -1, nullptr);
         if (rc != ZOK) throw ZooError(rc);
@@ -94,11 +117,27 @@ public:
     }
 
     // Without m_mtx, which a write holds across its request: a scrape of
-    // the metrics never waits for the server.
-    bool IsPublished() const { return m_published.load(std::memory_order_acquire); }
+    // the metrics never waits for the server. The connection's state, not
+    // the latest session event, so that the answer falls the moment the
+    // client loses the server, even while the delivery thread is busy.
+    bool IsPublished() const {
+        return m_published.load(std::memory_order_acquire) && m_conn->State() == ZOO_CONNECTED_STATE;
+    }
 
-    const String& Service() const { return m_service; }
-
+    // For the metrics, without m_mtx as IsPublished.
+    RegistrationMetrics Figures() const {
+        RegistrationMetrics metrics;
+        metrics.service = m_service;
+        metrics.id = boost::uuids::to_string(m_id);
+        {
+            std::lock_guard<std::mutex> lock(m_addressMtx);
+            metrics.address = m_address;
+        }
+        metrics.published = IsPublished();
+        metrics.publishFailures = m_publishFailures.load(std::memory_order_relaxed);
+        metrics.republished = m_republished.load(std::memory_order_relaxed);
+        return metrics;
+    }
 
     void OnSessionEvent(int type, int state, String) override {
         if (type != ZOO_SESSION_EVENT) return;
@@ -126,9 +165,19 @@ private:
     void Republish(const char* how, int tries = 3) {
         try {
             Publish();
+            m_republished.fetch_add(1, std::memory_order_relaxed);
             JXLOG(logging::JXLOG_INFO, g_log) << how << m_path;
         } catch (const ZooError& e) {
+            m_publishFailures.fetch_add(1, std::memory_order_relaxed);
             if (e.Code() == ZNODEEXISTS) return Judge(tries - 1);
+            // A create left unanswered while the connection stays up is
+            // followed by no connected event that would try it again: whether
+            // it made the node is asked now.
+            if (m_node == Node::kUncertain && m_conn->State() == ZOO_CONNECTED_STATE) {
+                JXLOG(logging::JXLOG_WARNING, g_log) << "Instance creation unanswered, asking whether it was made: "
+                                                     << m_path << ": " << e.what();
+                return Judge(tries - 1);
+            }
             JXLOG(logging::JXLOG_ERROR, g_log) << "Instance not published again, retried on the next connection: "
                                                << m_path << ": " << e.what();
             // A node deleted while the session lives is tried again, as one
@@ -139,7 +188,9 @@ private:
 
     // Requires m_mtx held. Reads who owns the existing node: this session
     // (published), or another (not published; watched, so that the node is
-    // created again once that one is gone).
+    // created again once that one is gone). A node whose creation went
+    // unanswered and that cannot be read now either is watched: the read's
+    // answer settles it whenever it comes.
     void Judge(int tries = 3) {
         Stat stat{};
         const int rc = m_conn->Exists(m_path, &stat);
@@ -151,15 +202,24 @@ private:
             SetNode(Node::kLostWithSession);
             return;
         }
-        if (rc != ZOK) return;  // the session's events take over
+        if (rc == ZOK) Settle(stat);
+        // Otherwise the session's events take over, once the connection is
+        // lost; while it stays up, the watch's read does.
+        if (rc == ZOK || (m_node == Node::kUncertain && m_conn->State() == ZOO_CONNECTED_STATE)) Watch();
+    }
+
+    // Requires m_mtx held. The node under the id is `stat`'s: published
+    // when this session's, left alone when another's.
+    void Settle(const Stat& stat) {
         if (Owns(stat)) {
+            // Not published before: a re-creation whose answer was lost.
+            if (m_node != Node::kPublished) m_republished.fetch_add(1, std::memory_order_relaxed);
             SetNode(Node::kPublished);
         } else if (m_node != Node::kForeign) {
             SetNode(Node::kForeign);
             JXLOG(logging::JXLOG_ERROR, g_log) << "Instance not published: another session's node holds its id: "
                                                << m_path;
         }
-        Watch();
     }
 
     // Whether `stat` is of a node this session created. A connection that
@@ -180,8 +240,8 @@ private:
             [weak](int type, int, String) {
                 if (const auto self = weak.lock(); self && type != ZOO_SESSION_EVENT) self->OnNodeEvent();
             },
-            [weak](int rc, String, const Stat*) {
-                if (const auto self = weak.lock(); self && rc == ZNONODE) self->OnNodeEvent();
+            [weak](int rc, String, const Stat* stat) {
+                if (const auto self = weak.lock()) self->OnNodeRead(rc, stat);
             });
         // The watch replaced has fired: nothing to cancel.
         if (rc == ZOK) m_watch = std::move(handle);
@@ -190,9 +250,23 @@ private:
     // On the delivery thread: the node changed, or is gone.
     void OnNodeEvent() {
         std::lock_guard<std::mutex> lock(m_mtx);
-        if (m_stopping || (m_node != Node::kPublished && m_node != Node::kForeign)) return;
+        if (m_stopping || m_node == Node::kNotCreated || m_node == Node::kLostWithSession) return;
         if (m_conn->State() != ZOO_CONNECTED_STATE) return;  // an expiry is the session's to handle
         Judge();
+    }
+
+    // On the delivery thread: the answer of the read that watches the node.
+    void OnNodeRead(int rc, const Stat* stat) {
+        if (rc == ZNONODE) return OnNodeEvent();
+        std::lock_guard<std::mutex> lock(m_mtx);
+        if (rc == ZOK && stat != nullptr && !m_stopping && m_node == Node::kUncertain) Settle(*stat);
+    }
+
+    // "host:port" of `record`, the host in brackets when it holds a colon.
+    static String AddressOf(const ServiceInstanceData& record) {
+        const String& host = record.host();
+        const String shown = host.find(':') == String::npos ? host : "[" + host + "]";
+        return shown + ":" + std::to_string(record.port());
     }
 
     // Requires m_mtx held. Creates the service node when missing, then the
@@ -220,7 +294,8 @@ private:
     ServiceInstanceData m_record;  // guarded by m_mtx
     // Only a node that Start created and an expiry then deleted, or one
     // whose creation went unanswered, is created again by a connected
-    // event; a node that may exist (kUncertain) is deleted on Stop too.
+    // event; a node that may exist (kUncertain) is deleted by Withdraw too,
+    // which leaves kNotCreated, or kUncertain when the delete failed.
     // kForeign: another session's node holds the id; it is left alone, and
     // watched until it goes.
     enum class Node { kNotCreated, kPublished, kLostWithSession, kUncertain, kForeign };
@@ -231,8 +306,15 @@ private:
         m_node = node;
         m_published.store(node == Node::kPublished, std::memory_order_release);
     }
-    bool m_stopping = false;          // guarded by m_mtx
+    bool m_stopping = false;          // guarded by m_mtx; set by Withdraw
     Connection::WatchHandle m_watch;  // on the node; guarded by m_mtx
+
+    // The metrics' view, read without m_mtx. m_addressMtx is a leaf lock,
+    // never held across a request.
+    mutable std::mutex m_addressMtx;
+    String m_address;  // AddressOf(m_record); guarded by m_addressMtx
+    std::atomic<std::uint64_t> m_publishFailures{0};  // failed re-creations
+    std::atomic<std::uint64_t> m_republished{0};      // successful ones
 };
 
 ServiceRegistration::ServiceRegistration(std::shared_ptr<Connection> conn, const String& service,
@@ -243,10 +325,8 @@ ServiceRegistration::ServiceRegistration(std::shared_ptr<Connection> conn, const
                                          const ServiceId& id, const ServiceInstanceData& record, bool compress)
     : m_impl(std::make_shared<ServiceRegistrationImpl>(std::move(conn), service, id, record, compress)) {
     m_impl->Start();
-    m_metrics = std::make_unique<details::MetricsSource>([impl = m_impl.get()](Metrics& metrics) {
-        metrics.registrations.push_back(
-            RegistrationMetrics{impl->Service(), boost::uuids::to_string(impl->Id()), impl->IsPublished()});
-    });
+    m_metrics = std::make_unique<details::MetricsSource>(
+        [impl = m_impl.get()](Metrics& metrics) { metrics.registrations.push_back(impl->Figures()); });
 }
 
 ServiceRegistration::~ServiceRegistration() {
@@ -263,6 +343,10 @@ ServiceInstanceData ServiceRegistration::Record() const { return m_impl->Record(
 bool ServiceRegistration::IsPublished() const { return m_impl->IsPublished(); }
 
 void ServiceRegistration::Update(const ServiceInstanceData& record) { m_impl->Update(record); }
+
+void ServiceRegistration::Withdraw() {
+    if (const int rc = m_impl->Withdraw(); rc != ZOK) throw ZooError(rc);
+}
 
 }  // namespace ferrow
 }  // namespace jx

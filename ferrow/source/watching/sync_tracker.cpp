@@ -18,6 +18,18 @@ void SyncTracker::Started() {
     Begin();
 }
 
+void SyncTracker::Restart() {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    Invalidate();
+    Begin();
+}
+
+void SyncTracker::Invalidate() {
+    if (m_synced) m_incompleteSince = std::chrono::steady_clock::now();
+    m_synced = false;
+    ++m_round;
+}
+
 bool SyncTracker::Track() {
     std::lock_guard<std::mutex> lock(m_mtx);
     if (!m_tracking) {
@@ -45,6 +57,11 @@ std::uint64_t SyncTracker::AddListener(std::function<void()> listener) {
     return m_lastKey;
 }
 
+void SyncTracker::SetStaleListener(std::function<void()> listener) {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    m_staleListener = std::move(listener);
+}
+
 void SyncTracker::RemoveListener(std::uint64_t key) {
     std::lock_guard<std::mutex> lock(m_mtx);
     m_listeners.erase(std::remove_if(m_listeners.begin(), m_listeners.end(),
@@ -65,18 +82,24 @@ SyncTracker::Ages SyncTracker::Times() const {
 void SyncTracker::OnSessionEvent(int type, int state, String) {
     const CallbackGate::Pass pass = m_gate.Enter();
     if (!pass || type != ZOO_SESSION_EVENT) return;
-    std::lock_guard<std::mutex> lock(m_mtx);
-    if (state == ZOO_EXPIRED_SESSION_STATE) {
-        // The watcher has reported everything removed and reads afresh.
-        if (m_synced) m_incompleteSince = std::chrono::steady_clock::now();
-        m_synced = false;
-        ++m_round;
-    } else if (state == ZOO_CONNECTED_STATE && !m_synced) {
-        // The watcher may be told of this event after this tracker and only
-        // then issue its retries: one more read first is answered after
-        // this event's delivery, when the retries have been issued.
-        Begin(0);
+    std::function<void()> stale;
+    {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        if (state == ZOO_CONNECTED_STATE) {
+            // The watcher may be told of this event after this tracker and
+            // only then issue its retries: one more read first is answered
+            // after this event's delivery, when the retries have been
+            // issued, and after the events of changes missed meanwhile.
+            if (!m_synced) Begin(0);
+            return;
+        }
+        // Connecting, expired, credentials refused: what changes now is not
+        // seen until the connection is back; after an expiry the watcher
+        // reads everything afresh.
+        if (m_synced) stale = m_staleListener;
+        Invalidate();
     }
+    if (stale) stale();
 }
 
 void SyncTracker::Begin(int step) {

@@ -41,6 +41,9 @@ public:
 
     // The watcher has started.
     void Started();
+    // The watcher started afresh on a service node created again: the view
+    // is incomplete until the fresh reads are answered.
+    void Restart();
     // Someone wants to know. Returns whether the view is complete now.
     bool Track();
     // Waits until the view is complete; false after `deadline`.
@@ -51,6 +54,10 @@ public:
     // owner's. AddListener returns a key for removal.
     void SetListener(std::function<void()> listener);
     std::uint64_t AddListener(std::function<void()> listener);
+    // Called on the delivery thread, with no lock of the tracker held, each
+    // time a complete view stops being known current: the connection was
+    // lost or the session expired.
+    void SetStaleListener(std::function<void()> listener);
     void RemoveListener(std::uint64_t key);
     // No callback runs from now on; waits for one running on another thread.
     void Close();
@@ -64,8 +71,10 @@ public:
     };
     Ages Times() const;
 
-    // Session events: an expiry makes the view incomplete; a connected
-    // event, delivered after the watcher's own, begins a round if needed.
+    // Session events: a lost connection or an expiry makes the view
+    // incomplete (events missed meanwhile arrive only after the connection
+    // is back); a connected event, delivered after the watcher's own, begins
+    // a round if needed.
     void OnSessionEvent(int type, int state, String path) override;
 
 private:
@@ -76,6 +85,8 @@ private:
     // that the watcher may handle later starts at 0.
     void Begin(int step = 1);
     void Mark(std::uint64_t round, int step);
+    // Requires m_mtx held: the view is no longer complete from now.
+    void Invalidate();
     void OnMark(std::uint64_t round, int step, int rc);
 
     const std::shared_ptr<Connection> m_conn;
@@ -88,11 +99,12 @@ private:
     bool m_tracking = false;
     bool m_synced = false;
     std::uint64_t m_round = 0;  // answers of older rounds are ignored
-    // steady_clock times: since when the view is incomplete (the start or
-    // the latest expiry), and the latest full read's duration.
+    // steady_clock times: since when the view is incomplete (the start, the
+    // latest lost connection or expiry), and the latest full read's duration.
     std::chrono::steady_clock::time_point m_incompleteSince = std::chrono::steady_clock::now();
     std::chrono::nanoseconds m_lastSync{0};
     std::function<void()> m_listener;
+    std::function<void()> m_staleListener;
     std::vector<std::pair<std::uint64_t, std::function<void()>>> m_listeners;
     std::uint64_t m_lastKey = 0;
 };
