@@ -53,33 +53,93 @@ std::vector<String> ServiceChildren(const Connection& conn, const String& servic
     return children;
 }
 
+// `register`'s exit status when the instance could not be withdrawn.
+constexpr int kNotWithdrawn = 3;
+// How often `register --wait-for-zookeeper` says it is still waiting, at most.
+constexpr std::chrono::seconds kWaitingLine{5};
+
+// What `register --wait-for-zookeeper` says while it waits: one line on
+// standard error at most every kWaitingLine, so that a long outage does
+// not flood the journal.
+class WaitingReport {
+public:
+    void Say(const String& line) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now < m_next) return;
+        m_next = now + kWaitingLine;
+        std::cerr << "ferrow: " << line << std::endl;
+    }
+
+private:
+    std::chrono::steady_clock::time_point m_next{};
+};
+
+// Failures that a reachable server cures: the publication is tried again.
+bool Unreachable(int code) {
+    return code == ZCONNECTIONLOSS || code == ZOPERATIONTIMEOUT || code == ZINVALIDSTATE ||
+           code == ZSESSIONEXPIRED || code == ZCLOSING;
+}
+
+// Waits, for as long as it takes, until `conn` is connected, reporting each
+// session timeout spent waiting. A stop signal throws Interrupted; refused
+// credentials throw CommandError.
+void AwaitConnected(const ZooKeeperConnection& conn, const CommonOptions& common, const StopSignals& signals,
+                    WaitingReport& report) {
+    const auto start = std::chrono::steady_clock::now();
+    auto attempt = start;
+    while (!conn.WaitConnected(std::chrono::milliseconds(50))) {
+        if (const auto signal = signals.WaitFor(std::chrono::milliseconds(0))) throw Interrupted{*signal};
+        if (conn.State() == ZOO_AUTH_FAILED_STATE) {
+            throw CommandError("ZooKeeper at " + common.connect + " rejected the credentials of --auth");
+        }
+        const auto now = std::chrono::steady_clock::now();
+        if (now - attempt < common.sessionTimeout) continue;
+        attempt = now;
+        const auto waited = std::chrono::duration_cast<std::chrono::seconds>(now - start).count();
+        report.Say("cannot connect to ZooKeeper at " + common.connect + " for " + std::to_string(waited) +
+                   " s; still trying");
+    }
+}
+
 // Opens a session and waits until it is connected, at most the session
-// timeout. A stop signal meanwhile throws Interrupted.
-std::shared_ptr<ZooKeeperConnection> Connect(const CommonOptions& common, const StopSignals& signals) {
+// timeout; or, with `patient`, for as long as it takes: for a server name to
+// resolve (at boot, before the network is up), then for the first
+// connection, saying so through `patient`. One connection throughout, so
+// that the metrics served meanwhile follow one connection. A stop signal
+// meanwhile throws Interrupted.
+std::shared_ptr<ZooKeeperConnection> Connect(const CommonOptions& common, const StopSignals& signals,
+                                             WaitingReport* patient = nullptr) {
     ConnectionOptions options;
     options.connect = common.connect;
     options.sessionTimeout = common.sessionTimeout;
     options.digestAuth = common.digestAuth;
     std::shared_ptr<ZooKeeperConnection> conn;
-    try {
-        conn = ZooKeeperConnection::Open(options);
-    } catch (const ZooError& e) {
-        if (e.Code() == ZBADARGUMENTS) throw CommandError("invalid connect string '" + common.connect + "'");
-        if (e.Code() == ZSYSTEMERROR) {
-            throw CommandError("cannot start a session with '" + common.connect +
-                               "': no server name in it resolves to an address");
+    while (!conn) {
+        try {
+            conn = ZooKeeperConnection::Open(options);
+        } catch (const ZooError& e) {
+            if (e.Code() == ZBADARGUMENTS) throw CommandError("invalid connect string '" + common.connect + "'");
+            if (e.Code() != ZSYSTEMERROR) throw;
+            const String why = "cannot start a session with '" + common.connect +
+                               "': no server name in it resolves to an address";
+            if (!patient) throw CommandError(why);
+            patient->Say(why + "; still trying");
+            if (const auto signal = signals.WaitFor(std::chrono::seconds(1))) throw Interrupted{*signal};
         }
-        throw;
     }
-    const auto deadline = std::chrono::steady_clock::now() + common.sessionTimeout;
-    while (!conn->WaitConnected(std::chrono::milliseconds(50))) {
-        if (const auto signal = signals.WaitFor(std::chrono::milliseconds(0))) throw Interrupted{*signal};
-        if (conn->State() == ZOO_AUTH_FAILED_STATE) {
-            throw CommandError("ZooKeeper at " + common.connect + " rejected the credentials of --auth");
-        }
-        if (std::chrono::steady_clock::now() >= deadline) {
-            throw CommandError("cannot connect to ZooKeeper at " + common.connect + " within " +
-                               std::to_string(common.sessionTimeout.count()) + " ms");
+    if (patient) {
+        AwaitConnected(*conn, common, signals, *patient);
+    } else {
+        const auto deadline = std::chrono::steady_clock::now() + common.sessionTimeout;
+        while (!conn->WaitConnected(std::chrono::milliseconds(50))) {
+            if (const auto signal = signals.WaitFor(std::chrono::milliseconds(0))) throw Interrupted{*signal};
+            if (conn->State() == ZOO_AUTH_FAILED_STATE) {
+                throw CommandError("ZooKeeper at " + common.connect + " rejected the credentials of --auth");
+            }
+            if (std::chrono::steady_clock::now() >= deadline) {
+                throw CommandError("cannot connect to ZooKeeper at " + common.connect + " within " +
+                                   std::to_string(common.sessionTimeout.count()) + " ms");
+            }
         }
     }
     // With a chroot, "/" is the chroot's node: every path of a command would
@@ -338,89 +398,6 @@ int Get(const CommonOptions& common, const StopSignals& signals, const String& s
     return 0;
 }
 
-namespace {
-
-// `register`'s exit status when the instance could not be withdrawn.
-constexpr int kNotWithdrawn = 3;
-// How often `register --wait-for-zookeeper` says it is still waiting, at most.
-constexpr std::chrono::seconds kWaitingLine{5};
-
-// What `register --wait-for-zookeeper` says while it waits: one line on
-// standard error at most every kWaitingLine, so that a long outage does
-// not flood the journal.
-class WaitingReport {
-public:
-    void Say(const String& line) {
-        const auto now = std::chrono::steady_clock::now();
-        if (now < m_next) return;
-        m_next = now + kWaitingLine;
-        std::cerr << "ferrow: " << line << std::endl;
-    }
-
-private:
-    std::chrono::steady_clock::time_point m_next{};
-};
-
-// Failures that a reachable server cures: the publication is tried again.
-bool Unreachable(int code) {
-    return code == ZCONNECTIONLOSS || code == ZOPERATIONTIMEOUT || code == ZINVALIDSTATE ||
-           code == ZSESSIONEXPIRED || code == ZCLOSING;
-}
-
-// Waits, for as long as it takes, until `conn` is connected, reporting each
-// session timeout spent waiting. A stop signal throws Interrupted; refused
-// credentials throw CommandError.
-void AwaitConnected(const ZooKeeperConnection& conn, const CommonOptions& common, const StopSignals& signals,
-                    WaitingReport& report) {
-    const auto start = std::chrono::steady_clock::now();
-    auto attempt = start;
-    while (!conn.WaitConnected(std::chrono::milliseconds(50))) {
-        if (const auto signal = signals.WaitFor(std::chrono::milliseconds(0))) throw Interrupted{*signal};
-        if (conn.State() == ZOO_AUTH_FAILED_STATE) {
-            throw CommandError("ZooKeeper at " + common.connect + " rejected the credentials of --auth");
-        }
-        const auto now = std::chrono::steady_clock::now();
-        if (now - attempt < common.sessionTimeout) continue;
-        attempt = now;
-        const auto waited = std::chrono::duration_cast<std::chrono::seconds>(now - start).count();
-        report.Say("cannot connect to ZooKeeper at " + common.connect + " for " + std::to_string(waited) +
-                   " s; still trying");
-    }
-}
-
-// As Connect, but waits for as long as it takes: for a server name to
-// resolve (at boot, before the network is up), then for the first
-// connection. One connection throughout, so that the metrics served
-// meanwhile follow one connection, not one a session timeout.
-std::shared_ptr<ZooKeeperConnection> ConnectPatiently(const CommonOptions& common, const StopSignals& signals,
-                                                      WaitingReport& report) {
-    ConnectionOptions options;
-    options.connect = common.connect;
-    options.sessionTimeout = common.sessionTimeout;
-    options.digestAuth = common.digestAuth;
-    std::shared_ptr<ZooKeeperConnection> conn;
-    while (!conn) {
-        try {
-            conn = ZooKeeperConnection::Open(options);
-        } catch (const ZooError& e) {
-            if (e.Code() == ZBADARGUMENTS) throw CommandError("invalid connect string '" + common.connect + "'");
-            if (e.Code() != ZSYSTEMERROR) throw;
-            report.Say("cannot start a session with '" + common.connect +
-                       "': no server name in it resolves to an address; still trying");
-            if (const auto signal = signals.WaitFor(std::chrono::seconds(1))) throw Interrupted{*signal};
-        }
-    }
-    AwaitConnected(*conn, common, signals, report);
-    const auto chroot = common.connect.find('/');
-    if (chroot != String::npos && conn->Exists("/", nullptr) == ZNONODE) {
-        throw CommandError("the chroot '" + common.connect.substr(chroot) + "' of connect string '" +
-                           common.connect + "' does not exist");
-    }
-    return conn;
-}
-
-}  // namespace
-
 int Register(const CommonOptions& common, const StopSignals& signals, const String& service,
              const RecordFields& fields, const std::optional<ServiceId>& id, bool compress, bool waitForZooKeeper) {
     ServiceInstanceData record;
@@ -429,7 +406,7 @@ int Register(const CommonOptions& common, const StopSignals& signals, const Stri
     record.set_registered_at_ms(
         static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count()));
     WaitingReport report;
-    const auto conn = waitForZooKeeper ? ConnectPatiently(common, signals, report) : Connect(common, signals);
+    const auto conn = Connect(common, signals, waitForZooKeeper ? &report : nullptr);
     const ServiceId chosen = id ? *id : boost::uuids::random_generator()();
     const String instance = "instance " + boost::uuids::to_string(chosen) + " of service '" + service + "'";
     std::unique_ptr<ServiceRegistration> registration;
