@@ -152,6 +152,12 @@ std::shared_ptr<ZooKeeperConnection> Connect(const CommonOptions& common, const 
     return conn;
 }
 
+// Whether `child` names `id` as instances name their nodes (lower case):
+// a watcher reads an instance under that name alone, so no client sees a
+// node named otherwise as an instance.
+bool Canonical(const ServiceId& id, const String& child) { return boost::uuids::to_string(id) == child; }
+String NotCanonical() { return "not named in lower case, so no watcher reads it"; }
+
 // Reads and decodes one instance node. Returns false when it does not exist;
 // throws ZooError for any other failure.
 bool ReadInstance(const Connection& conn, const String& path, ServiceInstanceData& record, Stat* stat) {
@@ -302,9 +308,11 @@ int Services(const CommonOptions& common, const StopSignals& signals, bool json)
         // and decodes; the others apart.
         size_t instances = 0, unreadable = 0;
         for (const String& child : children) {
-            if (!ParseServiceId(child)) continue;
+            const auto id = ParseServiceId(child);
+            if (!id) continue;
             ServiceInstanceData record;
             try {
+                if (!Canonical(*id, child)) throw std::runtime_error(NotCanonical());
                 instances += ReadInstance(*conn, ServicePath(service) + "/" + child, record, nullptr);
             } catch (const std::exception&) {
                 ++unreadable;
@@ -328,11 +336,12 @@ int List(const CommonOptions& common, const StopSignals& signals, const String& 
         const auto id = ParseServiceId(child);
         if (!id) continue;  // not an instance node
         ServiceInstanceData record;
-        // Read by the child's own name, whatever the case of its letters. An
-        // instance that left since the listing is not listed; one that this
-        // session may not read, or that does not decode, is skipped with a
-        // warning naming it, never failing the whole service.
+        // An instance that left since the listing is not listed; one that
+        // this session may not read, that does not decode, or that watchers
+        // cannot read (named in upper case) is skipped with a warning naming
+        // it, never failing the whole service.
         try {
+            if (!Canonical(*id, child)) throw std::runtime_error(NotCanonical());
             if (ReadInstance(*conn, ServicePath(service) + "/" + child, record, nullptr)) instances.emplace(*id, record);
         } catch (const std::exception& e) {
             std::cerr << "ferrow: warning: instance " << child << " of service '" << service

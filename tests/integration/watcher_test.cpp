@@ -205,6 +205,16 @@ TEST_F(WatcherTest, FollowsTheServiceNodeThroughItsDeletionAndReturn) {
         ASSERT_TRUE(watched.watcher.WaitSynced(std::chrono::seconds(30)));
         EXPECT_EQ(conn->Exists(ServicePath(service), nullptr), ZNONODE) << "the watcher created the node again";
         EXPECT_TRUE(watched.watcher.ListInstances().empty());
+        // Waiting costs nothing: not one request while nothing changes.
+        const auto missingReads = [&] {
+            for (ConnectionMetrics& c : CollectMetrics().connections) {
+                if (c.sessionId == conn->SessionId()) return c.errors[ZNONODE];
+            }
+            return std::uint64_t{0};
+        };
+        const std::uint64_t before = missingReads();
+        for (int i = 0; i < 100; ++i) ASSERT_EQ(conn->Exists("/srv2", nullptr), ZOK);
+        EXPECT_EQ(missingReads(), before) << "the watcher keeps reading the missing node";
 
         // Created again as `register` does: the service node, then the instance.
         const ServiceRegistration back(conn, service, second, MakeRecord(2));
@@ -226,6 +236,23 @@ TEST_F(WatcherTest, FollowsTheServiceNodeThroughItsDeletionAndReturn) {
                                        std::chrono::seconds(10)));
         EXPECT_EQ(news, (std::vector<bool>{false, true}));
     }
+    // Created again with an access list that shuts this client out: the
+    // refusal reaches the error handler, as it would at the start.
+    const String service = name + "0";
+    testing::Watched watched(conn, service);
+    ASSERT_TRUE(watched.watcher.WaitSynced(std::chrono::seconds(30)));
+    std::vector<String> left;
+    ASSERT_EQ(conn->GetChildren(ServicePath(service), left), ZOK);
+    for (const String& child : left) ASSERT_EQ(conn->Delete(ServicePath(service) + "/" + child, -1), ZOK);
+    ASSERT_EQ(conn->Delete(ServicePath(service), -1), ZOK);
+    ASSERT_TRUE(testing::PollUntil([&] { return !watched.watcher.ServiceExists(); }, std::chrono::seconds(30)));
+    char stranger[] = "stranger:AAAAAAAAAAAAAAAAAAAAAAAAAAA=";
+    ACL only{ZOO_PERM_ALL, {const_cast<char*>("digest"), stranger}};
+    ACL_vector shut{1, &only};
+    ASSERT_EQ(zoo_create(zh, ServicePath(service).c_str(), "", 0, &shut, 0, nullptr, 0), ZOK);
+    EXPECT_TRUE(testing::PollUntil([&] { return !watched.recorder->Snapshot().errors.empty(); }, std::chrono::seconds(30)));
+    EXPECT_EQ(watched.recorder->Snapshot().errors.front(), ZNOAUTH);
+    EXPECT_TRUE(watched.watcher.ServiceExists());
     zookeeper_close(zh);
 }
 

@@ -33,9 +33,11 @@
 // record that is only partly valid is kept as far as it parsed, as the
 // watcher reports it.
 //
-// A deleted service node is the service gone: the watcher reports its
-// instances removed, and the cache removes them at once; when the node comes
-// back, its instances are added as they are read.
+// A deleted service node is the service gone: the cache removes every
+// instance at once (also those it kept through an expiry), before the
+// watcher's service listener hears of it; when the node comes back, its
+// instances are added as they are read. A record written again unchanged
+// is no change: observers hear nothing of it.
 //
 // A discovery outage is not a service outage. After a session expiry the
 // watcher reports every instance removed and reads the service again; the
@@ -144,6 +146,7 @@ private:
     // the watcher's observer registry.
     const std::shared_ptr<State> m_state;
     std::uint64_t m_syncedKey = 0;  // the state's listener in the watcher's sync tracker
+    std::uint64_t m_serviceKey = 0;  // the state's listener of the service node's life
     const String m_service;
     // This cache's figures in the metrics (ferrow/metrics.h); closed first
     // by the destructor.

@@ -11,6 +11,7 @@
 #include "cache/instance_table.h"
 #include "metrics/metrics_registry.h"
 #include "watching/sync_tracker.h"
+#include "watching/watcher_state.h"
 #include "utility/observable_impl.h"
 
 namespace jx {
@@ -71,6 +72,23 @@ public:
         m_refreshing = true;
         m_fresh.clear();
         m_synced = false;
+    }
+
+    // The service node was deleted: its instances are gone now, also those
+    // kept through an expiry that the refresh has not yet told apart.
+    void OnServiceGone() {
+        const CallbackGate::Pass pass = m_gate.Enter();
+        if (!pass) return;
+        std::vector<InstancePtr> removed;
+        {
+            std::lock_guard<std::mutex> lock(m_writeMtx);
+            m_fresh.clear();
+            for (const InstancePtr& kept : SnapshotPtr(m_snapshot)) removed.push_back(m_table.Remove(kept->Id()));
+            if (!removed.empty()) Publish();
+        }
+        for (const InstancePtr& instance : removed) {
+            NotifyObservers(&ServiceCacheObserver::OnInstanceRemoved, m_cache, instance);
+        }
     }
 
     // The watcher's view is complete: a refresh after an expiry is published.
@@ -148,6 +166,9 @@ private:
                 m_fresh[id] = std::move(after);
                 return;
             }
+            const InstancePtr kept = m_table.Get(id);
+            // The node written again with the same record: nothing changed.
+            if (kept && kept->SameRecordAs(*after)) return;
             before = m_table.Put(after);
             Publish();
         }
@@ -213,6 +234,9 @@ void ServiceCache::Attach() {
         if (const std::shared_ptr<State> alive = state.lock()) alive->OnSynced();
     });
     m_watcher->m_sync->Track();
+    m_serviceKey = m_watcher->m_state->AddServiceListener([state = std::weak_ptr<State>(m_state)](bool exists) {
+        if (const std::shared_ptr<State> alive = state.lock(); alive && !exists) alive->OnServiceGone();
+    });
     m_metrics = std::make_unique<details::MetricsSource>([this](Metrics& metrics) {
         CacheMetrics figures;
         figures.service = m_service;
@@ -233,6 +257,7 @@ ServiceCache::~ServiceCache() {
         m_owned.reset();
     } else if (const std::shared_ptr<const void> alive = m_watcherAlive.lock()) {
         m_watcher->m_sync->RemoveListener(m_syncedKey);
+        m_watcher->m_state->RemoveServiceListener(m_serviceKey);
         m_watcher->UnregisterShared(m_state);
     }
     m_conn->UnregisterRaw(static_cast<const ConnectionObserver*>(m_state.get()));

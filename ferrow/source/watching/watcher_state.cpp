@@ -75,6 +75,36 @@ void WatcherState::SetServiceListener(std::function<void(bool)> listener) {
     m_serviceListener = std::move(listener);
 }
 
+std::uint64_t WatcherState::AddServiceListener(std::function<void(bool)> listener) {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    m_serviceListeners.emplace_back(++m_lastKey, std::move(listener));
+    return m_lastKey;
+}
+
+void WatcherState::RemoveServiceListener(std::uint64_t key) {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    m_serviceListeners.erase(std::remove_if(m_serviceListeners.begin(), m_serviceListeners.end(),
+                                            [key](const auto& entry) { return entry.first == key; }),
+                             m_serviceListeners.end());
+}
+
+bool WatcherState::Exists() const {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    return m_exists;
+}
+
+void WatcherState::Tell(bool exists) {
+    std::vector<std::pair<std::uint64_t, std::function<void(bool)>>> added;
+    std::function<void(bool)> owner;
+    {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        added = m_serviceListeners;
+        owner = m_serviceListener;
+    }
+    for (const auto& entry : added) entry.second(exists);
+    if (owner) owner(exists);
+}
+
 void WatcherState::Start() {
     StartCore(0);
     // After the core: told of a connected event after the core, whose
@@ -102,6 +132,7 @@ void WatcherState::Close(bool wait) {
         node = std::move(m_nodeWatch);
         ancestor = std::move(m_ancestorWatch);
         m_serviceListener = nullptr;
+        m_serviceListeners.clear();
     }
     m_conn->UnregisterRaw(static_cast<const ConnectionObserver*>(this));
     if (!core) return;
@@ -274,8 +305,9 @@ void WatcherState::CheckNode() {
             const auto self = weak.lock();
             const CallbackGate::Pass pass = self ? self->m_gate.Enter() : CallbackGate::Pass();
             // Deleted, or changed: a change may be a node created again
-            // while the connection was down. The read tells.
-            if (pass && (type == ZOO_DELETED_EVENT || type == ZOO_CHANGED_EVENT)) self->CheckNode();
+            // while the connection was down. The read tells. A node known
+            // missing has no watch to fire: its creation is the ancestor's.
+            if (pass && (type == ZOO_DELETED_EVENT || type == ZOO_CHANGED_EVENT) && self->Exists()) self->CheckNode();
         },
         [weak](int result, String, const Stat* stat) {
             const auto self = weak.lock();
@@ -295,7 +327,6 @@ void WatcherState::OnNodeRead(int rc, std::int64_t czxid) {
     if (rc == ZCLOSING) return;  // replaced, or the session ended: read again then
     if (rc == ZOK) {
         bool start = false, replace = false;
-        std::function<void(bool)> listener;
         {
             std::lock_guard<std::mutex> lock(m_mtx);
             if (m_closed) return;
@@ -311,45 +342,61 @@ void WatcherState::OnNodeRead(int rc, std::int64_t czxid) {
             if (start || replace) {
                 if (!m_exists || replace) ++m_creations;
                 m_exists = true;
-                listener = m_serviceListener;
             }
         }
         if (replace) {
             JXLOG(logging::JXLOG_WARNING, g_log) << "Service node " << m_path
                                                  << " was deleted and created again; following the new node";
             RetireCore();
-            if (listener) listener(false);
+            Tell(false);
         } else if (start) {
             JXLOG(logging::JXLOG_WARNING, g_log) << "Service node " << m_path << " exists again; following it";
         }
         if (start || replace) {
+            Tell(true);
             StartCore(czxid);
-            if (listener) listener(true);
         }
     } else if (rc == ZNONODE) {
         bool gone = false;
-        std::function<void(bool)> listener;
+        Connection::WatchHandle unarmed;
         {
             std::lock_guard<std::mutex> lock(m_mtx);
             if (m_closed) return;
             gone = m_exists;
             if (gone) ++m_deletions;
             m_exists = false;
-            listener = m_serviceListener;
+            // A read that found no node arms nothing: let go of its watch,
+            // so that nothing of it is delivered.
+            unarmed = std::move(m_nodeWatch);
         }
         if (gone) {
             JXLOG(logging::JXLOG_WARNING, g_log)
                 << "Service node " << m_path << " was deleted; its instances are reported removed";
             RetireCore();
-            if (listener) listener(false);
+            Tell(false);
         }
         WatchAncestor(ParentOf(m_path));
     } else if (rc < ZAPIERROR) {
+        // The node exists but may not be read: its life cannot be followed
+        // from here on. A core is started on it all the same, as at the
+        // start, so that the refusal reaches the error handler.
         JXLOG(logging::JXLOG_ERROR, g_log) << "Cannot watch the service node " << m_path << " (" << zerror(rc)
                                            << "): its deletion and re-creation go unnoticed";
-        std::lock_guard<std::mutex> lock(m_mtx);
-        ++m_errors[rc];
-        m_denied = true;
+        bool start = false;
+        {
+            std::lock_guard<std::mutex> lock(m_mtx);
+            if (m_closed) return;
+            ++m_errors[rc];
+            m_denied = true;
+            m_ancestorWatch = Connection::WatchHandle();
+            start = !m_core;
+            if (start && !m_exists) ++m_creations;
+            m_exists = true;
+        }
+        if (start) {
+            StartCore(-1);
+            Tell(true);
+        }
     } else {
         std::lock_guard<std::mutex> lock(m_mtx);
         m_nodeRetry = true;
@@ -365,6 +412,7 @@ void WatcherState::WatchAncestor(const String& parent) {
         [weak](int type, int, String) {
             const auto self = weak.lock();
             const CallbackGate::Pass pass = self ? self->m_gate.Enter() : CallbackGate::Pass();
+            // A deleted ancestor is found by the next look from the node.
             if (pass && (type == ZOO_CHILD_EVENT || type == ZOO_DELETED_EVENT)) self->CheckNode();
         },
         [weak, parent](int result, std::vector<String> children) {
@@ -385,6 +433,7 @@ void WatcherState::OnAncestorRead(const String& parent, int rc, const std::vecto
         // The next step down exists already: look again from the node.
         if (std::find(children.begin(), children.end(), NextStep(parent, m_path)) != children.end()) CheckNode();
     } else if (rc == ZNONODE && parent != "/") {
+        // Replaces this read's watch, which armed nothing.
         WatchAncestor(ParentOf(parent));
     } else if (rc != ZCLOSING) {
         std::lock_guard<std::mutex> lock(m_mtx);

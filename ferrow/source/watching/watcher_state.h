@@ -76,8 +76,12 @@ public:
     // The tracker of the view's completeness, told when a fresh core starts.
     void SetTracker(std::shared_ptr<SyncTracker> tracker);
     // Runs on the delivery thread after the instances of a deleted service
-    // were reported removed (false), and when the node is back (true).
+    // were reported removed (false), and when the node is back, before its
+    // instances are read (true). The added ones first (the caches it feeds),
+    // then the owner's; AddServiceListener returns a key for removal.
     void SetServiceListener(std::function<void(bool exists)> listener);
+    std::uint64_t AddServiceListener(std::function<void(bool exists)> listener);
+    void RemoveServiceListener(std::uint64_t key);
 
     std::vector<ServiceId> ListInstances() const;
     size_t InstanceCount() const;
@@ -117,8 +121,13 @@ private:
     void WatchAncestor(const String& parent);
     void OnAncestorRead(const String& parent, int rc, const std::vector<String>& children);
 
+    bool Exists() const;
+    // Tells the service listeners; no lock held.
+    void Tell(bool exists);
+
     // Builds, registers and starts a core for the node created at `czxid`
-    // (0: the first, which may create the node).
+    // (0: the first, which may create the node; -1: a node that may not be
+    // read).
     void StartCore(std::int64_t czxid);
     // Lets the current core go and reports every instance of the view
     // removed.
@@ -146,6 +155,8 @@ private:
     std::unordered_set<ServiceId> m_view;
     std::shared_ptr<SyncTracker> m_tracker;
     std::function<void(bool)> m_serviceListener;
+    std::vector<std::pair<std::uint64_t, std::function<void(bool)>>> m_serviceListeners;
+    std::uint64_t m_lastKey = 0;
     std::uint64_t m_deletions = 0;
     std::uint64_t m_creations = 0;
     // Reads of retired cores, so the counters never go back.
