@@ -80,24 +80,29 @@ bool Unreachable(int code) {
            code == ZSESSIONEXPIRED || code == ZCLOSING;
 }
 
-// Waits, for as long as it takes, until `conn` is connected, reporting each
-// session timeout spent waiting. A stop signal throws Interrupted; refused
-// credentials throw CommandError.
+// Waits until `conn` is connected: at most the session timeout, or with
+// `patient` for as long as it takes, saying so through it each session
+// timeout. A stop signal throws Interrupted; refused credentials, and the
+// timeout without `patient`, throw CommandError.
 void AwaitConnected(const ZooKeeperConnection& conn, const CommonOptions& common, const StopSignals& signals,
-                    WaitingReport& report) {
+                    WaitingReport* patient) {
     const auto start = std::chrono::steady_clock::now();
-    auto attempt = start;
+    auto deadline = start + common.sessionTimeout;
     while (!conn.WaitConnected(std::chrono::milliseconds(50))) {
         if (const auto signal = signals.WaitFor(std::chrono::milliseconds(0))) throw Interrupted{*signal};
         if (conn.State() == ZOO_AUTH_FAILED_STATE) {
             throw CommandError("ZooKeeper at " + common.connect + " rejected the credentials of --auth");
         }
         const auto now = std::chrono::steady_clock::now();
-        if (now - attempt < common.sessionTimeout) continue;
-        attempt = now;
+        if (now < deadline) continue;
+        if (!patient) {
+            throw CommandError("cannot connect to ZooKeeper at " + common.connect + " within " +
+                               std::to_string(common.sessionTimeout.count()) + " ms");
+        }
+        deadline = now + common.sessionTimeout;
         const auto waited = std::chrono::duration_cast<std::chrono::seconds>(now - start).count();
-        report.Say("cannot connect to ZooKeeper at " + common.connect + " for " + std::to_string(waited) +
-                   " s; still trying");
+        patient->Say("cannot connect to ZooKeeper at " + common.connect + " for " + std::to_string(waited) +
+                     " s; still trying");
     }
 }
 
@@ -127,21 +132,7 @@ std::shared_ptr<ZooKeeperConnection> Connect(const CommonOptions& common, const 
             if (const auto signal = signals.WaitFor(std::chrono::seconds(1))) throw Interrupted{*signal};
         }
     }
-    if (patient) {
-        AwaitConnected(*conn, common, signals, *patient);
-    } else {
-        const auto deadline = std::chrono::steady_clock::now() + common.sessionTimeout;
-        while (!conn->WaitConnected(std::chrono::milliseconds(50))) {
-            if (const auto signal = signals.WaitFor(std::chrono::milliseconds(0))) throw Interrupted{*signal};
-            if (conn->State() == ZOO_AUTH_FAILED_STATE) {
-                throw CommandError("ZooKeeper at " + common.connect + " rejected the credentials of --auth");
-            }
-            if (std::chrono::steady_clock::now() >= deadline) {
-                throw CommandError("cannot connect to ZooKeeper at " + common.connect + " within " +
-                                   std::to_string(common.sessionTimeout.count()) + " ms");
-            }
-        }
-    }
+    AwaitConnected(*conn, common, signals, patient);
     // With a chroot, "/" is the chroot's node: every path of a command would
     // otherwise fail on its missing ancestor with a bare "no node".
     const auto chroot = common.connect.find('/');
@@ -152,12 +143,6 @@ std::shared_ptr<ZooKeeperConnection> Connect(const CommonOptions& common, const 
     return conn;
 }
 
-// Whether `child` names `id` as instances name their nodes (lower case):
-// a watcher reads an instance under that name alone, so no client sees a
-// node named otherwise as an instance.
-bool Canonical(const ServiceId& id, const String& child) { return boost::uuids::to_string(id) == child; }
-String NotCanonical() { return "not named in lower case, so no watcher reads it"; }
-
 // Reads and decodes one instance node. Returns false when it does not exist;
 // throws ZooError for any other failure.
 bool ReadInstance(const Connection& conn, const String& path, ServiceInstanceData& record, Stat* stat) {
@@ -167,6 +152,19 @@ bool ReadInstance(const Connection& conn, const String& path, ServiceInstanceDat
     if (rc != ZOK) throw ZooError(rc);
     record = DecodeInstanceData(bytes);
     return true;
+}
+
+// Reads child `child` of `service` as a watcher would: returns false when it
+// names no instance or has left since the listing; throws std::exception,
+// naming why, when it cannot be read or decoded, or is named otherwise than
+// instances name their nodes (lower case), which no watcher reads.
+bool ReadListed(const Connection& conn, const String& service, const String& child, ServiceId& id,
+                ServiceInstanceData& record) {
+    const auto parsed = ParseServiceId(child);
+    if (!parsed) return false;
+    id = *parsed;
+    if (boost::uuids::to_string(id) != child) throw std::runtime_error("not named in lower case, so no watcher reads it");
+    return ReadInstance(conn, ServicePath(service) + "/" + child, record, nullptr);
 }
 
 // Prints every change of a cache as one line; runs on the connection's
@@ -258,8 +256,9 @@ int Watch(const CommonOptions& common, const StopSignals& signals, const String&
     cache.RegisterShared(printer);
     // All on the delivery thread, in order with the changes: the synced
     // listener after the cache has published the view that completed it.
-    watcher.SetSyncedListener([&cache, &service, json](size_t) {
-        const size_t instances = cache.Snapshot()->size();
+    // The count is the watcher's, which the cache's view equals once synced;
+    // the listener must not reach the cache, which goes before the watcher.
+    watcher.SetSyncedListener([&service, json](size_t instances) {
         PrintLine(json ? SyncedJson(service, instances) : SyncedText(instances));
     });
     watcher.SetStaleListener([printer, &service] {
@@ -308,12 +307,10 @@ int Services(const CommonOptions& common, const StopSignals& signals, bool json)
         // and decodes; the others apart.
         size_t instances = 0, unreadable = 0;
         for (const String& child : children) {
-            const auto id = ParseServiceId(child);
-            if (!id) continue;
+            ServiceId id;
             ServiceInstanceData record;
             try {
-                if (!Canonical(*id, child)) throw std::runtime_error(NotCanonical());
-                instances += ReadInstance(*conn, ServicePath(service) + "/" + child, record, nullptr);
+                instances += ReadListed(*conn, service, child, id, record);
             } catch (const std::exception&) {
                 ++unreadable;
             }
@@ -333,16 +330,14 @@ int List(const CommonOptions& common, const StopSignals& signals, const String& 
     const auto conn = Connect(common, signals);
     std::map<ServiceId, ServiceInstanceData> instances;
     for (const auto& child : ServiceChildren(*conn, service)) {
-        const auto id = ParseServiceId(child);
-        if (!id) continue;  // not an instance node
+        ServiceId id;
         ServiceInstanceData record;
         // An instance that left since the listing is not listed; one that
         // this session may not read, that does not decode, or that watchers
         // cannot read (named in upper case) is skipped with a warning naming
         // it, never failing the whole service.
         try {
-            if (!Canonical(*id, child)) throw std::runtime_error(NotCanonical());
-            if (ReadInstance(*conn, ServicePath(service) + "/" + child, record, nullptr)) instances.emplace(*id, record);
+            if (ReadListed(*conn, service, child, id, record)) instances.emplace(id, record);
         } catch (const std::exception& e) {
             std::cerr << "ferrow: warning: instance " << child << " of service '" << service
                       << "' skipped: " << e.what() << std::endl;
@@ -425,7 +420,7 @@ int Register(const CommonOptions& common, const StopSignals& signals, const Stri
         } catch (const ZooError& e) {
             if (waitForZooKeeper && Unreachable(e.Code())) {
                 report.Say("cannot publish " + instance + ": " + e.what() + "; still trying");
-                AwaitConnected(*conn, common, signals, report);
+                AwaitConnected(*conn, common, signals, &report);
                 continue;
             }
             if (e.Code() == ZNODEEXISTS) throw CommandError(instance + " is already registered");

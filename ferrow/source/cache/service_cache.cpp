@@ -71,7 +71,6 @@ public:
         if (state != ZOO_EXPIRED_SESSION_STATE) return;
         m_refreshing = true;
         m_fresh.clear();
-        m_synced = false;
     }
 
     // The service node was deleted: its instances are gone now, also those

@@ -311,13 +311,13 @@ void ZooKeeperConnection::DeliverSessionEvent(std::uint64_t generation, int type
 }
 
 void ZooKeeperConnection::CountSessionEvent(std::uint64_t generation, int state) {
-    const bool connected = state == ZOO_CONNECTED_STATE;
-    const std::int64_t now = std::chrono::steady_clock::now().time_since_epoch().count();
-    std::int64_t never = 0;
-    if (connected) {
+    if (state == ZOO_CONNECTED_STATE) {
         m_disconnectedSince.store(0, std::memory_order_relaxed);
-    } else if (m_disconnectedSince.compare_exchange_strong(never, now, std::memory_order_relaxed)) {
-        // Lost now: stays the moment of the loss until connected again.
+    } else {
+        // Only the first event after a connected one marks the loss.
+        std::int64_t connected = 0;
+        m_disconnectedSince.compare_exchange_strong(
+            connected, std::chrono::steady_clock::now().time_since_epoch().count(), std::memory_order_relaxed);
     }
     m_lastSessionState.store(state, std::memory_order_relaxed);
     if (state == ZOO_EXPIRED_SESSION_STATE) {

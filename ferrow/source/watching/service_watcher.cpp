@@ -110,7 +110,7 @@ std::vector<ServiceId> ServiceWatcher::ListInstances() const { return m_state->L
 
 size_t ServiceWatcher::UndecodableCount() const { return m_state->UndecodableCount(); }
 
-bool ServiceWatcher::ServiceExists() const { return m_state->Collect().serviceExists; }
+bool ServiceWatcher::ServiceExists() const { return m_state->Exists(); }
 
 bool ServiceWatcher::GetInstanceData(const ServiceId& id, ServiceInstanceData& data) const {
     return m_state->GetInstanceData(id, data);

@@ -305,9 +305,8 @@ void WatcherState::CheckNode() {
             const auto self = weak.lock();
             const CallbackGate::Pass pass = self ? self->m_gate.Enter() : CallbackGate::Pass();
             // Deleted, or changed: a change may be a node created again
-            // while the connection was down. The read tells. A node known
-            // missing has no watch to fire: its creation is the ancestor's.
-            if (pass && (type == ZOO_DELETED_EVENT || type == ZOO_CHANGED_EVENT) && self->Exists()) self->CheckNode();
+            // while the connection was down. The read tells.
+            if (pass && (type == ZOO_DELETED_EVENT || type == ZOO_CHANGED_EVENT)) self->CheckNode();
         },
         [weak](int result, String, const Stat* stat) {
             const auto self = weak.lock();
@@ -358,16 +357,16 @@ void WatcherState::OnNodeRead(int rc, std::int64_t czxid) {
         }
     } else if (rc == ZNONODE) {
         bool gone = false;
-        Connection::WatchHandle unarmed;
         {
             std::lock_guard<std::mutex> lock(m_mtx);
             if (m_closed) return;
             gone = m_exists;
             if (gone) ++m_deletions;
             m_exists = false;
-            // A read that found no node arms nothing: let go of its watch,
-            // so that nothing of it is delivered.
-            unarmed = std::move(m_nodeWatch);
+            // A read that found no node arms nothing in ZooKeeper: its watch
+            // is let go, so that no event of it comes back here as another
+            // read (the node's creation is the ancestor's watch to see).
+            m_nodeWatch = Connection::WatchHandle();
         }
         if (gone) {
             JXLOG(logging::JXLOG_WARNING, g_log)
@@ -394,8 +393,8 @@ void WatcherState::OnNodeRead(int rc, std::int64_t czxid) {
             m_exists = true;
         }
         if (start) {
-            StartCore(-1);
             Tell(true);
+            StartCore(-1);
         }
     } else {
         std::lock_guard<std::mutex> lock(m_mtx);

@@ -87,6 +87,8 @@ public:
     size_t InstanceCount() const;
     // Ids the core knows that never decoded (not in the view).
     size_t UndecodableCount() const;
+    // Whether the service node was there when last looked at.
+    bool Exists() const;
     bool GetInstanceData(const ServiceId& id, ServiceInstanceData& data) const;
     // Whether nothing waits for a retry: true while the service is missing.
     bool Settled() const;
@@ -121,7 +123,6 @@ private:
     void WatchAncestor(const String& parent);
     void OnAncestorRead(const String& parent, int rc, const std::vector<String>& children);
 
-    bool Exists() const;
     // Tells the service listeners; no lock held.
     void Tell(bool exists);
 
