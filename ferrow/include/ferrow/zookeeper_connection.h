@@ -194,6 +194,9 @@ public:
         size_t answersWaiting = 0;  // answered, waiting for the delivery thread
         size_t waiting = 0;         // waiting for room, not handed to the client yet
         size_t window = 0;          // the most reads on the wire now
+        // Reads handed to the client since the connection opened, over all
+        // its sessions: what the servers were sent.
+        std::uint64_t issued = 0;
     };
     ReadCounts Reads() const;
 
@@ -379,6 +382,7 @@ private:
     std::atomic<std::uint64_t> m_reconnections{0};
     std::atomic<std::uint64_t> m_watchesRegistered{0};
     std::atomic<std::uint64_t> m_watchesWithdrawn{0};
+    mutable std::atomic<std::uint64_t> m_readsIssued{0};  // ReadCounts::issued
     mutable std::atomic<std::size_t> m_syncInFlight{0};  // synchronous requests waiting for their answer
     std::uint64_t m_connectedGeneration = 0;  // delivery thread only: the latest session seen connected
     // The latest session state delivered, and the steady_clock count since

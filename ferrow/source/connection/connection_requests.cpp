@@ -229,12 +229,16 @@ int ZooKeeperConnection::RunSync(const std::shared_ptr<SyncCall>& call, Issue&& 
 int ZooKeeperConnection::IssueRead(zhandle_t* zh, const char* path, AsyncRequest* request) {
     WatchRecord* record = request->m_record;
     request->m_issuedAt = std::chrono::steady_clock::now();
+    int rc = ZOK;
     if (std::holds_alternative<ChildrenResult>(request->m_result)) {
-        return record ? zoo_awget_children2(zh, path, &OnClientWatchEvent, record, &OnClientChildren, request)
-                      : zoo_aget_children2(zh, path, 0, &OnClientChildren, request);
+        rc = record ? zoo_awget_children2(zh, path, &OnClientWatchEvent, record, &OnClientChildren, request)
+                    : zoo_aget_children2(zh, path, 0, &OnClientChildren, request);
+    } else {
+        rc = record ? zoo_awget(zh, path, &OnClientWatchEvent, record, &OnClientData, request)
+                    : zoo_aget(zh, path, 0, &OnClientData, request);
     }
-    return record ? zoo_awget(zh, path, &OnClientWatchEvent, record, &OnClientData, request)
-                  : zoo_aget(zh, path, 0, &OnClientData, request);
+    if (rc == ZOK) request->m_session->m_conn.m_readsIssued.fetch_add(1, std::memory_order_relaxed);
+    return rc;
 }
 
 void ZooKeeperConnection::FailRead(const void* data, int rc) {
@@ -321,6 +325,7 @@ std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String pat
 
 ZooKeeperConnection::ReadCounts ZooKeeperConnection::Reads() const {
     ReadCounts counts;
+    counts.issued = m_readsIssued.load(std::memory_order_relaxed);
     std::shared_lock<std::shared_mutex> sessionLock(m_sessionMtx);
     if (!m_session) return counts;
     std::lock_guard<std::mutex> lock(m_session->m_readMtx);
