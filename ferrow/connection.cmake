@@ -4,6 +4,7 @@ add_library(ferrow_connection
   source/connection/zookeeper_connection.cpp
   source/connection/connection_requests.cpp
   source/connection/watch_registry.cpp
+  source/connection/session_subscription.cpp
   source/metrics/metrics_registry.cpp
   source/metrics/prometheus_text.cpp)
 add_library(ferrow::connection ALIAS ferrow_connection)

@@ -5,6 +5,7 @@ add_library(ferrow
   source/watching/service_watcher_impl.cpp
   source/watching/watcher_state.cpp
   source/watching/sync_tracker.cpp
+  source/watching/watcher_connection.cpp
   source/cache/instance_snapshot.cpp
   source/cache/instance_table.cpp
   source/cache/service_cache.cpp

@@ -53,7 +53,7 @@ TEST_F(ConnectionTest, WatchesFireOnceInOrderOnTheDeliveryThreadAndLeaveNoBookke
         std::lock_guard<std::mutex> lock(issuerMtx);
         return journal;
     };
-    Connection::WatchHandle handles[3];
+    Connection::WatchHandle handles[4];
     {
         std::lock_guard<std::mutex> lock(issuerMtx);
         // Replaced before it is answered, as by an owner asking again: answered ZCLOSING, never fires.
@@ -68,15 +68,21 @@ TEST_F(ConnectionTest, WatchesFireOnceInOrderOnTheDeliveryThreadAndLeaveNoBookke
                                             [&](int rc, std::vector<String>) { record("list " + std::to_string(rc)); }).second;
         handles[2] = conn->AsyncGet(path, [&](int, int, String) { record("cancelled watch"); }, kIgnore).second;
         EXPECT_TRUE(handles[2].Cancel(nullptr));
+        // A node that does not exist: answered so, and its watch, which
+        // ZooKeeper never set, never fires, not even when the node is made.
+        handles[3] = conn->AsyncGet(path + "/c", [&](int, int, String) { record("watch of a missing node"); },
+                                    [&](int rc, String, const Stat*) { record("missing " + std::to_string(rc)); }).second;
         ASSERT_EQ(ZOK, conn->Set(path, "v1", -1, nullptr));
         ASSERT_EQ(ZOK, conn->Create(path + "/a", "", ZOO_OPEN_ACL_UNSAFE, 0));
         for (int i = 0; i < 3; ++i) conn->AsyncGet(path, nullptr, [&, i](int, String, const Stat*) { record(std::to_string(i)); });
     }
-    ASSERT_TRUE(PollUntil([&] { return items().size() >= 8; }, kDeadline));
+    ASSERT_TRUE(PollUntil([&] { return items().size() >= 9; }, kDeadline));
     ASSERT_EQ(ZOK, conn->Set(path, "v2", -1, nullptr));
     ASSERT_EQ(ZOK, conn->Create(path + "/b", "", ZOO_OPEN_ACL_UNSAFE, 0));
+    ASSERT_EQ(ZOK, conn->Create(path + "/c", "", ZOO_OPEN_ACL_UNSAFE, 0));
     Flush(*conn);
-    EXPECT_EQ(items(), (std::vector<std::string>{"replaced -116", "read 0", "list 0", "changed v1", "child", "0", "1", "2"}));
+    EXPECT_EQ(items(), (std::vector<std::string>{"replaced -116", "read 0", "list 0", "missing -101", "changed v1", "child",
+                                                 "0", "1", "2"}));
 
     // The cancelled and the replaced watches are withdrawn shortly after; the others fired.
     EXPECT_TRUE(PollUntil([&] { return conn->PendingWatchCount() == baseline; }, kDeadline));
@@ -140,7 +146,8 @@ TEST_F(ConnectionTest, ReadsWaitingWhenTheSessionExpiresCompleteClosing) {
 // Reads beyond the connection's window wait in it and are issued as answers
 // arrive, or, once 2 answers wait for delivery, as they are delivered; they
 // are still answered in the order they were asked for. Reads waiting when
-// the connection is destroyed are dropped without a callback.
+// their handle goes are dropped unsent; reads waiting when the connection is
+// destroyed are dropped without a callback.
 TEST_F(ConnectionTest, ReadsBeyondTheWindowWaitAndKeepTheirOrder) {
     ConnectionOptions options{s_server->ConnectString(), std::chrono::seconds(10), ""};
     options.readWindow = 4;
@@ -181,6 +188,33 @@ TEST_F(ConnectionTest, ReadsBeyondTheWindowWaitAndKeepTheirOrder) {
         EXPECT_EQ(answered, expected);
     }
     EXPECT_EQ(limited->PendingWatchCount(), baseline + 100);
+
+    // Reads whose handles are destroyed while they wait are never sent (a
+    // watcher destroyed during its first read of a large service would
+    // otherwise have the server answer every read and then forget every
+    // watch), and each is still answered once: ZCLOSING.
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    limited->AsyncGet(path, nullptr, [released](int, String, const Stat*) { released.wait(); });
+    std::vector<Connection::WatchHandle> abandoned;
+    std::atomic<int> closing{0}, other{0};
+    for (int i = 0; i < 100; ++i) {
+        abandoned.push_back(limited->AsyncGet(path, [](int, int, String) {}, [&](int rc, String, const Stat*) {
+            ++(rc == ZCLOSING ? closing : other);
+        }).second);
+    }
+    ASSERT_TRUE(PollUntil([&] {
+        const ZooKeeperConnection::ReadCounts reads = limited->Reads();
+        return reads.onWire == 0 && reads.answersWaiting >= 2;
+    }, kDeadline));
+    const std::uint64_t issued = limited->Reads().issued;
+    ASSERT_GT(limited->Reads().waiting, 0u);
+    abandoned.clear();
+    release.set_value();
+    Flush(*limited);
+    EXPECT_EQ(limited->Reads().issued, issued + 1) << "only the flush's own read is sent";
+    EXPECT_EQ(closing.load(), 100);
+    EXPECT_EQ(other.load(), 0);
 
     std::atomic<bool> destroyed{false};
     std::atomic<int> late{0};

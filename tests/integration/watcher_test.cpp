@@ -3,6 +3,8 @@
 // Faults, expiries and the watch bookkeeping they leave are the schedule's
 // (schedule_test.cpp).
 
+#include <mutex>
+
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
@@ -81,7 +83,10 @@ TEST_F(WatcherTest, WatchersDestroyedWhileCallingBackLeaveNothingBehind) {
 
 // A watcher destroyed from a callback of another on the delivery thread:
 // from another watcher's observer and from a session observer, both while
-// the connection notifies the expiry to the watchers being destroyed.
+// the connection notifies the expiry to the watchers being destroyed. And
+// one destroyed on another thread meanwhile, by a thread holding a lock
+// that the observer running then waits for: it waits for its own callbacks
+// only, never for another watcher's observer.
 TEST_F(WatcherTest, DestructionFromAnotherCallbackOnTheDeliveryThread) {
     writer.Create(g_generate(), MakeRecord(1));
     const auto conn = testing::Connect(s_server->ConnectString());
@@ -90,10 +95,16 @@ TEST_F(WatcherTest, DestructionFromAnotherCallbackOnTheDeliveryThread) {
     std::unique_ptr<testing::Watched<>> c;
     std::shared_ptr<testing::Recorder> bReports = b->recorder, cReports;
     size_t bSeen = 0, cSeen = 0;
+    std::timed_mutex held;
+    std::atomic<bool> inExpiry{false}, blocked{false};
     a.watcher.RegisterShared(std::make_shared<Hook>([&](ServiceWatcher* watcher, const ServiceId*) {
         if (watcher != nullptr) return;  // a removal, as all are at the expiry
         b.reset();
         bSeen = bReports->Snapshot().reports;
+        inExpiry = true;
+        // Not got within the deadline: the destroyer waited for this observer.
+        if (held.try_lock_for(std::chrono::seconds(30))) held.unlock();
+        else blocked = true;
     }));
     const auto sessionObserver = std::make_shared<Hook>([&](ServiceWatcher*, const ServiceId* id) {
         if (id != nullptr) return;  // the expiry
@@ -103,8 +114,17 @@ TEST_F(WatcherTest, DestructionFromAnotherCallbackOnTheDeliveryThread) {
     conn->RegisterShared(sessionObserver);
     c = std::make_unique<testing::Watched<>>(conn, name);  // notified after the session observer
     cReports = c->recorder;
-    for (const auto* watched : {&a, b.get(), c.get()}) ASSERT_TRUE(watched->Converges([&] { return writer.ReadTruth(); }));
-    ASSERT_TRUE(testing::ExpireSession(s_server->ConnectString(), *conn));
+    auto d = std::make_unique<testing::Watched<>>(conn, name);
+    for (const auto* watched : {&a, b.get(), c.get(), d.get()}) ASSERT_TRUE(watched->Converges([&] { return writer.ReadTruth(); }));
+    {
+        // Closed on the server, not waited for: the new session follows the
+        // expiry's delivery, which the lock holds up.
+        std::unique_lock<std::timed_mutex> lock(held);
+        testing::CloseSessionOnServer(s_server->ConnectString(), *conn);
+        ASSERT_TRUE(testing::PollUntil([&] { return inExpiry.load(); }, std::chrono::seconds(30)));
+        d.reset();
+    }
+    EXPECT_FALSE(blocked) << "destroying a watcher waited for another watcher's observer";
     ASSERT_TRUE(a.Converges([&] { return writer.ReadTruth(); })) << "delivery went on";
     EXPECT_TRUE(!b && !c);
     EXPECT_EQ(bReports->Snapshot().reports, bSeen);

@@ -59,10 +59,13 @@ public:
         std::function<void()> m_cbk;
     };
 
-    // Owns one registered watch. Destroying the handle cancels the watch;
-    // moving it transfers ownership, and move assignment releases the watch
-    // held before without cancelling it. Not copyable: two owners could not
-    // agree on when to cancel.
+    // Owns one registered watch. Destroying the handle cancels the watch
+    // (invalidates its context) and lets it go; moving it transfers
+    // ownership, and move assignment lets the watch held before go without
+    // invalidating its context. A connection may withdraw a watch let go
+    // either way, since no handle can cancel it any more: ZooKeeperConnection
+    // does, and delivers nothing of it afterwards. Not copyable: two owners
+    // could not agree on when to cancel.
     class WatchHandle {
     public:
         WatchHandle() = default;
@@ -93,6 +96,15 @@ public:
     // callback returns, so it must never wait for that. False where the
     // implementation cannot tell.
     virtual bool IsDeliveryThread() const { return false; }
+    // Runs `task` on the delivery thread once the callbacks queued before it
+    // have run, or destroys it unrun if the connection closes first; never
+    // waits. For work that must not wait for the callback running now: an
+    // observer taken out of the registry there never waits for a
+    // notification in progress, since notifications run on that thread. A
+    // task runs only while the connection lives, so it may hold the
+    // connection by a plain pointer. Runs `task` at once where the
+    // implementation has no delivery thread of its own.
+    virtual void Post(std::function<void()> task) const { task(); }
     // Whether requests of this connection carry a publisher's credentials,
     // so that nodes it creates can be restricted to that identity.
     virtual bool HasCredentials() const { return false; }

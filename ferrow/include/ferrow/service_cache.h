@@ -21,9 +21,11 @@
 //
 // Destruction, on any thread other than inside this cache's own observers:
 // once the destructor returns, no observer of the cache runs. An owned
-// watcher is destroyed first, with the rules of ~ServiceWatcher, which also
-// hold for an attached cache: it leaves the connection's session observers,
-// waiting for a session event being delivered to them on another thread.
+// watcher is destroyed first, with the rules of ~ServiceWatcher. An attached
+// cache leaves its watcher's session observers, waiting, blocked, for a
+// session event its watcher is delivering on another thread at that moment
+// (an expiry, whose removals reach the watcher's observers from inside that
+// delivery), and for nothing the connection delivers to anyone else.
 //
 // What is in it. Every instance the watcher reported added and not removed,
 // with the record of its latest report. An instance whose record cannot be
@@ -141,6 +143,7 @@ private:
     // Expired once the watcher is destroyed (its state, which holds the
     // cache's state registered with it, is gone).
     const std::weak_ptr<const void> m_watcherAlive;
+    // The watcher's registry of session observers, which outlives it here.
     const std::shared_ptr<Connection> m_conn;
     // Applies the watcher's reports and holds the snapshots; shared with
     // the watcher's observer registry.

@@ -22,6 +22,7 @@ class SyncTracker;
 class WatcherState;
 namespace details {
 class MetricsSource;
+class WatcherConnection;
 }  // namespace details
 
 // Thread-safe: every operation may be called from any thread.
@@ -69,23 +70,22 @@ public:
     // std::bad_function_call out of the operation that met the error).
     ServiceWatcher(std::shared_ptr<Connection> conn, const String& name, ZkErrorHandler zkErrorHandler);
 
-    // Stops every watch. Once it returns, no observer or error handler of
-    // this watcher runs. It may be called on any thread, including the
-    // connection's delivery thread from inside any callback other than this
-    // watcher's own: from an observer of another watcher or of the session. Elsewhere than on the delivery thread it waits until
-    // a callback of this watcher running there has returned (observers may
-    // call the watcher meanwhile and get answers), and until every watch is
-    // cancelled; on the delivery thread the cancellation follows as soon as
-    // the running callback returns. Elsewhere than on the delivery thread it
-    // also waits for a session event being delivered at that moment to any
-    // session observer of the same connection, and an expiry notifies the
-    // observers of every watcher and cache on it from there. So it must not
-    // be called while holding a lock that any observer or error handler of
-    // a watcher, cache or registration on the same connection takes, nor
-    // from inside one of this watcher's own observers or its error handler:
-    // the latter is logged at JXLOG_CRITICAL (and asserted against in debug
-    // builds), since the observers after the caller would receive a
-    // destroyed watcher.
+    // Stops every watch. Once it returns, no observer, listener or error
+    // handler of this watcher runs. It may be called on any thread,
+    // including the connection's delivery thread from inside any callback
+    // other than this watcher's own (an observer of another watcher, of a
+    // cache or of the session). It waits, blocked, for this watcher's own
+    // callbacks running on other threads at that moment (observers may call
+    // the watcher meanwhile and get answers) and for nothing else: a
+    // notification the connection is running for another watcher, cache or
+    // registration, however long, does not delay it. Elsewhere than on the
+    // delivery thread, its watches are cancelled when it returns; on the
+    // delivery thread, as soon as the running callback returns. So it must
+    // not be called while holding a lock that one of this watcher's own
+    // observers, listeners or its error handler takes, nor from inside one
+    // of them: the latter is logged at JXLOG_CRITICAL (and asserted against
+    // in debug builds), since the observers after the caller would receive
+    // a destroyed watcher.
     ~ServiceWatcher() override;
 
     // Observers receive this object by reference: it cannot move or be copied.
@@ -165,6 +165,9 @@ private:
     void Collect(Metrics& metrics) const;
     // The connection, asked on which thread the destructor runs.
     const std::shared_ptr<Connection> m_conn;
+    // This watcher's own registry of session observers (its cores, its sync
+    // tracker, the caches attached), over m_conn; fed by m_state.
+    const std::shared_ptr<details::WatcherConnection> m_sessions;
     // The view given to the observers, and the service node's life with the
     // core that follows it; shared with callbacks in progress.
     const std::shared_ptr<WatcherState> m_state;

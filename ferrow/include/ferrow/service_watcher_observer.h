@@ -27,11 +27,8 @@ public:
     virtual ~ServiceWatcherObserver() = default;
     // An instance appeared, with its decoded record.
     virtual void OnInstanceAdded(ServiceWatcher&, const ServiceId&, const ServiceInstanceData&) {}
-    // An instance disappeared. Also called for an id never reported added:
-    // one listed and gone before its record could be read (its node deleted
-    // meanwhile, or named in upper case, which names no node the watcher
-    // reads), or still being read when the session expired. Ignore ids you
-    // do not know.
+    // An instance disappeared. A ServiceWatcher reports a removal only of an
+    // instance it reported added and not removed since.
     virtual void OnInstanceRemoved(ServiceWatcher&, const ServiceId&) {}
     // An instance's record changed.
     virtual void OnInstanceModified(ServiceWatcher&, const ServiceId&, const ServiceInstanceData&) {}

@@ -48,21 +48,23 @@
 //
 // Watches let go. A handle lets its watch go when it is destroyed or
 // cancelled, or when another handle is move-assigned over it (which releases
-// the watch without invalidating its context). A watch let go before it
-// fired is withdrawn: the connection stops holding it, and the session
+// the watch without invalidating its context). A watch let go is withdrawn,
+// whichever way it went: the connection stops holding it, and the session
 // thread asks the client and, while connected, the server to forget it (the
 // server keeps one watch per node and kind for the whole session, so it is
 // asked only when no other watch of the session is on that node). No event
-// of it is delivered any more, and a read whose handle let its watch go
-// before its answer was delivered completes with ZCLOSING: its owner has
-// asked again since, or wants nothing more. So an owner that arms a watch
-// twice on one node, the second handle replacing the first, is answered and
-// notified once. Letting a handle go never waits for any of this.
+// of it is delivered any more, and its read completes with ZCLOSING if its
+// answer was not delivered yet: its owner has asked again since, or wants
+// nothing more. A read still waiting for its turn is then never sent: it is
+// dropped before it reaches the client, and completes with ZCLOSING all the
+// same. So an owner that arms a watch twice on one node, the second handle
+// replacing the first, is answered and notified once, and one that lets go
+// of thousands of reads waiting costs the server nothing. Letting a handle
+// go never waits for any of this.
 //
-// A watched read that finds no node (ZNONODE) leaves no watch in ZooKeeper:
-// right after that answer, its watch receives ZOO_DELETED_EVENT, unless its
-// handle let it go meanwhile, so that no owner keeps a watch that cannot
-// fire.
+// A watched read that finds no node (ZNONODE) leaves no watch, as in
+// ZooKeeper: nothing of its watch is ever delivered, and its owner decides
+// what the missing node means.
 //
 // Metrics: from Open to destruction, its session, reads and watches are
 // part of CollectMetrics (ferrow/metrics.h).
@@ -208,6 +210,7 @@ public:
     int Create(String path, const String& data, const std::vector<AclEntry>& acl, int flags) const;
     // Whether the options gave credentials for the sessions.
     bool HasCredentials() const override;
+    void Post(std::function<void()> task) const override;
 
     // Connection. ZOO_EXPIRED_SESSION_STATE while no session exists.
     int State() const override;
@@ -327,8 +330,7 @@ private:
     static void OnClientChildren(int clientRc, const String_vector* strings, const Stat* stat, const void* data);
     // Settles the watch of `request` and queues its answer: `deliver(rc)`
     // runs on the delivery thread with the code the owner receives
-    // (ZCLOSING once its handle let the watch go), followed by
-    // ZOO_DELETED_EVENT for a watch whose node was found gone. `counted`:
+    // (ZCLOSING once its handle let the watch go). `counted`:
     // an answer the window counted (ReadAnswered), reported delivered.
     template <typename Deliver>
     static void QueueAnswer(std::unique_ptr<AsyncRequest> request, int rc, std::int64_t zxid, bool counted,
@@ -343,11 +345,10 @@ private:
     static void FailRead(const void* data, int rc);
     // Records the outcome of the read that registers `record` (null for a
     // read without watch): armed at `zxid`, or freed when the read failed.
-    // `owner` is the handle's share, and `gonePath` the node's path when the
-    // node is gone and its watch is to be reported deleted. Returns the
-    // context of a freed record, to be released on the delivery thread.
+    // `owner` is the handle's share. Returns the context of a freed record,
+    // to be released on the delivery thread.
     static std::shared_ptr<WatchContext> Settle(Session& session, WatchRecord* record, int rc, std::int64_t zxid,
-                                                std::weak_ptr<WatchContext>& owner, String& gonePath);
+                                                std::weak_ptr<WatchContext>& owner);
     static void OnRearmData(int rc, const char* value, int len, const Stat* stat, const void* data);
     static void OnRearmChildren(int rc, const String_vector* strings, const Stat* stat, const void* data);
     // The re-arm read of `record` completed (or was refused) with `rc` and

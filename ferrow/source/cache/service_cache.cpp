@@ -10,6 +10,7 @@
 #include "connection/callback_gate.h"
 #include "cache/instance_table.h"
 #include "metrics/metrics_registry.h"
+#include "watching/watcher_connection.h"
 #include "watching/sync_tracker.h"
 #include "watching/watcher_state.h"
 #include "utility/observable_impl.h"
@@ -209,7 +210,7 @@ ServiceCache::ServiceCache(std::shared_ptr<Connection> conn, const String& servi
     : m_owned(std::make_unique<ServiceWatcher>(std::move(conn), service, std::move(zkErrorHandler))),
       m_watcher(m_owned.get()),
       m_watcherAlive(m_owned->m_state),
-      m_conn(m_owned->m_conn),
+      m_conn(m_owned->m_sessions),
       m_state(std::make_shared<State>(*this)),
       m_service(service) {
     Attach();
@@ -218,7 +219,7 @@ ServiceCache::ServiceCache(std::shared_ptr<Connection> conn, const String& servi
 ServiceCache::ServiceCache(ServiceWatcher& watcher)
     : m_watcher(&watcher),
       m_watcherAlive(watcher.m_state),
-      m_conn(watcher.m_conn),
+      m_conn(watcher.m_sessions),
       m_state(std::make_shared<State>(*this)),
       m_service(watcher.Service()) {
     Attach();
@@ -226,8 +227,9 @@ ServiceCache::ServiceCache(ServiceWatcher& watcher)
 
 void ServiceCache::Attach() {
     m_watcher->RegisterShared(m_state);
-    // Registered before the watcher starts, and so told of an expiry before
-    // the watcher reports every instance removed.
+    // With the watcher's own registry of session observers: registered
+    // before the watcher starts, and so told of an expiry before the watcher
+    // reports every instance removed.
     m_conn->RegisterWeak(std::weak_ptr<ConnectionObserver>(m_state));
     m_syncedKey = m_watcher->m_sync->AddListener([state = std::weak_ptr<State>(m_state)] {
         if (const std::shared_ptr<State> alive = state.lock()) alive->OnSynced();

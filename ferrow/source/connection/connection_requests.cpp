@@ -3,6 +3,7 @@
 
 #include "ferrow/zookeeper_connection.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -147,12 +148,11 @@ void ZooKeeperConnection::QueueAnswer(std::unique_ptr<AsyncRequest> request, int
     Session& session = *request->m_session;
     const bool watched = request->m_record != nullptr;
     std::weak_ptr<WatchContext> owner;
-    String gonePath;
-    std::shared_ptr<WatchContext> unused = Settle(session, request->m_record, rc, zxid, owner, gonePath);
+    // A read that failed registered no watch, and none of it is ever
+    // delivered: a read that found no node is only answered so, as the
+    // client answers it, and its owner decides what a missing node means.
+    std::shared_ptr<WatchContext> unused = Settle(session, request->m_record, rc, zxid, owner);
     session.m_conn.CountResult(rc);
-    // A watch on a node that is gone will never fire: reported deleted right
-    // after the answer, so that its owner does not keep it for ever.
-    std::shared_ptr<WatchContext> gone = gonePath.empty() ? nullptr : unused;
     // The connection is alive while an item runs (its destructor stops the
     // queue and joins the thread), but may be destroyed by the owner's
     // callback: the window learns of the delivery first.
@@ -163,7 +163,6 @@ void ZooKeeperConnection::QueueAnswer(std::unique_ptr<AsyncRequest> request, int
                                      if (conn) conn->ReadDelivered(generation);
                                      deliver(watched && owner.expired() ? ZCLOSING : rc);
                                  });
-    if (gone) session.PushEvent(std::move(gone), std::move(owner), ZOO_DELETED_EVENT, ZOO_CONNECTED_STATE, std::move(gonePath));
 }
 
 void ZooKeeperConnection::DeliverData(int clientRc, const char* value, int len, const Stat* stat, const void* data,
@@ -250,26 +249,42 @@ void ZooKeeperConnection::FailRead(const void* data, int rc) {
 }
 
 void ZooKeeperConnection::IssueWaiting(Session& session) {
-    // Refused by the client: completed below as if it had answered so, in
-    // order, after the lock.
-    std::vector<std::pair<AsyncRequest*, int>> refused;
+    // Refused by the client, or abandoned by their owners: completed below
+    // as if the client had answered so, in order, after the lock.
+    std::vector<std::pair<AsyncRequest*, int>> finished;
     {
         std::lock_guard<std::mutex> lock(session.m_readMtx);
-        if (session.m_closing || !session.m_window.MayRefill(session.m_waitingReads.size())) return;
-        while (!session.m_waitingReads.empty() && session.m_window.MayIssue()) {
-            AsyncRequest* next = session.m_waitingReads.front();
-            session.m_waitingReads.pop_front();
-            const int rc = IssueRead(session.m_zh, next->m_path.c_str(), next);
-            if (rc == ZOK) {
-                session.m_window.Issued();
-            } else {
-                // Accepted earlier, refused now: the session is over (expired
-                // or closing), and the read dies with it.
-                refused.emplace_back(next, rc == ZINVALIDSTATE ? ZCLOSING : rc);
+        if (session.m_closing) return;
+        std::deque<AsyncRequest*>& waiting = session.m_waitingReads;
+        if (session.m_sweepWaiting.exchange(false)) {
+            // Reads whose handle let go are never sent: the server would
+            // answer a read and then be asked to forget its watch, for an
+            // answer nobody wants.
+            const auto kept = std::stable_partition(waiting.begin(), waiting.end(),
+                                                    [](const AsyncRequest* request) { return !request->Abandoned(); });
+            for (auto it = kept; it != waiting.end(); ++it) finished.emplace_back(*it, ZCLOSING);
+            waiting.erase(kept, waiting.end());
+        }
+        if (session.m_window.MayRefill(waiting.size())) {
+            while (!waiting.empty() && session.m_window.MayIssue()) {
+                AsyncRequest* next = waiting.front();
+                waiting.pop_front();
+                if (next->Abandoned()) {
+                    finished.emplace_back(next, ZCLOSING);
+                    continue;
+                }
+                const int rc = IssueRead(session.m_zh, next->m_path.c_str(), next);
+                if (rc == ZOK) {
+                    session.m_window.Issued();
+                } else {
+                    // Accepted earlier, refused now: the session is over
+                    // (expired or closing), and the read dies with it.
+                    finished.emplace_back(next, rc == ZINVALIDSTATE ? ZCLOSING : rc);
+                }
             }
         }
     }
-    for (const auto& [request, rc] : refused) FailRead(request, rc);
+    for (const auto& [request, rc] : finished) FailRead(request, rc);
 }
 
 std::pair<int, Connection::WatchHandle> ZooKeeperConnection::RunAsync(String path, bool child, WatchFunction watch,

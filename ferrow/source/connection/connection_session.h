@@ -170,11 +170,18 @@ struct ZooKeeperConnection::Session {
     // Set before the handle is closed: nothing is issued any more, and the
     // waiting reads are completed with the leftovers of m_outstanding.
     bool m_closing = false;  // guarded by m_readMtx
+    // A watch whose read may still wait was let go: the waiting reads are
+    // searched for the abandoned ones at the next issuing.
+    std::atomic<bool> m_sweepWaiting{false};
 };
 
 // The completion context of an asynchronous read: a data or a children
 // read. m_record is null for a read that sets no watch.
 struct ZooKeeperConnection::AsyncRequest {
+    // A read whose handle let its watch go before it was sent: nobody wants
+    // its answer, which would be ZCLOSING. Only for a read that waits.
+    bool Abandoned() const { return m_record != nullptr && m_record->m_owner.expired(); }
+
     Session* m_session = nullptr;
     WatchRecord* m_record = nullptr;
     std::variant<DataResult, ChildrenResult> m_result;

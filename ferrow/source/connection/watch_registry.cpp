@@ -107,6 +107,7 @@ void ZooKeeperConnection::WithdrawWatch(std::uint64_t generation, WatchRecord* r
     std::shared_ptr<WatchContext> dropped;
     std::unique_ptr<WatchRecord> freed;
     bool withdraw = false;
+    bool sweep = false;
     {
         std::shared_lock<std::shared_mutex> sessionLock(m_sessionMtx);
         // The records of a closed session were freed with it.
@@ -123,8 +124,12 @@ void ZooKeeperConnection::WithdrawWatch(std::uint64_t generation, WatchRecord* r
         // is not in the client at all.
         withdraw = record->m_state == WatchRecord::State::kArmed && !record->m_busy;
         if (record->m_state == WatchRecord::State::kTakenOut) freed = session.TakeWatchLocked(record);
+        // Its read may not have been sent yet: then it never is.
+        sweep = record->m_state == WatchRecord::State::kReading;
+        if (sweep) session.m_sweepWaiting = true;
     }
     if (withdraw) RequestMaintenance(generation);
+    if (sweep) RequestIssue(generation);
 }
 
 void ZooKeeperConnection::MaintainWatches(Session& session) {
@@ -357,8 +362,7 @@ void ZooKeeperConnection::OnClientWatchEvent(zhandle_t*, int type, int state, co
 
 std::shared_ptr<Connection::WatchContext> ZooKeeperConnection::Settle(Session& session, WatchRecord* record, int rc,
                                                                      std::int64_t zxid,
-                                                                     std::weak_ptr<WatchContext>& owner,
-                                                                     String& gonePath) {
+                                                                     std::weak_ptr<WatchContext>& owner) {
     std::shared_ptr<WatchContext> unused;
     if (record == nullptr) return unused;
     std::unique_ptr<WatchRecord> freed;
@@ -373,7 +377,6 @@ std::shared_ptr<Connection::WatchContext> ZooKeeperConnection::Settle(Session& s
         } else {
             // The client registers the watch only when the read succeeds.
             unused = std::move(record->m_ctx);
-            if (rc == ZNONODE) gonePath.assign(record->PathView());
             freed = session.TakeWatchLocked(record);
         }
     }

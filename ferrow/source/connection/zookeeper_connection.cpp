@@ -371,6 +371,8 @@ int ZooKeeperConnection::AddCredentials(zhandle_t* zh) const {
 
 bool ZooKeeperConnection::HasCredentials() const { return !m_options.digestAuth.empty(); }
 
+void ZooKeeperConnection::Post(std::function<void()> task) const { m_queue->Push(0, true, std::move(task)); }
+
 bool ZooKeeperConnection::IsDeliveryThread() const { return m_deliveryThread.get_id() == std::this_thread::get_id(); }
 
 int ZooKeeperConnection::State() const {

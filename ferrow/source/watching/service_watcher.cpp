@@ -6,6 +6,7 @@
 #include "metrics/metrics_registry.h"
 #include "watching/watcher_state.h"
 #include "watching/sync_tracker.h"
+#include "watching/watcher_connection.h"
 
 namespace jx {
 namespace ferrow {
@@ -27,8 +28,9 @@ struct ServiceWatcher::Reports : ServiceWatcherObserver {
 
 ServiceWatcher::ServiceWatcher(std::shared_ptr<Connection> conn, const String& name, ZkErrorHandler zkErrorHandler)
     : m_conn(conn),
-      m_state(std::make_shared<WatcherState>(*this, conn, name, std::move(zkErrorHandler))),
-      m_sync(std::make_shared<SyncTracker>(std::move(conn), ServicePath(name),
+      m_sessions(std::make_shared<details::WatcherConnection>(conn)),
+      m_state(std::make_shared<WatcherState>(*this, std::move(conn), m_sessions, name, std::move(zkErrorHandler))),
+      m_sync(std::make_shared<SyncTracker>(m_sessions, ServicePath(name),
                                            [state = std::weak_ptr<WatcherState>(m_state)] {
                                                const std::shared_ptr<WatcherState> alive = state.lock();
                                                return alive && alive->Settled();
@@ -38,6 +40,7 @@ ServiceWatcher::ServiceWatcher(std::shared_ptr<Connection> conn, const String& n
       m_metrics(std::make_unique<details::MetricsSource>([this](Metrics& metrics) { Collect(metrics); })) {
     m_state->SetTracker(m_sync);
     m_state->RegisterShared(m_reports);
+    m_state->Attach();
 }
 
 void ServiceWatcher::Collect(Metrics& metrics) const {
@@ -64,18 +67,18 @@ void ServiceWatcher::Collect(Metrics& metrics) const {
 
 ServiceWatcher::~ServiceWatcher() {
     m_metrics->Close();
-    // From here on no observer, listener or error handler of this watcher
-    // runs, and none is running on another thread.
+    // Each gate closed waits, blocked, for this watcher's own callbacks
+    // running on other threads, and for nothing else: no notification the
+    // connection runs for another watcher, cache or registration.
     m_sync->Close();
-    // Taken out of the connection's registry while alive: the registry
-    // matches an entry by the observer it still reaches, so its own
-    // destructor, which runs once nothing reaches it, would leave the entry
-    // behind, one per watcher ever made.
-    m_conn->UnregisterRaw(static_cast<const ConnectionObserver*>(m_sync.get()));
-    // The core may still be held by a callback that was turned away, or by
-    // the connection while it notifies its observers of a session event.
-    // Elsewhere than on the delivery thread, that ends soon and is waited
-    // for, so that the watches are cancelled and the connection released
+    // Taken out of the watcher's registry while alive: the registry matches
+    // an entry by the observer it still reaches, so its own destructor,
+    // which runs once nothing reaches it, would leave the entry behind.
+    m_sessions->UnregisterRaw(static_cast<const ConnectionObserver*>(m_sync.get()));
+    // From here on no observer, listener or error handler of this watcher
+    // runs. Elsewhere than on the delivery thread, the core's destruction is
+    // waited for (only its own callbacks can hold it, and they end at once
+    // now), so that its watches are cancelled and the connection released
     // when this returns. On the delivery thread the holder may be the
     // caller's own caller: the core goes when that lets go.
     m_state->Close(!m_conn->IsDeliveryThread());

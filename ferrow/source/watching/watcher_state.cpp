@@ -7,6 +7,7 @@
 #include "logger/logger.h"
 #include "watching/service_watcher_impl.h"
 #include "watching/sync_tracker.h"
+#include "watching/watcher_connection.h"
 
 namespace jx {
 namespace ferrow {
@@ -55,15 +56,22 @@ struct WatcherState::Forwarder : ServiceWatcherObserver {
     const std::uint64_t generation;
 };
 
-WatcherState::WatcherState(ServiceWatcher& owner, std::shared_ptr<Connection> conn, String service,
-                           ZkErrorHandler handler)
+WatcherState::WatcherState(ServiceWatcher& owner, std::shared_ptr<Connection> conn,
+                           std::shared_ptr<details::WatcherConnection> sessions, String service, ZkErrorHandler handler)
     : m_owner(owner),
       m_conn(std::move(conn)),
+      m_sessions(std::move(sessions)),
       m_service(std::move(service)),
       m_path(ServicePath(m_service)),
       m_handler(std::move(handler)) {}
 
-WatcherState::~WatcherState() { m_conn->UnregisterRaw(static_cast<const ConnectionObserver*>(this)); }
+WatcherState::~WatcherState() = default;
+
+void WatcherState::Attach() {
+    details::SessionSubscription subscription(*m_conn, weak_from_this());
+    std::lock_guard<std::mutex> lock(m_mtx);
+    m_subscription = std::move(subscription);
+}
 
 void WatcherState::SetTracker(std::shared_ptr<SyncTracker> tracker) {
     std::lock_guard<std::mutex> lock(m_mtx);
@@ -107,13 +115,13 @@ void WatcherState::Tell(bool exists) {
 
 void WatcherState::Start() {
     StartCore(0);
-    // After the core: told of a connected event after the core, whose
-    // start-up retry creates a missing node before this object looks for it.
-    m_conn->RegisterWeak(std::weak_ptr<ConnectionObserver>(shared_from_this()));
     // Not before the session is connected: a read queued meanwhile would be
     // answered ahead of the core's start-up, which creates a missing node.
+    // A connected event reaches the core first, whose start-up retry
+    // creates a missing node before this object looks for it.
     {
         std::lock_guard<std::mutex> lock(m_mtx);
+        m_started = true;
         m_nodeRetry = true;
     }
     if (m_conn->State() == ZOO_CONNECTED_STATE) CheckNode();
@@ -124,6 +132,7 @@ void WatcherState::Close(bool wait) {
     std::shared_ptr<ServiceWatcherImpl> core;
     std::future<void> released;
     Connection::WatchHandle node, ancestor;
+    details::SessionSubscription subscription;
     {
         std::lock_guard<std::mutex> lock(m_mtx);
         m_closed = true;
@@ -131,16 +140,22 @@ void WatcherState::Close(bool wait) {
         released = std::move(m_coreReleased);
         node = std::move(m_nodeWatch);
         ancestor = std::move(m_ancestorWatch);
+        subscription = std::move(m_subscription);
         m_serviceListener = nullptr;
         m_serviceListeners.clear();
     }
-    m_conn->UnregisterRaw(static_cast<const ConnectionObserver*>(this));
+    // Taken out of the connection's registry later, on the delivery thread;
+    // an event reaching this object meanwhile finds the gate closed.
+    subscription.Reset();
     if (!core) return;
     core->Close();
-    // Taken out of the connection's registry while alive: the registry
-    // matches an entry by the observer it still reaches.
-    m_conn->UnregisterRaw(static_cast<const ConnectionObserver*>(core.get()));
+    // Taken out of the watcher's registry while alive: the registry matches
+    // an entry by the observer it still reaches. No delivery runs now (the
+    // gate is closed), but on this thread if the caller is inside one.
+    m_sessions->UnregisterRaw(static_cast<const ConnectionObserver*>(core.get()));
     core.reset();
+    // Nothing but the core's own callbacks can hold it now: no delivery of
+    // this watcher's registry holds it past the gate.
     if (wait && released.valid()) released.wait();
 }
 
@@ -228,6 +243,8 @@ void WatcherState::Report(std::uint64_t generation, const ServiceId& id, const S
 }
 
 void WatcherState::OnCoreError(int rc) {
+    const CallbackGate::Pass pass = m_gate.Enter();
+    if (!pass) return;
     {
         std::lock_guard<std::mutex> lock(m_mtx);
         ++m_errors[rc];
@@ -247,7 +264,7 @@ void WatcherState::StartCore(std::int64_t czxid) {
     const std::weak_ptr<WatcherState> weak = weak_from_this();
     std::future<void> released;
     std::shared_ptr<ServiceWatcherImpl> core = OwnImpl(
-        std::make_unique<ServiceWatcherImpl>(m_owner, m_conn, m_service,
+        std::make_unique<ServiceWatcherImpl>(m_owner, m_sessions, m_service,
                                              [weak](int rc) {
                                                  if (const auto self = weak.lock()) self->OnCoreError(rc);
                                              }),
@@ -287,7 +304,7 @@ void WatcherState::RetireCore() {
     }
     if (core) {
         core->Close();
-        m_conn->UnregisterRaw(static_cast<const ConnectionObserver*>(core.get()));
+        m_sessions->UnregisterRaw(static_cast<const ConnectionObserver*>(core.get()));
         // Destroyed here unless a session event is being delivered to it.
         core.reset();
     }
@@ -441,9 +458,17 @@ void WatcherState::OnAncestorRead(const String& parent, int rc, const std::vecto
     }
 }
 
-void WatcherState::OnSessionEvent(int type, int state, String) {
+void WatcherState::OnSessionEvent(int type, int state, String path) {
     const CallbackGate::Pass pass = m_gate.Enter();
-    if (!pass || type != ZOO_SESSION_EVENT) return;
+    if (!pass) return;
+    // The watcher's parts first: the core, whose start-up retry creates a
+    // missing node before this object looks for it.
+    m_sessions->Deliver(type, state, path);
+    if (type != ZOO_SESSION_EVENT) return;
+    {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        if (!m_started) return;
+    }
     if (state == ZOO_EXPIRED_SESSION_STATE) {
         // The session's watches are gone with it.
         std::lock_guard<std::mutex> lock(m_mtx);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "connection/callback_gate.h"
+#include "connection/session_subscription.h"
 #include "ferrow/connection_v2.h"
 #include "ferrow/service_watcher_observer.h"
 #include "utility/observable_impl.h"
@@ -23,6 +24,9 @@ namespace ferrow {
 class ServiceWatcher;
 class ServiceWatcherImpl;
 class SyncTracker;
+namespace details {
+class WatcherConnection;
+}  // namespace details
 
 // What a ServiceWatcher is beyond the core that mirrors one service node: the
 // view its observers were given, and the service node's whole life.
@@ -48,6 +52,14 @@ class SyncTracker;
 // check of it is re-created, a window no caller can close without the core's
 // help).
 //
+// Session events. This object is the watcher's one observer in the real
+// connection's registry (through a SessionSubscription) and delivers each
+// event, inside its gate, to the watcher's own registry (`sessions`: the
+// cores, the sync tracker, the caches attached), then handles it itself. So
+// closing the gate is all it takes for no part of the watcher to hear of the
+// session any more, and the watcher's end never waits for a notification
+// that the connection runs for another watcher.
+//
 // Threads and locks. Owned by a std::shared_ptr; callbacks hold it weakly
 // and pass m_gate. Core reports, node watch callbacks and session events run
 // on the connection's delivery thread; the core's error handler runs under the
@@ -59,18 +71,25 @@ class WatcherState : public ConnectionObserver,
                      public std::enable_shared_from_this<WatcherState> {
 public:
     // `owner` is passed to every report; it outlives this object's gate.
-    // `handler` receives every error of a core but the missing service node,
-    // which is this object's to handle.
-    WatcherState(ServiceWatcher& owner, std::shared_ptr<Connection> conn, String service, ZkErrorHandler handler);
+    // `sessions` is the watcher's registry of session observers, over
+    // `conn`. `handler` receives every error of a core but the missing
+    // service node, which is this object's to handle.
+    WatcherState(ServiceWatcher& owner, std::shared_ptr<Connection> conn,
+                 std::shared_ptr<details::WatcherConnection> sessions, String service, ZkErrorHandler handler);
     ~WatcherState() override;
 
+    // Subscribes to the connection's session events, to deliver them to
+    // `sessions`. Call once, right after construction.
+    void Attach();
     // Starts the first core (whose start-up creates a missing service node),
     // then watches the node. Call once.
     void Start();
-    // Turns every callback away, waiting for those running on other threads,
-    // and retires the core. Once it returns no observer, listener or handler
-    // runs. `wait`: also waits until the core is destroyed (false on the
-    // delivery thread, where a callback in progress may hold it).
+    // Turns every callback away, waiting (blocked) for those of this watcher
+    // running on other threads, ends the subscription without waiting, and
+    // retires the core. Once it returns no observer, listener or handler
+    // runs. `wait`: also waits until the core is destroyed, which only its
+    // own callbacks on the delivery thread can delay (false on the delivery
+    // thread, where one of them may be the caller's caller).
     void Close(bool wait);
 
     // The tracker of the view's completeness, told when a fresh core starts.
@@ -137,6 +156,7 @@ private:
 
     ServiceWatcher& m_owner;
     const std::shared_ptr<Connection> m_conn;
+    const std::shared_ptr<details::WatcherConnection> m_sessions;
     const String m_service;
     const String m_path;
     const ZkErrorHandler m_handler;
@@ -144,6 +164,8 @@ private:
 
     mutable std::mutex m_mtx;  // guards every field below
     bool m_closed = false;
+    bool m_started = false;
+    details::SessionSubscription m_subscription;
     std::shared_ptr<ServiceWatcherImpl> m_core;  // null while the service is missing
     std::future<void> m_coreReleased;            // ready once m_core's object is destroyed
     std::uint64_t m_generation = 0;              // of m_core; reports of older cores are dropped
