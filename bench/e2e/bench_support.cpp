@@ -142,6 +142,26 @@ void ZkWriter::DeleteAll(const std::vector<std::string>& paths) {
     if (rc != ZOK) Fail("cannot delete nodes such as", paths.front(), rc);
 }
 
+void ZkWriter::CreateAndDeleteAll(const std::vector<std::pair<std::string, std::string>>& nodes, size_t lag) {
+    Batch batch;
+    batch.m_left = 2 * nodes.size();
+    for (size_t i = 0; i < nodes.size() + lag; ++i) {
+        if (i < nodes.size()) {
+            const auto& node = nodes[i];
+            const int rc = zoo_acreate(m_zh, node.first.c_str(), node.second.data(),
+                                       static_cast<int>(node.second.size()), &ZOO_OPEN_ACL_UNSAFE, 0, &OnBatchCreate,
+                                       &batch);
+            if (rc != ZOK) batch.Done(rc);
+        }
+        if (i >= lag && i - lag < nodes.size()) {
+            const int rc = zoo_adelete(m_zh, nodes[i - lag].first.c_str(), -1, &OnBatchDelete, &batch);
+            if (rc != ZOK) batch.Done(rc);
+        }
+    }
+    const int rc = batch.Wait();
+    if (rc != ZOK) Fail("cannot create and delete nodes such as", nodes.front().first, rc);
+}
+
 void ZkWriter::RemoveTree(const std::string& path) {
     String_vector names{};
     const int rc = zoo_get_children(m_zh, path.c_str(), 0, &names);

@@ -61,6 +61,10 @@ public:
     void CreateAll(const std::vector<std::pair<std::string, std::string>>& nodes);
     // Deletes every node of `paths` with requests issued at once.
     void DeleteAll(const std::vector<std::string>& paths);
+    // Creates every node and deletes it again, all requests issued at once,
+    // the delete of each node `lag` creates behind its own: a node lives
+    // only while the server processes the `lag` creates after it.
+    void CreateAndDeleteAll(const std::vector<std::pair<std::string, std::string>>& nodes, size_t lag);
     // Deletes every child of `path`, then the node; nothing if it is absent.
     void RemoveTree(const std::string& path);
 

@@ -3,6 +3,7 @@
 // Faults, expiries and the watch bookkeeping they leave are the schedule's
 // (schedule_test.cpp).
 
+#include <condition_variable>
 #include <mutex>
 
 #include <boost/algorithm/string/case_conv.hpp>
@@ -95,16 +96,19 @@ TEST_F(WatcherTest, DestructionFromAnotherCallbackOnTheDeliveryThread) {
     std::unique_ptr<testing::Watched<>> c;
     std::shared_ptr<testing::Recorder> bReports = b->recorder, cReports;
     size_t bSeen = 0, cSeen = 0;
-    std::timed_mutex held;
+    // What the destroying thread holds, and the observer waits for.
+    std::mutex heldMtx;
+    std::condition_variable heldCv;
+    bool held = false;  // guarded by heldMtx
     std::atomic<bool> inExpiry{false}, blocked{false};
     a.watcher.RegisterShared(std::make_shared<Hook>([&](ServiceWatcher* watcher, const ServiceId*) {
         if (watcher != nullptr) return;  // a removal, as all are at the expiry
         b.reset();
         bSeen = bReports->Snapshot().reports;
         inExpiry = true;
-        // Not got within the deadline: the destroyer waited for this observer.
-        if (held.try_lock_for(std::chrono::seconds(30))) held.unlock();
-        else blocked = true;
+        // Not let go within the deadline: the destroyer waited for this observer.
+        std::unique_lock<std::mutex> lock(heldMtx);
+        blocked = !heldCv.wait_for(lock, std::chrono::seconds(30), [&] { return !held; });
     }));
     const auto sessionObserver = std::make_shared<Hook>([&](ServiceWatcher*, const ServiceId* id) {
         if (id != nullptr) return;  // the expiry
@@ -117,13 +121,19 @@ TEST_F(WatcherTest, DestructionFromAnotherCallbackOnTheDeliveryThread) {
     auto d = std::make_unique<testing::Watched<>>(conn, name);
     for (const auto* watched : {&a, b.get(), c.get(), d.get()}) ASSERT_TRUE(watched->Converges([&] { return writer.ReadTruth(); }));
     {
-        // Closed on the server, not waited for: the new session follows the
-        // expiry's delivery, which the lock holds up.
-        std::unique_lock<std::timed_mutex> lock(held);
-        testing::CloseSessionOnServer(s_server->ConnectString(), *conn);
-        ASSERT_TRUE(testing::PollUntil([&] { return inExpiry.load(); }, std::chrono::seconds(30)));
-        d.reset();
+        std::lock_guard<std::mutex> lock(heldMtx);
+        held = true;
     }
+    // Closed on the server, not waited for: the new session follows the
+    // expiry's delivery, which the observer holds up.
+    testing::CloseSessionOnServer(s_server->ConnectString(), *conn);
+    ASSERT_TRUE(testing::PollUntil([&] { return inExpiry.load(); }, std::chrono::seconds(30)));
+    d.reset();
+    {
+        std::lock_guard<std::mutex> lock(heldMtx);
+        held = false;
+    }
+    heldCv.notify_all();
     EXPECT_FALSE(blocked) << "destroying a watcher waited for another watcher's observer";
     ASSERT_TRUE(a.Converges([&] { return writer.ReadTruth(); })) << "delivery went on";
     EXPECT_TRUE(!b && !c);
@@ -156,12 +166,13 @@ TEST_F(WatcherTest, HostileNodesAreReportedWholeOrLoggedOrSkippedAndNeverStopThe
     const ServiceId good = g_generate();
     writer.Create(good, MakeRecord(9));
     // One count everywhere: the three that decode are the instances, the
-    // three that never do are counted apart.
-    ASSERT_TRUE(testing::PollUntil([&] { return watched.watcher.UndecodableCount() == 3; }, std::chrono::seconds(60)));
+    // three that never do are counted apart. Reports may come in any order:
+    // a read asked for again overtakes no one, but replaces the first.
+    ASSERT_TRUE(testing::PollUntil([&] {
+        return watched.watcher.ListInstances().size() == 3 && watched.watcher.UndecodableCount() == 3 &&
+               watched.recorder->Snapshot().picture.size() == 3;
+    }, std::chrono::seconds(60)));
     ASSERT_TRUE(watched.watcher.WaitSynced(std::chrono::seconds(60)));
-    EXPECT_EQ(watched.watcher.ListInstances().size(), 3u);
-    // Reports may come in any order: a read asked for again overtakes no one, but replaces the first.
-    ASSERT_TRUE(testing::PollUntil([&] { return watched.recorder->Snapshot().picture.size() == 3; }, std::chrono::seconds(60)));
     ASSERT_EQ(watched.recorder->Snapshot().picture.count(good), 1u);
 
     const InstanceMap picture = watched.recorder->Snapshot().picture;

@@ -32,7 +32,7 @@ public:
     using Connection::InvokeWatch;
     using Connection::MakeWatchHandle;
     // Operations whose answer Fail can force.
-    enum class Op { Issue, Create };
+    enum class Op { Issue, Create, Exists };
     // One AsyncGetChildren or AsyncGet request.
     struct Request {
         String path;
@@ -45,6 +45,11 @@ public:
     // Queues `rc` as the answer of the next operation `op` (for Op::Issue:
     // the code returned for issuing the next asynchronous request).
     void Fail(Op op, int rc) { Locked([&] { m_forced[op].push_back(rc); }); }
+    // Makes `path` exist or not without a request, as another client, an
+    // expiry or a create whose answer was lost would.
+    void SetExists(const String& path, bool exists) {
+        Locked([&] { exists ? void(m_created.insert(path)) : void(m_created.erase(path)); });
+    }
     std::vector<Request> Requests() const { return Locked([&] { return m_requests; }); }
     // One request, and how many there were: without copying them all.
     Request At(std::size_t index) const { return Locked([&] { return m_requests.at(index); }); }
@@ -80,7 +85,7 @@ public:
         return Record({std::move(path), nullptr, nullptr, std::move(result)}, std::move(watch));
     }
     // Unless Fail forced an answer: Create and Exists know the paths created
-    // so far (never deleted, holding no data), Get finds nothing, Set and
+    // so far (deleted only by SetExists, holding no data), Get finds nothing, Set and
     // Delete succeed (Deleted lists them), and GetChildren, which the watcher never calls, fails.
     int Get(String, String&, Stat*) const override { return ZNONODE; }
     int Create(String path, const String&, const ACL_vector&, int) const override {
@@ -101,7 +106,7 @@ public:
     // Entries in the session observer registry, dead ones included.
     size_t ObserverSlots() { return GetObservers().size(); }
     int Exists(String path, Stat*) const override {
-        return Locked([&] { return m_created.count(path) != 0 ? ZOK : ZNONODE; });
+        return Locked([&] { return Forced(Op::Exists, m_created.count(path) != 0 ? ZOK : ZNONODE); });
     }
     int GetChildren(String, std::vector<String>&) const override { return ZNOTHING; }
 

@@ -238,6 +238,59 @@ TEST(RegistrationTest, ANodeWhoseCreationWentUnansweredIsStillWithdrawn) {
     EXPECT_EQ(conn->Deleted(), std::vector<String>{path});
 }
 
+// A re-creation, after an expiry or after someone deleted the node while the
+// session lives, whose request goes unanswered while the connection stays up
+// is followed by no connected event: the registration reads the node and is
+// published once it is this session's, creating it again when it is absent;
+// when that read goes unanswered too, the answer of the node's watch settles.
+TEST(RegistrationTest, ARecreationUnansweredWhileConnectedIsSettledByReadingTheNode) {
+    struct Row {
+        const char* what;
+        std::vector<std::pair<Op, int>> answers;  // a re-creation checks the service node, creates, reads
+        bool made;                                // the node is there all the same
+        bool byWatch;                             // settled by the watch's read only
+    };
+    const Row rows[] = {
+        {"create unanswered, node made", {{Op::Create, ZOPERATIONTIMEOUT}}, true, false},
+        {"create unanswered, node absent", {{Op::Create, ZOPERATIONTIMEOUT}}, false, false},
+        {"service node check unanswered", {{Op::Exists, ZOPERATIONTIMEOUT}}, false, false},
+        {"create and read unanswered",
+         {{Op::Exists, ZOK}, {Op::Create, ZOPERATIONTIMEOUT}, {Op::Exists, ZOPERATIONTIMEOUT}}, true, true},
+        {"node found, read unanswered", {{Op::Exists, ZOK}, {Op::Create, ZNODEEXISTS}, {Op::Exists, ZCONNECTIONLOSS}},
+         true, true},
+    };
+    for (const bool expiry : {true, false}) {
+        for (const Row& row : rows) {
+            SCOPED_TRACE(String(row.what) + (expiry ? " after an expiry" : " after a deletion"));
+            const auto conn = std::make_shared<FakeConnection>();
+            ServiceRegistration registration(conn, "svc", testing::MakeRecord(1));
+            const auto watch = [&] {  // the latest read of the node
+                size_t last = 0;
+                for (size_t i = 0; i < conn->RequestCount(); ++i) {
+                    if (conn->At(i).path == registration.Path()) last = i;
+                }
+                return last;
+            };
+            conn->SetExists(registration.Path(), row.made);
+            if (!expiry) conn->Fail(Op::Exists, ZNONODE);  // the deletion event's read
+            for (const auto& [op, rc] : row.answers) conn->Fail(op, rc);
+            const size_t before = conn->RequestCount();
+            if (expiry) {
+                conn->SessionEvent(ZOO_EXPIRED_SESSION_STATE);
+                conn->SessionEvent(ZOO_CONNECTED_STATE);
+            } else {
+                conn->FireWatch(watch(), ZOO_DELETED_EVENT);
+            }
+            if (row.byWatch) {
+                EXPECT_FALSE(registration.IsPublished());
+                EXPECT_GE(watch(), before) << "the unread node is watched afresh";
+                conn->FireData(watch(), ZOK, String());
+            }
+            EXPECT_TRUE(registration.IsPublished());
+        }
+    }
+}
+
 // Watchers come and go on a long-lived connection: each leaves the
 // connection's session observers as it found them, with or without
 // tracking whether its view is complete.

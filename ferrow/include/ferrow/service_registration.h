@@ -30,9 +30,11 @@ class MetricsSource;
 // weakly, on the connection's delivery thread) and, on the first connected
 // event after an expiry, creates the node again with the current record.
 // A re-creation that fails is logged under "ferrow.registration" and tried
-// again on the next connected event; one left unanswered while the
-// connection stays up is settled by reading the node (is it there, and
-// this session's?), since no connected event follows.
+// again on the next connected event. One whose request goes unanswered
+// while the connection stays up, where no connected event follows, is
+// settled by reading the node: published when it is there and this
+// session's, left alone when another's, created again when absent. When
+// that read goes unanswered too, the answer of the node's watch settles it.
 //
 // Its own node: the registration watches it, so that a node deleted by
 // someone else while the session lives is created again at once. It never

@@ -36,6 +36,12 @@ class WatcherConnection;
 // listener's count and the metrics all count the instances reported added
 // and not removed.
 //
+// Memory. Beyond its instances, a watcher keeps about 350 bytes (a watch
+// handle, holding no watch) for each instance it listed and found gone at
+// its first read, until the next session expiry or the service node's
+// re-creation clears them: under churn that deletes instances as fast as
+// they appear, one in seven to nine of them (docs/benchmarks.md).
+//
 // Metrics: while it exists, its figures (WatcherMetrics: instances, reports
 // by kind, reads, the service node's life, whether and since when the view
 // is current) are part of CollectMetrics (ferrow/metrics.h).

@@ -10,6 +10,7 @@
 #include "ferrow/access_control.h"
 #include "ferrow/error.h"
 #include "ferrow/instance_data.h"
+#include "connection/session_subscription.h"
 #include "ferrow/zookeeper_connection.h"
 #include "logger/logger.h"
 #include "metrics/metrics_registry.h"
@@ -24,7 +25,7 @@ const logging::ConstSourcePtr g_log = logging::MakeSource("ferrow.registration")
 }  // namespace
 
 // Always owned by a std::shared_ptr, which the connection's registry holds
-// weakly. OnSessionEvent runs on the connection's delivery thread; everything
+// weakly through a SessionSubscription. OnSessionEvent runs on the connection's delivery thread; everything
 // else on the owner's threads. m_mtx guards m_record and m_node and is held
 // across every write of the node.
 class ServiceRegistrationImpl : public ConnectionObserver,
@@ -44,12 +45,12 @@ public:
     // Registers for session events, then creates the node, so that no expiry
     // after the creation goes unseen. Throws ZooError, registered no more.
     void Start() {
-        m_conn->RegisterWeak(weak_from_this());
+        m_subscription = details::SessionSubscription(*m_conn, weak_from_this());
         try {
             std::lock_guard<std::mutex> lock(m_mtx);
             Publish();
         } catch (...) {
-            m_conn->UnregisterRaw(this);
+            m_subscription.Reset();
             // A create whose answer was lost may have made the node.
             std::lock_guard<std::mutex> lock(m_mtx);
             if (m_node == Node::kUncertain) m_conn->Delete(m_path, -1);
@@ -64,13 +65,15 @@ public:
     // the node is then uncertain, so never reported published again (no
     // session event tells this registration of its expiry any more).
     int Withdraw() {
-        m_conn->UnregisterRaw(this);
         Connection::WatchHandle watch;
         {
             std::lock_guard<std::mutex> lock(m_mtx);
             m_stopping = true;
             watch = std::move(m_watch);
         }
+        // Never waits for a notification in progress: an event reaching
+        // this object meanwhile finds it stopping.
+        m_subscription.Reset();
         // Cancelled without the lock: a watch callback may be waiting for it.
         watch.Cancel({});
         std::lock_guard<std::mutex> lock(m_mtx);
@@ -142,9 +145,12 @@ public:
     void OnSessionEvent(int type, int state, String) override {
         if (type != ZOO_SESSION_EVENT) return;
         std::lock_guard<std::mutex> lock(m_mtx);
+        if (m_stopping) return;
         if (state == ZOO_EXPIRED_SESSION_STATE) {
-            // The server has deleted the node with the session.
-            if (m_node == Node::kPublished) SetNode(Node::kLostWithSession);
+            // The server has deleted the node with the session. Another
+            // session's node is judged again too: the watch that would have
+            // seen it go died with this session.
+            if (m_node == Node::kPublished || m_node == Node::kForeign) SetNode(Node::kLostWithSession);
             return;
         }
         // A connected event that arrives before Start has published is the
@@ -169,28 +175,32 @@ private:
             JXLOG(logging::JXLOG_INFO, g_log) << how << m_path;
         } catch (const ZooError& e) {
             m_publishFailures.fetch_add(1, std::memory_order_relaxed);
+            // This attempt made no node: one known deleted while the session
+            // lives (ours, or another's that held the id) is to be created
+            // again, as one lost with the session. After an unanswered
+            // create the node stays uncertain.
+            if (m_node == Node::kPublished || m_node == Node::kForeign) SetNode(Node::kLostWithSession);
             if (e.Code() == ZNODEEXISTS) return Judge(tries - 1);
-            // A create left unanswered while the connection stays up is
-            // followed by no connected event that would try it again: whether
-            // it made the node is asked now.
-            if (m_node == Node::kUncertain && m_conn->State() == ZOO_CONNECTED_STATE) {
-                JXLOG(logging::JXLOG_WARNING, g_log) << "Instance creation unanswered, asking whether it was made: "
+            // A request of this attempt left unanswered while the connection
+            // stays up (the create, or the service node's check or creation
+            // before it) is followed by no connected event that would try
+            // again: the node is read now, and created again if not there.
+            const bool unanswered = e.Code() == ZOPERATIONTIMEOUT || e.Code() == ZCONNECTIONLOSS;
+            if (unanswered && m_conn->State() == ZOO_CONNECTED_STATE) {
+                JXLOG(logging::JXLOG_WARNING, g_log) << "Instance creation unanswered, reading whether it was made: "
                                                      << m_path << ": " << e.what();
                 return Judge(tries - 1);
             }
             JXLOG(logging::JXLOG_ERROR, g_log) << "Instance not published again, retried on the next connection: "
                                                << m_path << ": " << e.what();
-            // A node deleted while the session lives is tried again, as one
-            // lost with the session; an unanswered create stays uncertain.
-            if (m_node == Node::kPublished || m_node == Node::kForeign) SetNode(Node::kLostWithSession);
         }
     }
 
     // Requires m_mtx held. Reads who owns the existing node: this session
     // (published), or another (not published; watched, so that the node is
-    // created again once that one is gone). A node whose creation went
-    // unanswered and that cannot be read now either is watched: the read's
-    // answer settles it whenever it comes.
+    // created again once that one is gone). A node that cannot be read now,
+    // while the connection stays up, is watched all the same: the answer of
+    // the watch's read settles it (OnNodeRead), and its deletion is seen.
     void Judge(int tries = 3) {
         Stat stat{};
         const int rc = m_conn->Exists(m_path, &stat);
@@ -203,9 +213,8 @@ private:
             return;
         }
         if (rc == ZOK) Settle(stat);
-        // Otherwise the session's events take over, once the connection is
-        // lost; while it stays up, the watch's read does.
-        if (rc == ZOK || (m_node == Node::kUncertain && m_conn->State() == ZOO_CONNECTED_STATE)) Watch();
+        // Unread without a connection: its next connected event takes over.
+        if (rc == ZOK || m_conn->State() == ZOO_CONNECTED_STATE) Watch();
     }
 
     // Requires m_mtx held. The node under the id is `stat`'s: published
@@ -247,19 +256,25 @@ private:
         if (rc == ZOK) m_watch = std::move(handle);
     }
 
-    // On the delivery thread: the node changed, or is gone.
+    // On the delivery thread: the node changed, or is gone. Events of an
+    // expired session's watches never come (the connection drops them), so
+    // a node still to be created again is judged too: its watch was set by
+    // a read of it that went unanswered while connected.
     void OnNodeEvent() {
         std::lock_guard<std::mutex> lock(m_mtx);
-        if (m_stopping || m_node == Node::kNotCreated || m_node == Node::kLostWithSession) return;
+        if (m_stopping || m_node == Node::kNotCreated) return;
         if (m_conn->State() != ZOO_CONNECTED_STATE) return;  // an expiry is the session's to handle
         Judge();
     }
 
     // On the delivery thread: the answer of the read that watches the node.
+    // It settles a node whose owner is not known yet; a known one's watch
+    // needs only its events.
     void OnNodeRead(int rc, const Stat* stat) {
         if (rc == ZNONODE) return OnNodeEvent();
         std::lock_guard<std::mutex> lock(m_mtx);
-        if (rc == ZOK && stat != nullptr && !m_stopping && m_node == Node::kUncertain) Settle(*stat);
+        const bool unknown = m_node == Node::kUncertain || m_node == Node::kLostWithSession;
+        if (rc == ZOK && stat != nullptr && !m_stopping && unknown) Settle(*stat);
     }
 
     // "host:port" of `record`, the host in brackets when it holds a colon.
@@ -308,6 +323,9 @@ private:
     }
     bool m_stopping = false;          // guarded by m_mtx; set by Withdraw
     Connection::WatchHandle m_watch;  // on the node; guarded by m_mtx
+    // The session's events; made by Start, ended by Withdraw or with this
+    // object, on the owner's threads.
+    details::SessionSubscription m_subscription;
 
     // The metrics' view, read without m_mtx. m_addressMtx is a leaf lock,
     // never held across a request.

@@ -61,6 +61,11 @@ size_t ServiceWatcherImpl::InstanceCount() const {
     return m_instances.size();
 }
 
+size_t ServiceWatcherImpl::WatchHandleCount() const {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    return m_instanceWatchHandles.size();
+}
+
 bool ServiceWatcherImpl::Settled() const {
     std::lock_guard<std::mutex> lock(m_mtx);
     return !m_startRetry && !m_serviceRetry && m_instanceRetry.empty();

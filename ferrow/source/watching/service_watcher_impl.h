@@ -59,6 +59,11 @@ public:
     // How many ListInstances would list, without copying them.
     size_t InstanceCount() const;
 
+    // Watch handles held on instances, known ones and others. An instance
+    // listed and gone before its first read keeps its handle until the
+    // session expires or this core goes; for diagnostics and benchmarks.
+    size_t WatchHandleCount() const;
+
     // Whether nothing waits for a retry: no start-up, service or instance
     // watch is marked for the next connected event.
     bool Settled() const;
