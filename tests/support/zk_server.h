@@ -194,8 +194,11 @@ private:
 // loopback port in front of `targetPort`. Blackhole freezes the relay and
 // every connection through it, open as they are: no byte passes either way
 // until Heal, as at a cut cable (connections attempted meanwhile are
-// accepted by the kernel and get no answer). Reset kills it, closing every
-// connection, and starts it again on the same port. Not thread-safe.
+// accepted by the kernel and get no answer). Cut closes every connection
+// through it at once, both ends seeing theirs end, and leaves it frozen
+// like Blackhole until Heal: the clients cannot reconnect meanwhile. Reset
+// kills it, closing every connection, and starts it again on the same
+// port. Not thread-safe.
 class Relay {
 public:
     explicit Relay(int targetPort) : m_target(targetPort) { Reset(); }
@@ -204,6 +207,13 @@ public:
     Relay& operator=(const Relay&) = delete;
 
     void Blackhole() const { ::kill(-m_pid, SIGSTOP); }
+    void Cut() const {
+        Blackhole();
+        // The listener's children each carry one connection; the listener,
+        // stopped, accepts nothing until Heal.
+        std::ifstream children("/proc/" + std::to_string(m_pid) + "/task/" + std::to_string(m_pid) + "/children");
+        for (pid_t child; children >> child;) ::kill(child, SIGKILL);
+    }
     void Heal() const { ::kill(-m_pid, SIGCONT); }
     // Throws std::runtime_error when the relay does not listen within 10 s.
     void Reset() {

@@ -229,10 +229,13 @@ void ZooKeeperConnection::Withdraw(Session& session, const std::vector<WatchReco
         std::lock_guard<std::mutex> lock(session.m_watchMtx);
         // Counted now rather than kept per watch: withdrawals come in batches
         // (a watcher stopping, a session's leftovers), and a count kept per
-        // watch would cost every watch a map entry.
+        // watch would cost every watch a map entry. Only records still wanted
+        // share the server's watch, with the record withdrawn here: another
+        // one let go is a read never sent, which registers nothing, or one
+        // whose answer or removal in flight deals with the server itself.
         for (const auto& entry : session.m_watches) {
             const auto node = lastOfNode.find(NodeKey(entry.first->PathView(), entry.first->m_child));
-            if (node != lastOfNode.end()) ++node->second.second;
+            if (node != lastOfNode.end() && (entry.first->m_ctx || entry.first == node->second.first)) ++node->second.second;
         }
         for (const auto& [key, node] : lastOfNode) {
             const auto [record, sharers] = node;
@@ -249,21 +252,31 @@ void ZooKeeperConnection::OnWithdrawn(int rc, const void* data) {
     auto* record = static_cast<WatchRecord*>(const_cast<void*>(data));
     Session& session = record->m_session;
     std::unique_ptr<WatchRecord> freed;
-    std::lock_guard<std::mutex> lock(session.m_watchMtx);
-    record->m_busy = false;
-    bool gone = rc == ZOK || record->m_fired;
-    if (rc == ZNOWATCHER && !record->m_fired) {
-        // The server held none (its event is on the way, or the watch was
-        // never set again after a reconnection): the client's own goes. If
-        // the client no longer holds it either, it has collected the event
-        // and will still call OnClientWatchEvent with the record, which
-        // frees it then.
-        gone = zoo_remove_watches(session.m_zh, record->Path(), WatcherType(record->m_child), &OnClientWatchEvent,
-                                  record, 1) == ZOK;
+    bool lost = false;
+    {
+        std::lock_guard<std::mutex> lock(session.m_watchMtx);
+        record->m_busy = false;
+        bool gone = rc == ZOK || record->m_fired;
+        if (rc == ZNOWATCHER && !record->m_fired) {
+            // The server held none (its event is on the way, the watch was
+            // never set again after a reconnection, or another record's
+            // removal of the node's watches took it): the client's own goes,
+            // if it still holds it. The client delivers a node's events and
+            // this answer on one thread in the order they arrived, so an
+            // event collected before this answer would have marked the
+            // record fired by now: none will come for it, and it is freed.
+            zoo_remove_watches(session.m_zh, record->Path(), WatcherType(record->m_child), &OnClientWatchEvent, record, 1);
+            gone = true;
+        }
+        // Otherwise (the connection was lost meanwhile) it stays armed and
+        // unwanted, and is withdrawn once connected.
+        if (gone) freed = session.TakeWatchLocked(record);
+        lost = !gone && (rc == ZCONNECTIONLOSS || rc == ZOPERATIONTIMEOUT);
     }
-    // Otherwise (the connection was lost meanwhile) it stays armed and
-    // unwanted, and is withdrawn at the next connected event.
-    if (gone) freed = session.TakeWatchLocked(record);
+    // The connected event may have come already, while the removal was in
+    // flight and the record busy: the session thread is asked again, and
+    // withdraws it now if connected, else at that event.
+    if (lost) session.m_conn.RequestMaintenance(session.m_generation);
 }
 
 void ZooKeeperConnection::Rearm(Session& session, WatchRecord* record) {
