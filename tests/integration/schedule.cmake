@@ -6,7 +6,7 @@
 # replays a seed (FERROW_SCHEDULE_REPEAT=K times); FERROW_SCHEDULE_SECONDS=N
 # runs new ones for that long and checks that memory and descriptors stay
 # flat (the soak):
-#   FERROW_SCHEDULE_SECONDS=3600 tests/schedule_integration_test --gtest_filter='*Random*'
+#   FERROW_SCHEDULE_SECONDS=1200 tests/schedule_integration_test --gtest_filter='*Random*'
 ferrow_add_test(schedule_integration_test LABEL integration TIMEOUT 900
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/schedule_test.cpp
   LIBS ferrow)
