@@ -291,6 +291,23 @@ TEST(RegistrationTest, ARecreationUnansweredWhileConnectedIsSettledByReadingTheN
     }
 }
 
+// The read that watches a new node can be lost with the connection right
+// after the create: no watch is set then, and the next connected event
+// (the client reconnects within the session) reads and watches the node
+// again, so that its deletion meanwhile or later is still repaired.
+TEST(RegistrationTest, AWatchLostWithTheConnectionIsSetAgainOnceConnected) {
+    const auto conn = std::make_shared<FakeConnection>();
+    ServiceRegistration registration(conn, "svc", testing::MakeRecord(1));
+    ASSERT_EQ(conn->RequestCount(), 1u);  // the node's watch
+    conn->FireData(0, ZCONNECTIONLOSS, String());
+    conn->SetExists(registration.Path(), false);  // deleted while cut off
+    conn->SessionEvent(ZOO_CONNECTED_STATE);
+    EXPECT_TRUE(registration.IsPublished()) << "created again";
+    ASSERT_EQ(conn->RequestCount(), 2u) << "and watched again";
+    conn->SessionEvent(ZOO_CONNECTED_STATE);
+    EXPECT_EQ(conn->RequestCount(), 2u) << "once";
+}
+
 // Watchers come and go on a long-lived connection: each leaves the
 // connection's session observers as it found them, with or without
 // tracking whether its view is complete.

@@ -155,8 +155,13 @@ public:
         }
         // A connected event that arrives before Start has published is the
         // session's first, not a new session: Start creates the node itself.
-        if (state != ZOO_CONNECTED_STATE || (m_node != Node::kLostWithSession && m_node != Node::kUncertain)) return;
-        Republish("Instance published again after session expiry: ");
+        if (state != ZOO_CONNECTED_STATE) return;
+        if (m_node == Node::kLostWithSession || m_node == Node::kUncertain) {
+            return Republish("Instance published again after session expiry: ");
+        }
+        // The node's watch was lost with the connection: whose the node is
+        // now, if it is there, is read again, and the node watched.
+        if (std::exchange(m_watchRetry, false) && (m_node == Node::kPublished || m_node == Node::kForeign)) Judge();
     }
 
     const ServiceId& Id() const { return m_id; }
@@ -252,8 +257,10 @@ private:
             [weak](int rc, String, const Stat* stat) {
                 if (const auto self = weak.lock()) self->OnNodeRead(rc, stat);
             });
-        // The watch replaced has fired: nothing to cancel.
+        // The watch replaced has fired: nothing to cancel. Not issued: set
+        // again at the next connected event.
         if (rc == ZOK) m_watch = std::move(handle);
+        else m_watchRetry = true;
     }
 
     // On the delivery thread: the node changed, or is gone. Events of an
@@ -273,6 +280,10 @@ private:
     void OnNodeRead(int rc, const Stat* stat) {
         if (rc == ZNONODE) return OnNodeEvent();
         std::lock_guard<std::mutex> lock(m_mtx);
+        // Lost with the connection (a cut right after the node was made):
+        // no watch was set, and the node is judged and watched again at the
+        // next connected event, which the client sends once it reconnects.
+        if (rc != ZOK && rc >= ZAPIERROR && !m_stopping) m_watchRetry = true;
         const bool unknown = m_node == Node::kUncertain || m_node == Node::kLostWithSession;
         if (rc == ZOK && stat != nullptr && !m_stopping && unknown) Settle(*stat);
     }
@@ -323,6 +334,7 @@ private:
     }
     bool m_stopping = false;          // guarded by m_mtx; set by Withdraw
     Connection::WatchHandle m_watch;  // on the node; guarded by m_mtx
+    bool m_watchRetry = false;        // guarded by m_mtx: m_watch was never set
     // The session's events; made by Start, ended by Withdraw or with this
     // object, on the owner's threads.
     details::SessionSubscription m_subscription;
