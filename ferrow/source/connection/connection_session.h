@@ -110,9 +110,9 @@ struct ZooKeeperConnection::WatchRecord {
     // freeing to whoever set m_busy.
     bool m_busy = false;
     bool m_fired = false;
-    // Its read was handed to the client (set once, under the session's
-    // m_readMtx): until then the server holds nothing of it.
-    std::atomic<bool> m_sent{false};
+    // Its read was handed to the client: until then the server holds
+    // nothing of it. Guarded by the session's m_readMtx, not m_watchMtx.
+    bool m_sent = false;
 
 private:
     struct PathBytes {

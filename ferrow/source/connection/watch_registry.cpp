@@ -240,7 +240,7 @@ void ZooKeeperConnection::Withdraw(Session& session, const std::vector<WatchReco
         // removal, and registers its watch afresh at the server and the
         // client alike.
         const auto shares = [](const WatchRecord& other) {
-            return other.m_ctx && (other.m_state != WatchRecord::State::kReading || other.m_sent.load());
+            return other.m_ctx && (other.m_state != WatchRecord::State::kReading || other.m_sent);
         };
         for (const auto& entry : session.m_watches) {
             const auto node = lastOfNode.find(NodeKey(entry.first->PathView(), entry.first->m_child));

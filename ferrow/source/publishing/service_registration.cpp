@@ -260,7 +260,7 @@ private:
         // The watch replaced has fired: nothing to cancel. Not issued: set
         // again at the next connected event.
         if (rc == ZOK) m_watch = std::move(handle);
-        else m_watchRetry = true;
+        m_watchRetry = rc != ZOK;
     }
 
     // On the delivery thread: the node changed, or is gone. Events of an

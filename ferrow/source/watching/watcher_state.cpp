@@ -320,14 +320,14 @@ void WatcherState::CheckNode() {
         m_path,
         [weak](int type, int, String) {
             const auto self = weak.lock();
-            const CallbackGate::Pass pass = self ? self->m_gate.Enter() : CallbackGate::Pass();
+            const CallbackGate::Pass pass = Admit(self);
             // Deleted, or changed: a change may be a node created again
             // while the connection was down. The read tells.
             if (pass && (type == ZOO_DELETED_EVENT || type == ZOO_CHANGED_EVENT)) self->CheckNode();
         },
         [weak](int result, String, const Stat* stat) {
             const auto self = weak.lock();
-            if (const CallbackGate::Pass pass = self ? self->m_gate.Enter() : CallbackGate::Pass()) {
+            if (const CallbackGate::Pass pass = Admit(self)) {
                 self->OnNodeRead(result, stat != nullptr ? stat->czxid : 0);
             }
         });
@@ -427,13 +427,13 @@ void WatcherState::WatchAncestor(const String& parent) {
         parent,
         [weak](int type, int, String) {
             const auto self = weak.lock();
-            const CallbackGate::Pass pass = self ? self->m_gate.Enter() : CallbackGate::Pass();
+            const CallbackGate::Pass pass = Admit(self);
             // A deleted ancestor is found by the next look from the node.
             if (pass && (type == ZOO_CHILD_EVENT || type == ZOO_DELETED_EVENT)) self->CheckNode();
         },
         [weak, parent](int result, std::vector<String> children) {
             const auto self = weak.lock();
-            if (const CallbackGate::Pass pass = self ? self->m_gate.Enter() : CallbackGate::Pass()) {
+            if (const CallbackGate::Pass pass = Admit(self)) {
                 self->OnAncestorRead(parent, result, children);
             }
         });

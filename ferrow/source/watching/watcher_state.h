@@ -145,6 +145,11 @@ private:
     // Tells the service listeners; no lock held.
     void Tell(bool exists);
 
+    // Lets in a callback that found this object alive and not closed.
+    static CallbackGate::Pass Admit(const std::shared_ptr<WatcherState>& self) {
+        return self ? self->m_gate.Enter() : CallbackGate::Pass();
+    }
+
     // Builds, registers and starts a core for the node created at `czxid`
     // (0: the first, which may create the node; -1: a node that may not be
     // read).
