@@ -219,32 +219,6 @@ TEST_F(ConnectionTest, ReadsBeyondTheWindowWaitAndKeepTheirOrder) {
     EXPECT_EQ(closing.load(), 100);
     EXPECT_EQ(other.load(), 0);
 
-    // A node watched by an answered read and by one still waiting, both let
-    // go in turn: the server forgets the watch, though the second read,
-    // dropped unsent, never asks it to.
-    handles.clear();
-    ASSERT_TRUE(PollUntil([&] { return limited->PendingWatchCount() == baseline; }, kDeadline));
-    Connection::WatchHandle first = limited->AsyncGet(path, [](int, int, String) {}, kIgnore).second;
-    Flush(*limited);
-    std::promise<void> hold;
-    std::shared_future<void> held = hold.get_future().share();
-    limited->AsyncGet(path + "/none", nullptr, [held](int, String, const Stat*) { held.wait(); });
-    for (int i = 0; i < 2; ++i) limited->AsyncGet(path + "/none", nullptr, kIgnore);
-    ASSERT_TRUE(PollUntil([&] {
-        const ZooKeeperConnection::ReadCounts reads = limited->Reads();
-        return reads.onWire == 0 && reads.answersWaiting >= 2;
-    }, kDeadline));
-    Connection::WatchHandle second = limited->AsyncGet(path, [](int, int, String) {}, kIgnore).second;
-    ASSERT_EQ(limited->Reads().waiting, 1u);
-    first = Connection::WatchHandle();
-    ASSERT_TRUE(PollUntil([&] { return limited->PendingWatchCount() == baseline + 1; }, kDeadline));
-    second = Connection::WatchHandle();
-    hold.set_value();
-    Flush(*limited);
-    EXPECT_TRUE(PollUntil([&] {
-        return testing::FourLetterWord(s_server->ClientPort(), "wchp").find(path + "\n") == std::string::npos;
-    }, kDeadline)) << testing::FourLetterWord(s_server->ClientPort(), "wchp");
-
     std::atomic<bool> destroyed{false};
     std::atomic<int> late{0};
     for (int i = 0; i < 100; ++i) {

@@ -236,10 +236,7 @@ int ZooKeeperConnection::IssueRead(zhandle_t* zh, const char* path, AsyncRequest
         rc = record ? zoo_awget(zh, path, &OnClientWatchEvent, record, &OnClientData, request)
                     : zoo_aget(zh, path, 0, &OnClientData, request);
     }
-    if (rc == ZOK) {
-        request->m_session->m_conn.m_readsIssued.fetch_add(1, std::memory_order_relaxed);
-        if (record) record->m_sent = true;
-    }
+    if (rc == ZOK) request->m_session->m_conn.m_readsIssued.fetch_add(1, std::memory_order_relaxed);
     return rc;
 }
 

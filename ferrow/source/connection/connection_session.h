@@ -110,9 +110,6 @@ struct ZooKeeperConnection::WatchRecord {
     // freeing to whoever set m_busy.
     bool m_busy = false;
     bool m_fired = false;
-    // Its read was handed to the client: until then the server holds
-    // nothing of it. Guarded by the session's m_readMtx, not m_watchMtx.
-    bool m_sent = false;
 
 private:
     struct PathBytes {
@@ -165,8 +162,8 @@ struct ZooKeeperConnection::Session {
     size_t m_resetBytes = 0;  // guarded by m_watchMtx: estimate over m_watches
     details::Outstanding m_outstanding;
     // The room for reads (see ReadWindow), and the reads waiting for it in
-    // the order they were asked for. Taken after m_watchMtx by a withdrawal,
-    // never before it; the client's own lock is taken under it.
+    // the order they were asked for. A leaf lock but for the client's own,
+    // which issuing takes under it.
     std::mutex m_readMtx;
     std::deque<AsyncRequest*> m_waitingReads;  // guarded by m_readMtx; owned through m_outstanding
     details::ReadWindow m_window;              // guarded by m_readMtx

@@ -223,28 +223,19 @@ void ZooKeeperConnection::Withdraw(Session& session, const std::vector<WatchReco
     Unregister(session, local, [] { return true; });
     local.clear();
     {
-        // Issued under the locks, so that no read can register the node
-        // again, nor a waiting one be sent, between the count and the
-        // request: the server answers in order, and the client registers a
-        // read's watch only when its answer comes. (m_readMtx is never held
-        // while m_watchMtx is taken.)
+        // Issued under the lock, so that no read can register the node again
+        // between the count and the request: the server answers in order,
+        // and the client registers a read's watch only when its answer comes.
         std::lock_guard<std::mutex> lock(session.m_watchMtx);
-        std::lock_guard<std::mutex> readLock(session.m_readMtx);
         // Counted now rather than kept per watch: withdrawals come in batches
         // (a watcher stopping, a session's leftovers), and a count kept per
         // watch would cost every watch a map entry. Only records still wanted
-        // whose read reached the client share the server's watch, with the
-        // record withdrawn here: one let go is a read never sent, which
-        // registers nothing, or one whose answer or removal in flight deals
-        // with the server itself; a read still waiting is sent after this
-        // removal, and registers its watch afresh at the server and the
-        // client alike.
-        const auto shares = [](const WatchRecord& other) {
-            return other.m_ctx && (other.m_state != WatchRecord::State::kReading || other.m_sent);
-        };
+        // share the server's watch, with the record withdrawn here: another
+        // one let go is a read never sent, which registers nothing, or one
+        // whose answer or removal in flight deals with the server itself.
         for (const auto& entry : session.m_watches) {
             const auto node = lastOfNode.find(NodeKey(entry.first->PathView(), entry.first->m_child));
-            if (node != lastOfNode.end() && (entry.first == node->second.first || shares(*entry.first))) ++node->second.second;
+            if (node != lastOfNode.end() && (entry.first->m_ctx || entry.first == node->second.first)) ++node->second.second;
         }
         for (const auto& [key, node] : lastOfNode) {
             const auto [record, sharers] = node;
