@@ -115,8 +115,7 @@ kill -TERM "$hidden"
 # every instance it does not know yet.
 check "watch names what it cannot read" "$(grep -c "Error watching instance /srv2/guarded/$hostile" "$dir/guarded.err")" 2
 
-# The README's examples: watch_service prints what publish_instance does, and
-# call_service stops choosing an instance whose calls keep failing.
+# The README's examples: watch_service prints what publish_instance does.
 mkfifo "$dir/stdin"
 "$watch_service" "$zk" example 3 60 >"$dir/example" 2>/dev/null & example=$!
 pids+=("$example")
@@ -128,13 +127,24 @@ id=$(line "$dir/published" 1)
 check "watch_service added" "$(line "$dir/example" 2)" "added $id 10.1.2.3:8443"
 echo fail=yes >&4
 check "watch_service modified" "$(line "$dir/example" 3)" "modified $id 10.1.2.3:8443"
-check "call_service" "$(run "$call_service" "$zk" example 5 | tr '\n' ,)" \
-  "call 1 10.1.2.3:8443,call 2 10.1.2.3:8443,call 3 10.1.2.3:8443,call 4: no instance available,call 5: no instance available,"
 exec 4>&-
 exited "$publish"; check "publish_instance ends with its input" $? 0
 check "a library program is quiet by default" "$(cat "$dir/published.err")" ""
 check "watch_service removed" "$(line "$dir/example" 4)" "removed $id"
 exited "$example"; check "watch_service ends after three events" $? 0
+
+# call_service, with the defaults, stops choosing the one of two instances
+# whose calls keep failing once it failed three times in a row, and goes on
+# with the other.
+"$ferrow" --zk "$zk" register calls --host 10.1.2.3 --port 80 --meta fail=yes >"$dir/failing" 2>&1 & failing=$!
+"$ferrow" --zk "$zk" register calls --host 10.1.2.4 --port 80 >"$dir/healthy" 2>&1 & healthy=$!
+pids+=("$failing" "$healthy")
+line "$dir/failing" 1 >/dev/null
+line "$dir/healthy" 1 >/dev/null
+calls=$(run "$call_service" "$zk" calls 10 | tail -n 4 | cut -d' ' -f3- | sort | uniq -c | tr -s ' ')
+check "call_service skips the failing instance" "$calls" " 4 10.1.2.4:80"
+kill -TERM "$failing" "$healthy"
+exited "$failing"; exited "$healthy"
 
 # Last, as it closes the root to every other check: the operator protects
 # it, and only alice and the operator add services from then on.

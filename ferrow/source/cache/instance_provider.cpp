@@ -1,8 +1,10 @@
 #include "ferrow/instance_provider.h"
 
 #include <algorithm>
+#include <limits>
 #include <random>
 #include <stdexcept>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -72,8 +74,35 @@ struct ThreadPlans {
     static constexpr std::size_t kSlots = 8;
     Slot slots[kSlots];
     std::size_t next = 0;
+    std::uint64_t ended = 0;  // g_ended when the slots were last swept
 };
 thread_local ThreadPlans t_plans;
+
+// The providers alive, and a count of those destroyed, so that each thread
+// lets go of a destroyed provider's plan at its next choice. Never
+// destroyed: a provider may outlive static destruction.
+std::mutex& g_liveMtx = *new std::mutex;
+std::unordered_set<std::uint64_t>& g_live = *new std::unordered_set<std::uint64_t>;
+std::atomic<std::uint64_t> g_ended{0};
+
+// Frees the slots of destroyed providers.
+void Sweep(ThreadPlans& plans) {
+    plans.ended = g_ended.load(std::memory_order_acquire);
+    std::vector<std::shared_ptr<const void>> dropped;
+    {
+        std::lock_guard<std::mutex> lock(g_liveMtx);
+        for (ThreadPlans::Slot& slot : plans.slots) {
+            if (slot.provider == 0 || g_live.count(slot.provider) != 0) continue;
+            slot.provider = 0;
+            dropped.push_back(std::move(slot.owner));
+            dropped.push_back(std::move(slot.plan));
+        }
+    }
+}
+
+// The provider whose filter this thread runs, if any: it must not choose
+// with that provider, whose plan it is building.
+thread_local const InstanceProvider* t_filtering = nullptr;
 
 // A thread's own reference to a plan, on cache lines of its own: its count
 // changes with every instance handed out.
@@ -141,9 +170,21 @@ int Doublings(const InstanceProvider::Health& health, std::int64_t now, const Do
 // Draws of a random or weighted choice before the instances that are up are
 // counted instead: with half of them down, 1 choice in 256 gets that far.
 constexpr int kDraws = 8;
-// Points of the ring walked past a key's own before its instance is chosen
-// among those that are up instead: with half of them down, a key in 2^32.
-constexpr std::size_t kRingWalk = 32;
+// Slots of the table tried after a key's own is down, before its instance
+// is chosen among those that are up instead: with half of them down, a key
+// in 2^32.
+constexpr int kKeyDraws = 32;
+// The filter's first retry, and its longest delay.
+constexpr std::chrono::milliseconds kFirstRetry{100};
+constexpr std::chrono::milliseconds kLongestRetry{10'000};
+
+// The entries the provider judges outcomes against (see the header's "Down
+// instances"): those with a positive weight, or the drained ones when every
+// one is.
+std::pair<std::size_t, std::size_t> Pool(const Plan& plan) {
+    return plan.groupStart[2] > 0 ? std::make_pair(std::size_t{0}, plan.groupStart[2])
+                                  : std::make_pair(plan.groupStart[2], plan.entries.size());
+}
 
 String What(const std::exception_ptr& failure) {
     try {
@@ -160,7 +201,16 @@ String What(const std::exception_ptr& failure) {
 InstanceProvider::InstanceProvider(std::shared_ptr<const ServiceCache> cache, ProviderOptions options)
     : m_cache(std::move(cache)), m_options(std::move(options)), m_id(NextProviderId()) {
     if (!m_cache) throw std::invalid_argument("InstanceProvider needs a cache");
-    if (m_options.down.errorThreshold < 1) throw std::invalid_argument("errorThreshold must be at least 1");
+    const DownInstancePolicy& policy = m_options.down;
+    if (policy.errorThreshold < 1) throw std::invalid_argument("errorThreshold must be at least 1");
+    const auto share = [](double value) { return value >= 0 && value <= 1; };
+    if (!share(policy.maxEjectedShare) || !share(policy.panicThreshold) || !share(policy.failureRate)) {
+        throw std::invalid_argument("maxEjectedShare, panicThreshold and failureRate must be within [0, 1]");
+    }
+    {
+        std::lock_guard<std::mutex> lock(g_liveMtx);
+        g_live.insert(m_id);
+    }
     m_metrics = std::make_unique<details::MetricsSource>([this](Metrics& metrics) { Collect(metrics); });
 }
 
@@ -172,6 +222,11 @@ InstanceProvider::~InstanceProvider() {
     }
     m_wake.notify_all();
     if (m_builder.joinable()) m_builder.join();
+    {
+        std::lock_guard<std::mutex> lock(g_liveMtx);
+        g_live.erase(m_id);
+    }
+    g_ended.fetch_add(1, std::memory_order_release);
 }
 
 InstancePtr InstanceProvider::Choose() {
@@ -192,16 +247,27 @@ InstancePtr InstanceProvider::Choose(std::string_view key) {
 }
 
 InstancePtr InstanceProvider::ChooseWith(Choosing& choosing) {
-    if (m_options.strategy == ChoiceStrategy::kSticky) return ChooseSticky(choosing);
-    std::size_t index = ChooseIndex(choosing, false);
-    if (index == Plan::kNone && m_options.whenAllDown == WhenAllDown::kChooseAmongDown) {
-        index = ChooseIndex(choosing, true);
-    }
+    bool panic = PanicNow();
+    if (m_options.strategy == ChoiceStrategy::kSticky) return ChooseSticky(choosing, panic);
+    std::size_t index = ChooseIndex(choosing, panic);
+    // An ejection that starts a panic ejects after it says so: a choice that
+    // found every instance down looks again.
+    if (index == Plan::kNone && !panic && (panic = PanicNow())) index = ChooseIndex(choosing, true);
     if (index == Plan::kNone) return nullptr;
     const Plan::Entry& entry = choosing.slot.plan->entries[index];
     if (m_options.strategy == ChoiceStrategy::kLeastRequest)
         entry.health->inFlight.fetch_add(1, std::memory_order_relaxed);
     return Hand(choosing.slot, entry);
+}
+
+bool InstanceProvider::PanicNow() {
+    if (!m_panic.load(std::memory_order_acquire)) return false;
+    // The clock is read only in a panic, which an ejection's end may end.
+    const std::int64_t now = NowNs();
+    if (now < m_panicUntil.load(std::memory_order_relaxed)) return true;
+    std::lock_guard<std::mutex> lock(m_healthMtx);
+    Judge(now);
+    return m_panic.load(std::memory_order_relaxed);
 }
 
 std::size_t InstanceProvider::ChooseIndex(Choosing& choosing, bool evenDown) {
@@ -232,57 +298,64 @@ std::size_t InstanceProvider::ChooseIn(Choosing& choosing, std::size_t group, bo
             return Plan::kNone;
         }
         case ChoiceStrategy::kLeastRequest: {
-            const std::size_t one = Draw(choosing, group, evenDown);
+            const std::size_t one = Draw(choosing, group, evenDown, true);
             if (one == Plan::kNone || count == 1) return one;
-            const std::size_t other = Draw(choosing, group, evenDown);
+            const std::size_t other = Draw(choosing, group, evenDown, true);
+            // Calls in flight per unit of weight, compared as products; a
+            // drained group's instances weigh alike.
+            const bool weighed = plan.entries[begin + count - 1].cumulativeWeight > 0;
             const auto load = [&](std::size_t index) {
-                return plan.entries[index].health->inFlight.load(std::memory_order_relaxed);
+                return static_cast<unsigned __int128>(
+                    std::max<std::int64_t>(0, plan.entries[index].health->inFlight.load(std::memory_order_relaxed)));
             };
-            return load(other) < load(one) ? other : one;
+            const auto weight = [&](std::size_t index) -> unsigned __int128 {
+                return WeightAt(plan, begin, index, weighed);
+            };
+            return load(other) * weight(one) < load(one) * weight(other) ? other : one;
         }
         case ChoiceStrategy::kByKey:
-            return choosing.keyed ? ByKey(choosing, group, evenDown) : Draw(choosing, group, evenDown);
+            return choosing.keyed ? ByKey(choosing, group, evenDown) : Draw(choosing, group, evenDown, true);
+        case ChoiceStrategy::kWeighted:
+            return Draw(choosing, group, evenDown, true);
         default:
-            return Draw(choosing, group, evenDown);
+            return Draw(choosing, group, evenDown, false);
     }
 }
 
-std::size_t InstanceProvider::Draw(Choosing& choosing, std::size_t group, bool evenDown) {
-    // Random, or weighted when the group has weights (only drained groups
-    // have none). A draw that meets a down instance is drawn again, so that
-    // the instances that are up share the load in proportion, as if the
-    // down ones were not there; when most are down, one pass over the group
+std::size_t InstanceProvider::Draw(Choosing& choosing, std::size_t group, bool evenDown, bool byWeight) {
+    // Uniform, or in proportion to weight when asked and the group's weights
+    // differ. A draw that meets a down instance is drawn again, so that the
+    // instances that are up share the load in proportion, as if the down
+    // ones were not there; when most are down, one pass over the group
     // chooses among the others with the same proportions.
     const Plan& plan = *choosing.slot.plan;
     const std::size_t begin = plan.groupStart[group];
     const std::size_t count = plan.groupStart[group + 1] - begin;
-    const std::uint64_t total = plan.entries[begin + count - 1].cumulativeWeight;
-    const bool weighted = m_options.strategy == ChoiceStrategy::kWeighted && total > 0;
-    const auto first = plan.entries.begin() + static_cast<std::ptrdiff_t>(begin);
+    const Plan::Alias& alias = plan.aliases[group];
+    const bool weighted = byWeight && !alias.threshold.empty();
     for (int draw = 0; draw < kDraws; ++draw) {
-        const std::size_t index =
-            weighted ? begin + static_cast<std::size_t>(
-                                   std::upper_bound(
-                                       first, first + static_cast<std::ptrdiff_t>(count), Random() % total,
-                                       [](std::uint64_t p, const Plan::Entry& e) { return p < e.cumulativeWeight; }) -
-                                   first)
-                     : begin + static_cast<std::size_t>(Random() % count);
-        if (Up(plan.entries[index], evenDown, choosing.now)) return index;
+        const std::uint64_t random = Random();
+        std::size_t offset = TableSlot(random, count);
+        if (weighted && static_cast<std::uint32_t>(random) >= alias.threshold[offset]) offset = alias.other[offset];
+        if (Up(plan.entries[begin + offset], evenDown, choosing.now)) return begin + offset;
     }
     return AmongUp(plan, begin, count, weighted, evenDown, choosing.now, Random());
 }
 
 std::size_t InstanceProvider::ByKey(Choosing& choosing, std::size_t group, bool evenDown) {
-    // The points after a key's own belong to instances in proportion to
-    // their shares: the keys of a down instance spread over the others as
-    // those of one that left would, and come back to it once it is up.
+    // Each slot belongs to an instance in proportion to its weight, so the
+    // slots tried after a key's own spread the keys of a down instance over
+    // the others as the keys of one that left would be, and the key comes
+    // back once it is up.
     const Plan& plan = *choosing.slot.plan;
-    const Plan::Ring& ring = plan.rings[group];
-    const std::size_t size = ring.points.size();
-    const std::size_t start = RingPoint(ring, choosing.keyHash);
-    for (std::size_t step = 0; step < std::min(size, kRingWalk); ++step) {
-        const std::size_t index = ring.owners[(start + step) % size];
+    const Plan::Table& table = *plan.tables[group];
+    const std::vector<std::uint32_t>& entryOf = plan.tableEntries[group];
+    const std::size_t slots = table.owners.size();
+    std::uint64_t hash = choosing.keyHash;
+    for (int draw = 0; draw <= kKeyDraws; ++draw) {
+        const std::size_t index = entryOf[table.owners[TableSlot(hash, slots)]];
         if (Up(plan.entries[index], evenDown, choosing.now)) return index;
+        hash = Mix(hash + 0x9e3779b97f4a7c15ULL);
     }
     // Most of the group is down: the key keeps one place among those up.
     const std::size_t begin = plan.groupStart[group];
@@ -291,7 +364,7 @@ std::size_t InstanceProvider::ByKey(Choosing& choosing, std::size_t group, bool 
                    choosing.keyHash);
 }
 
-InstancePtr InstanceProvider::ChooseSticky(Choosing& choosing) {
+InstancePtr InstanceProvider::ChooseSticky(Choosing& choosing, bool panic) {
     ThreadSlot& slot = choosing.slot;
     const Plan& plan = *slot.plan;
     // The choice is an instance, not a place in a plan: threads on plans of
@@ -305,15 +378,12 @@ InstancePtr InstanceProvider::ChooseSticky(Choosing& choosing) {
         slot.stickyIndex = m_stickyChosen ? plan.EntryOf(*m_stickyChosen) : Plan::kNone;
     }
     const std::size_t held = slot.stickyIndex;
-    // A drained choice stands only while nothing has a positive weight.
+    // A drained choice stands only while nothing has a positive weight; in
+    // a panic a down one stands too, until one is up.
     const bool standing = held != Plan::kNone && (held < plan.groupStart[2] || plan.groupStart[2] == 0);
-    if (standing && !DownNow(plan.entries[held], choosing.now)) return Hand(slot, plan.entries[held]);
-    std::size_t index = ChooseIndex(choosing, false);
-    if (index == Plan::kNone && m_options.whenAllDown == WhenAllDown::kChooseAmongDown) {
-        // Every instance is down: the choice stands all the same, or one is
-        // made among the down ones; either way it holds until one is up.
-        index = standing ? held : ChooseIndex(choosing, true);
-    }
+    if (standing && (panic || !DownNow(plan.entries[held], choosing.now))) return Hand(slot, plan.entries[held]);
+    std::size_t index = ChooseIndex(choosing, panic);
+    if (index == Plan::kNone && !panic && PanicNow()) index = standing ? held : ChooseIndex(choosing, true);
     if (index == Plan::kNone) return nullptr;
     if (index == held) return Hand(slot, plan.entries[index]);
     // The latest choice stands: one that another thread made since this one
@@ -330,6 +400,7 @@ InstancePtr InstanceProvider::ChooseSticky(Choosing& choosing) {
 InstanceProvider::ThreadSlot& InstanceProvider::CurrentSlot() {
     const std::uint64_t version = m_cache->Version();
     ThreadPlans& plans = t_plans;
+    if (plans.ended != g_ended.load(std::memory_order_relaxed)) Sweep(plans);
     for (ThreadPlans::Slot& slot : plans.slots) {
         if (slot.provider != m_id) continue;
         if (slot.plan->version < version) Refresh(slot, version);
@@ -340,6 +411,7 @@ InstanceProvider::ThreadSlot& InstanceProvider::CurrentSlot() {
     std::shared_ptr<const Plan> plan = WaitForPlan(version);
     auto owner = std::make_shared<const PlanOwner>(PlanOwner{plan});
     ThreadPlans::Slot& slot = plans.slots[plans.next++ % ThreadPlans::kSlots];
+    std::shared_ptr<const void> previous[] = {std::move(slot.owner), std::move(slot.plan)};
     slot.provider = m_id;
     slot.owner = std::move(owner);
     slot.plan = std::move(plan);
@@ -387,14 +459,18 @@ void InstanceProvider::StartBuilder() {
 }
 
 std::shared_ptr<const InstanceProvider::Plan> InstanceProvider::WaitForPlan(std::uint64_t version) {
+    if (t_filtering == this) {
+        throw std::logic_error("InstanceProvider: its filter chose with it, while its plan was being built");
+    }
     std::unique_lock<std::mutex> lock(m_planMtx);
     const auto ready = [&] { return m_plan && m_plan->version >= version; };
     if (ready()) return m_plan;
+    // The filter failed at this version: the provider's thread tries again
+    // on its own schedule, and meanwhile every caller gets its exception.
+    if (m_failure && m_failedVersion >= version) std::rethrow_exception(m_failure);
     const std::uint64_t failures = m_failures;
     if (m_requested.load(std::memory_order_relaxed) < version) m_requested.store(version, std::memory_order_relaxed);
-    // An attempt at this version failed: one more. One not yet made or
-    // under way serves every thread that waits for it.
-    if (m_attempted >= version) m_retry = true;
+    m_wanted = true;  // an attempt even at a version tried already (the first, 0)
     StartBuilder();
     m_wake.notify_one();
     m_built.wait(lock, [&] { return ready() || m_failures != failures; });
@@ -404,11 +480,20 @@ std::shared_ptr<const InstanceProvider::Plan> InstanceProvider::WaitForPlan(std:
 
 void InstanceProvider::BuildPlans() {
     std::unique_lock<std::mutex> lock(m_planMtx);
+    std::chrono::milliseconds delay = kFirstRetry;
+    std::chrono::steady_clock::time_point retryAt;
     for (;;) {
-        m_wake.wait(lock, [&] {
-            return m_stopping || m_retry || m_requested.load(std::memory_order_relaxed) > m_attempted ||
+        const auto work = [&] {
+            return m_stopping || m_wanted || m_requested.load(std::memory_order_relaxed) > m_attempted ||
                    !m_retired.empty();
-        });
+        };
+        // After a failure, the latest snapshot is tried again once the
+        // delay is over, or at once when the cache has changed.
+        if (m_failure) {
+            m_wake.wait_until(lock, retryAt, work);
+        } else {
+            m_wake.wait(lock, work);
+        }
         if (m_stopping) return;
         if (!m_retired.empty()) {
             std::vector<std::shared_ptr<const void>> retired;
@@ -418,7 +503,9 @@ void InstanceProvider::BuildPlans() {
             lock.lock();
             continue;
         }
-        m_retry = false;
+        const bool retryDue = m_failure && std::chrono::steady_clock::now() >= retryAt;
+        if (m_requested.load(std::memory_order_relaxed) <= m_attempted && !retryDue && !m_wanted) continue;
+        m_wanted = false;
         lock.unlock();
         // The filter runs in BuildPlan, with no lock held.
         SnapshotPtr snapshot = m_cache->Snapshot();
@@ -429,17 +516,31 @@ void InstanceProvider::BuildPlans() {
             plan = BuildPlan(std::move(snapshot));
         } catch (...) {
             failure = std::current_exception();
-            JXLOG(logging::JXLOG_ERROR, g_log) << "Instance filter failed, choosing from the previous view instead "
-                                                  "of version "
-                                               << version << ": " << What(failure);
         }
         lock.lock();
         m_attempted = std::max(m_attempted, version);
         if (plan) {
             Install(std::move(plan));
+            m_failure = nullptr;
+            delay = kFirstRetry;
         } else {
             m_failure = failure;
+            m_failedVersion = version;
             ++m_failures;
+            retryAt = std::chrono::steady_clock::now() + delay;
+            if (version != m_loggedVersion) {
+                m_loggedVersion = version;
+                if (m_plan) {
+                    JXLOG(logging::JXLOG_ERROR, g_log)
+                        << "Instance filter failed on version " << version << ", choosing from version "
+                        << m_plan->version << " until it succeeds: " << What(failure);
+                } else {
+                    JXLOG(logging::JXLOG_ERROR, g_log) << "Instance filter failed on version " << version
+                                                       << ", nothing to choose from until it succeeds: "
+                                                       << What(failure);
+                }
+            }
+            delay = std::min(delay * 2, kLongestRetry);
         }
         m_built.notify_all();
     }
@@ -447,7 +548,11 @@ void InstanceProvider::BuildPlans() {
 
 void InstanceProvider::Install(std::shared_ptr<const Plan> plan) {
     if (m_plan && m_plan->version >= plan->version) return;
-    m_accepted.store(plan->entries.size(), std::memory_order_relaxed);
+    {
+        std::lock_guard<std::mutex> lock(m_healthMtx);
+        m_view = plan;
+        Judge(NowNs());
+    }
     m_plan = std::move(plan);
     m_planVersion.store(m_plan->version, std::memory_order_release);
 }
@@ -457,12 +562,18 @@ std::shared_ptr<const InstanceProvider::Plan> InstanceProvider::BuildPlan(Snapsh
     plan->version = snapshot->Version();
     // The filter is the caller's code: it runs with no lock held.
     std::vector<const CachedInstance*> groups[Plan::kGroups];
-    for (std::size_t index = 0; index < snapshot->size(); ++index) {
-        const InstancePtr& instance = (*snapshot)[index];
-        if (m_options.filter && !m_options.filter(*instance)) continue;
-        const bool elsewhere = !m_options.zone.empty() && instance->Zone() != m_options.zone;
-        const bool drained = instance->Weight() == 0;
-        groups[(drained ? 2 : 0) + (elsewhere ? 1 : 0)].push_back(instance.get());
+    {
+        t_filtering = this;
+        struct Done {
+            ~Done() { t_filtering = nullptr; }
+        } done;
+        for (std::size_t index = 0; index < snapshot->size(); ++index) {
+            const InstancePtr& instance = (*snapshot)[index];
+            if (m_options.filter && !m_options.filter(*instance)) continue;
+            const bool elsewhere = !m_options.zone.empty() && instance->Zone() != m_options.zone;
+            const bool drained = instance->Weight() == 0;
+            groups[(drained ? 2 : 0) + (elsewhere ? 1 : 0)].push_back(instance.get());
+        }
     }
     {
         std::lock_guard<std::mutex> lock(m_healthMtx);
@@ -477,7 +588,6 @@ std::shared_ptr<const InstanceProvider::Plan> InstanceProvider::BuildPlan(Snapsh
             }
         }
         plan->groupStart[Plan::kGroups] = plan->entries.size();
-        plan->IndexIds();
         // Forget instances that left and have nothing left to count.
         const std::int64_t now = NowNs();
         const std::int64_t windowStart = now - Nanos(m_options.down.errorWindow);
@@ -492,9 +602,25 @@ std::shared_ptr<const InstanceProvider::Plan> InstanceProvider::BuildPlan(Snapsh
             it = health.seenIn < plan->version && !counting ? m_health.erase(it) : std::next(it);
         }
     }
-    if (m_options.strategy == ChoiceStrategy::kByKey) {
-        for (std::size_t group = 0; group < Plan::kGroups; ++group)
-            plan->rings[group] = BuildRing(*plan, group, m_ringScale[group]);
+    plan->IndexIds();
+    for (std::size_t group = 0; group < Plan::kGroups; ++group) {
+        plan->aliases[group] = BuildAlias(*plan, group);
+        if (m_options.strategy != ChoiceStrategy::kByKey || plan->groupStart[group] == plan->groupStart[group + 1]) {
+            continue;
+        }
+        // A group that did not change keeps its table: it is a function of
+        // the ids and weights alone.
+        std::vector<std::pair<ServiceId, std::uint64_t>> inputs = TableInputs(*plan, group);
+        if (!m_tables[group] || inputs != m_tableInputs[group]) {
+            m_tables[group] = std::make_shared<const Plan::Table>(BuildTable(inputs));
+            m_tableInputs[group] = std::move(inputs);
+        }
+        plan->tables[group] = std::static_pointer_cast<const Plan::Table>(m_tables[group]);
+        std::vector<std::uint32_t>& entryOf = plan->tableEntries[group];
+        entryOf.reserve(m_tableInputs[group].size());
+        for (const auto& input : m_tableInputs[group]) {
+            entryOf.push_back(static_cast<std::uint32_t>(plan->EntryOf(input.first)));
+        }
     }
     plan->snapshot = std::move(snapshot);
     return plan;
@@ -516,19 +642,27 @@ void InstanceProvider::ReportFailure(const ServiceId& id) {
     m_counts.Add(kFailed);
     const std::int64_t now = NowNs();
     std::lock_guard<std::mutex> lock(m_healthMtx);
-    Health& health = *HealthOf(id);
-    EndCall(health);
+    Health* const counted = EndCounted(id);
+    if (!counted) return;
+    Health& health = *counted;
     if (health.downUntil.load(std::memory_order_relaxed) > now) return;  // ejected already: calls in flight
     CountCall(health, now, true);
-    if (health.row == 0 || health.rowStart <= now - Nanos(m_options.down.errorWindow)) {
+    const DownInstancePolicy& policy = m_options.down;
+    if (health.row == 0 || health.rowStart <= now - Nanos(policy.errorWindow)) {
         health.row = 0;
         health.rowStart = now;
     }
+    const std::uint64_t seq = m_failed.load(std::memory_order_relaxed) + 1;
+    m_failed.store(seq, std::memory_order_relaxed);
+    if (health.row == 0) health.rowSeq = seq;
+    health.failSeq = seq;
     ++health.row;
-    const DownInstancePolicy& policy = m_options.down;
+    // Judged against the others at each errorThreshold failures of a row,
+    // and at each failure that may make a rate an outlier.
+    const bool byRow = health.row % policy.errorThreshold == 0;
     const bool byRate = policy.minimumCalls > 0 && health.calls >= policy.minimumCalls &&
                         health.failed >= policy.failureRate * health.calls;
-    if (health.row >= policy.errorThreshold || byRate) Eject(health, now);
+    if ((byRow && Outlier(health, now, false)) || (byRate && Outlier(health, now, true))) Eject(health, now);
 }
 
 void InstanceProvider::ReportSuccess(const ServiceId& id) {
@@ -537,14 +671,35 @@ void InstanceProvider::ReportSuccess(const ServiceId& id) {
     // failures: when there is none, the thread's plan finds the record
     // without a lock.
     if (Health* planned = PlannedHealth(id); planned && m_options.down.minimumCalls == 0) {
-        if (planned->row.load(std::memory_order_relaxed) == 0) return EndCall(*planned);
+        if (planned->row.load(std::memory_order_relaxed) == 0) {
+            Succeeded(*planned);
+            return EndCall(*planned);
+        }
     }
     const std::int64_t now = NowNs();
     std::lock_guard<std::mutex> lock(m_healthMtx);
-    Health& health = *HealthOf(id);
-    EndCall(health);
-    CountCall(health, now, false);
-    health.row = 0;
+    Health* const counted = EndCounted(id);
+    if (!counted) return;
+    CountCall(*counted, now, false);
+    counted->row = 0;
+    Succeeded(*counted);
+}
+
+void InstanceProvider::Succeeded(Health& health) const {
+    // A write only after a failure: while none is reported, successes
+    // share the line without writing it.
+    const std::uint64_t seq = m_failed.load(std::memory_order_relaxed);
+    if (health.okSeq.load(std::memory_order_relaxed) != seq) health.okSeq.store(seq, std::memory_order_relaxed);
+}
+
+InstanceProvider::Health* InstanceProvider::EndCounted(const ServiceId& id) {
+    const auto it = m_health.find(id);
+    if (it == m_health.end()) return nullptr;
+    EndCall(*it->second);
+    if (!m_view) return nullptr;
+    const std::size_t index = m_view->EntryOf(id);
+    const auto [begin, end] = Pool(*m_view);
+    return index >= begin && index < end ? it->second.get() : nullptr;
 }
 
 void InstanceProvider::ReportEnd(const ServiceId& id) {
@@ -584,27 +739,103 @@ void InstanceProvider::CountCall(Health& health, std::int64_t now, bool failed) 
     health.failed += failed ? 1 : 0;
 }
 
+bool InstanceProvider::Outlier(const Health& health, std::int64_t now, bool byRate) const {
+    const auto [begin, end] = Pool(*m_view);
+    const std::int64_t windowStart = now - Nanos(m_options.down.errorWindow);
+    std::size_t failing = 0, succeeding = 0;
+    std::int64_t calls = 0, failed = 0;
+    for (std::size_t index = begin; index < end; ++index) {
+        const Health& other = *m_view->entries[index].health;
+        if (&other == &health || other.downUntil.load(std::memory_order_relaxed) > now) continue;
+        // Reported on since this row began: the last outcome counts.
+        if (other.row > 0) {
+            failing += other.failSeq >= health.rowSeq ? 1 : 0;
+        } else {
+            succeeding += other.okSeq.load(std::memory_order_relaxed) >= health.rowSeq ? 1 : 0;
+        }
+        if (other.callsSince > windowStart) {
+            calls += other.calls;
+            failed += other.failed;
+        }
+    }
+    // Unknown is no defence: with no other failing since the row began, the
+    // failures are this instance's own.
+    if (!byRate) return failing == 0 || succeeding > failing;
+    const double share = static_cast<double>(health.failed) / static_cast<double>(health.calls);
+    const double others = calls > 0 ? static_cast<double>(failed) / static_cast<double>(calls) : 0.0;
+    return share - others >= m_options.down.failureRate;
+}
+
 void InstanceProvider::Eject(Health& health, std::int64_t now) {
     const DownInstancePolicy& policy = m_options.down;
+    const auto [begin, end] = Pool(*m_view);
     std::size_t down = 0;
-    for (const auto& entry : m_health) down += entry.second->downUntil.load(std::memory_order_relaxed) > now ? 1 : 0;
-    const std::size_t accepted = m_accepted.load(std::memory_order_relaxed);
+    std::int64_t earliest = std::numeric_limits<std::int64_t>::max();
+    for (std::size_t index = begin; index < end; ++index) {
+        const std::int64_t until = m_view->entries[index].health->downUntil.load(std::memory_order_relaxed);
+        if (until <= now) continue;
+        ++down;
+        earliest = std::min(earliest, until);
+    }
+    const auto pool = static_cast<double>(end - begin);
     // Counted afresh either way: a refused instance is judged again on its
     // next failures, not on every one of them.
     health.row = 0;
     health.calls = 0;
     health.failed = 0;
-    if (accepted > 0 && static_cast<double>(down + 1) > policy.maxEjectedShare * static_cast<double>(accepted)) {
-        m_panicking.store(true, std::memory_order_relaxed);
-        return;
-    }
-    m_panicking.store(false, std::memory_order_relaxed);
+    if (static_cast<double>(down + 1) > policy.maxEjectedShare * pool + 1e-9) return;
     const int doublings = Doublings(health, now, policy);
     const std::int64_t longest = Nanos(policy.maxDownTime);
-    const std::int64_t time = std::min(longest, Nanos(policy.downTime) << std::min(doublings, 20));
+    const std::int64_t time = std::max<std::int64_t>(std::min(longest, Nanos(policy.downTime) << std::min(doublings, 20)), 1);
     health.ejections = doublings + 1;
-    health.downUntil.store(now + std::max<std::int64_t>(time, 0), std::memory_order_relaxed);
+    // A panic this ejection starts is declared before the instance is down,
+    // so that no choice finds every instance down without it.
+    if (static_cast<double>(end - begin - down - 1) < policy.panicThreshold * pool) {
+        m_panicUntil.store(std::min(earliest, now + time), std::memory_order_relaxed);
+        m_panic.store(true, std::memory_order_release);
+    }
+    health.downUntil.store(now + time, std::memory_order_release);
     m_counts.Add(kEjected);
+    Judge(now);
+}
+
+void InstanceProvider::Judge(std::int64_t now) {
+    const DownInstancePolicy& policy = m_options.down;
+    if (!m_view) return;
+    const auto [begin, end] = Pool(*m_view);
+    std::vector<Health*> down;
+    for (std::size_t index = begin; index < end; ++index) {
+        Health* health = m_view->entries[index].health.get();
+        if (health->downUntil.load(std::memory_order_relaxed) > now) down.push_back(health);
+    }
+    const auto pool = static_cast<double>(end - begin);
+    const auto allowed = static_cast<std::size_t>(policy.maxEjectedShare * pool + 1e-9);
+    std::sort(down.begin(), down.end(), [](const Health* x, const Health* y) {
+        return x->downUntil.load(std::memory_order_relaxed) < y->downUntil.load(std::memory_order_relaxed);
+    });
+    // Over the cap (instances that were up left, say): those whose time ends
+    // first come back now; their next ejection still doubles.
+    std::size_t back = 0;
+    for (; down.size() - back > allowed; ++back) down[back]->downUntil.store(now, std::memory_order_relaxed);
+    const std::size_t stillDown = down.size() - back;
+    const bool panic = stillDown > 0 && static_cast<double>(end - begin - stillDown) < policy.panicThreshold * pool;
+    m_panicUntil.store(panic ? down[back]->downUntil.load(std::memory_order_relaxed)
+                             : std::numeric_limits<std::int64_t>::max(),
+                       std::memory_order_relaxed);
+    m_panic.store(panic, std::memory_order_release);
+}
+
+bool InstanceProvider::Panicking() const {
+    const DownInstancePolicy& policy = m_options.down;
+    const std::int64_t now = NowNs();
+    std::lock_guard<std::mutex> lock(m_healthMtx);
+    if (!m_view) return false;
+    const auto [begin, end] = Pool(*m_view);
+    std::size_t down = 0;
+    for (std::size_t index = begin; index < end; ++index) {
+        down += m_view->entries[index].health->downUntil.load(std::memory_order_relaxed) > now ? 1 : 0;
+    }
+    return down > 0 && static_cast<double>(end - begin - down) < policy.panicThreshold * static_cast<double>(end - begin);
 }
 
 void InstanceProvider::Collect(Metrics& metrics) const {
@@ -637,6 +868,37 @@ std::chrono::milliseconds InstanceProvider::DownFor(const ServiceId& id) const {
     return until > now ? std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::nanoseconds(until - now)) +
                              std::chrono::milliseconds(1)
                        : std::chrono::milliseconds(0);
+}
+
+Call::~Call() { Report(Outcome::kEnded); }
+
+Call::Call(Call&& other) noexcept
+    : m_provider(std::exchange(other.m_provider, nullptr)), m_instance(std::move(other.m_instance)) {}
+
+Call& Call::operator=(Call&& other) noexcept {
+    if (this != &other) {
+        Report(Outcome::kEnded);
+        m_provider = std::exchange(other.m_provider, nullptr);
+        m_instance = std::move(other.m_instance);
+    }
+    return *this;
+}
+
+void Call::Succeeded() { Report(Outcome::kSucceeded); }
+void Call::Failed() { Report(Outcome::kFailed); }
+void Call::End() { Report(Outcome::kEnded); }
+
+void Call::Report(Outcome outcome) {
+    InstanceProvider* const provider = std::exchange(m_provider, nullptr);
+    if (!provider || !m_instance) return;
+    switch (outcome) {
+        case Outcome::kSucceeded:
+            return provider->ReportSuccess(m_instance->Id());
+        case Outcome::kFailed:
+            return provider->ReportFailure(m_instance->Id());
+        case Outcome::kEnded:
+            return provider->ReportEnd(m_instance->Id());
+    }
 }
 
 }  // namespace ferrow

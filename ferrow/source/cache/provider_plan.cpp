@@ -13,26 +13,6 @@ namespace {
 
 using Plan = InstanceProvider::Plan;
 
-// About this many points per ring, each instance given between kFewest and
-// kMost of them on average: the more points, the closer each instance's
-// share of the keys is to its weight's (within about 1/sqrt(points) of it),
-// and the more memory and time a plan takes.
-constexpr double kRingPoints = 160'000;
-constexpr double kFewest = 16;
-constexpr double kMost = 160;
-// A ring keeps the points per unit of weight of the one before it while
-// its total stays within this factor of the size it should have: a change
-// of the service then moves only the keys of the points that came or went.
-constexpr double kRescaleBeyond = 4;
-
-// splitmix64's finalizer: every bit of the input moves every bit of the
-// output.
-std::uint64_t Mix(std::uint64_t z) {
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
-    return z ^ (z >> 31);
-}
-
 // The instance's place on the ring, from its id's bytes in order, so that it
 // is the same on every platform.
 std::uint64_t IdSeed(const ServiceId& id) {
@@ -55,55 +35,113 @@ std::uint64_t KeyHash(std::string_view key) {
     return Mix(hash);
 }
 
-Plan::Ring BuildRing(const Plan& plan, std::size_t group, double& scale) {
-    Plan::Ring ring;
+std::vector<std::pair<ServiceId, std::uint64_t>> TableInputs(const Plan& plan, std::size_t group) {
     const std::size_t begin = plan.groupStart[group];
     const std::size_t end = plan.groupStart[group + 1];
-    const auto count = static_cast<double>(end - begin);
-    if (end == begin) return ring;
-    // A drained group has no weights: its instances count alike.
-    const std::uint64_t total = plan.entries[end - 1].cumulativeWeight;
-    const auto weightOf = [&](std::size_t index) -> std::uint64_t {
-        if (total == 0) return 1;
-        return plan.entries[index].cumulativeWeight - (index == begin ? 0 : plan.entries[index - 1].cumulativeWeight);
-    };
-    const double weights = total == 0 ? count : static_cast<double>(total);
-    const double wanted = std::clamp(kRingPoints, kFewest * count, kMost * count);
-    if (scale <= 0 || scale * weights < wanted / kRescaleBeyond || scale * weights > wanted * kRescaleBeyond) {
-        scale = wanted / weights;
-    }
-    std::vector<std::pair<std::uint64_t, std::uint32_t>> points;
-    points.reserve(static_cast<std::size_t>(scale * weights + count));
+    std::vector<std::pair<ServiceId, std::uint64_t>> inputs;
+    inputs.reserve(end - begin);
+    const bool drained = end > begin && plan.entries[end - 1].cumulativeWeight == 0;
     for (std::size_t index = begin; index < end; ++index) {
-        const auto many = std::max<std::uint64_t>(1, std::llround(scale * static_cast<double>(weightOf(index))));
-        const std::uint64_t seed = IdSeed(plan.entries[index].instance->Id());
-        for (std::uint64_t k = 1; k <= many; ++k) {
-            points.emplace_back(Mix(seed + k * 0x9e3779b97f4a7c15ULL), static_cast<std::uint32_t>(index));
+        const std::uint64_t before = index == begin ? 0 : plan.entries[index - 1].cumulativeWeight;
+        inputs.emplace_back(plan.entries[index].instance->Id(),
+                            drained ? 1 : plan.entries[index].cumulativeWeight - before);
+    }
+    // By the ids' bytes: the same on every platform, whatever the snapshot's
+    // order.
+    std::sort(inputs.begin(), inputs.end(), [](const auto& x, const auto& y) {
+        return std::lexicographical_compare(x.first.begin(), x.first.end(), y.first.begin(), y.first.end());
+    });
+    return inputs;
+}
+
+Plan::Table BuildTable(const std::vector<std::pair<ServiceId, std::uint64_t>>& inputs) {
+    Plan::Table table;
+    const std::size_t count = inputs.size();
+    if (count == 0) return table;
+    const std::size_t slots = count <= 1'024 ? 65'537 : count <= 16'384 ? 1'048'583 : 16'777'259;
+    constexpr std::uint32_t kFree = static_cast<std::uint32_t>(-1);
+    table.owners.assign(slots, kFree);
+    // Each instance's permutation of the slots: from `at`, `skip` by `skip`
+    // (the number of slots is prime, so every slot comes once).
+    struct Walk {
+        std::uint64_t at;
+        std::uint64_t skip;
+        std::uint64_t taken = 0;  // slots taken so far
+    };
+    std::vector<Walk> walks;
+    walks.reserve(count);
+    for (const auto& [id, weight] : inputs) {
+        const std::uint64_t seed = IdSeed(id);
+        walks.push_back(Walk{TableSlot(Mix(seed ^ 0x6a09e667f3bcc908ULL), slots),
+                             1 + TableSlot(Mix(seed ^ 0xbb67ae8584caa73bULL), slots - 1)});
+    }
+    // Turns in proportion to weight: instance i's k-th turn falls at k / w_i,
+    // the earliest first, ties to the lower index. Compared as products, so
+    // that no rounding can differ between platforms.
+    const auto later = [&](std::uint32_t x, std::uint32_t y) {
+        const auto turnX = static_cast<unsigned __int128>(walks[x].taken + 1) * inputs[y].second;
+        const auto turnY = static_cast<unsigned __int128>(walks[y].taken + 1) * inputs[x].second;
+        return turnX != turnY ? turnX > turnY : x > y;
+    };
+    std::vector<std::uint32_t> heap;
+    for (std::uint32_t index = 0; index < count; ++index) {
+        if (inputs[index].second > 0) heap.push_back(index);
+    }
+    std::make_heap(heap.begin(), heap.end(), later);
+    for (std::size_t filled = 0; filled < slots && !heap.empty(); ++filled) {
+        std::pop_heap(heap.begin(), heap.end(), later);
+        const std::uint32_t owner = heap.back();
+        Walk& walk = walks[owner];
+        while (table.owners[walk.at] != kFree) {
+            walk.at += walk.skip;
+            if (walk.at >= slots) walk.at -= slots;
+        }
+        table.owners[walk.at] = owner;
+        ++walk.taken;
+        std::push_heap(heap.begin(), heap.end(), later);
+    }
+    return table;
+}
+
+Plan::Alias BuildAlias(const Plan& plan, std::size_t group) {
+    Plan::Alias alias;
+    const std::size_t begin = plan.groupStart[group];
+    const std::size_t count = plan.groupStart[group + 1] - begin;
+    if (count == 0) return alias;
+    const std::uint64_t total = plan.entries[begin + count - 1].cumulativeWeight;
+    std::vector<std::uint64_t> weights(count);
+    bool alike = true;
+    for (std::size_t i = 0; i < count; ++i) {
+        weights[i] = plan.entries[begin + i].cumulativeWeight - (i == 0 ? 0 : plan.entries[begin + i - 1].cumulativeWeight);
+        alike = alike && weights[i] == weights[0];
+    }
+    if (alike) return alias;
+    // Each slot holds its entry's share scaled so that the mean is 2^32, the
+    // excess of the heavy ones filling up the light ones.
+    std::vector<long double> scaled(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        scaled[i] = static_cast<long double>(weights[i]) * static_cast<long double>(count) / static_cast<long double>(total);
+    }
+    alias.threshold.assign(count, 0);
+    alias.other.assign(count, 0);
+    std::vector<std::uint32_t> small, large;
+    for (std::uint32_t i = 0; i < count; ++i) (scaled[i] < 1 ? small : large).push_back(i);
+    constexpr long double kOne = 4294967296.0L;
+    while (!small.empty() && !large.empty()) {
+        const std::uint32_t light = small.back(), heavy = large.back();
+        small.pop_back();
+        alias.threshold[light] = static_cast<std::uint32_t>(std::min(scaled[light] * kOne, kOne - 1));
+        alias.other[light] = heavy;
+        scaled[heavy] -= 1 - scaled[light];
+        if (scaled[heavy] < 1) {
+            large.pop_back();
+            small.push_back(heavy);
         }
     }
-    // Sorted by buckets of the top bits (about one point each, as hashes are
-    // uniform), then within each bucket: linear where a sort would not be.
-    const std::size_t n = points.size();
-    unsigned bits = 1;
-    while ((std::size_t{1} << bits) < n && bits < 24) ++bits;
-    ring.shift = 64 - bits;
-    ring.firstAt.assign((std::size_t{1} << bits) + 1, 0);
-    for (const auto& point : points) ++ring.firstAt[(point.first >> ring.shift) + 1];
-    for (std::size_t bucket = 1; bucket < ring.firstAt.size(); ++bucket)
-        ring.firstAt[bucket] += ring.firstAt[bucket - 1];
-    std::vector<std::uint32_t> next(ring.firstAt.begin(), ring.firstAt.end() - 1);
-    std::vector<std::pair<std::uint64_t, std::uint32_t>> placed(n);
-    for (const auto& point : points) placed[next[point.first >> ring.shift]++] = point;
-    for (std::size_t bucket = 0; bucket + 1 < ring.firstAt.size(); ++bucket) {
-        std::sort(placed.begin() + ring.firstAt[bucket], placed.begin() + ring.firstAt[bucket + 1]);
-    }
-    ring.points.reserve(n);
-    ring.owners.reserve(n);
-    for (const auto& [hash, owner] : placed) {
-        ring.points.push_back(hash);
-        ring.owners.push_back(owner);
-    }
-    return ring;
+    // What is left holds about one share each, up to rounding.
+    for (const std::uint32_t i : large) alias.threshold[i] = static_cast<std::uint32_t>(kOne - 1), alias.other[i] = i;
+    for (const std::uint32_t i : small) alias.threshold[i] = static_cast<std::uint32_t>(kOne - 1), alias.other[i] = i;
+    return alias;
 }
 
 void Plan::IndexIds() {
@@ -124,13 +162,6 @@ std::size_t Plan::EntryOf(const ServiceId& id) const {
         if (entries[index].instance->Id() == id) return index;
     }
     return kNone;
-}
-
-std::size_t RingPoint(const Plan::Ring& ring, std::uint64_t hash) {
-    // Every point before the bucket's first is below the hash.
-    std::size_t index = ring.firstAt[hash >> ring.shift];
-    while (index < ring.points.size() && ring.points[index] < hash) ++index;
-    return index == ring.points.size() ? 0 : index;
 }
 
 }  // namespace ferrow
