@@ -135,8 +135,9 @@ struct ProviderMetrics {
     std::uint64_t successes = 0;
     std::uint64_t failures = 0;
     std::uint64_t ends = 0;
-    // Ejections made, instances ejected now, and whether the latest
-    // ejection was refused by maxEjectedShare (InstanceProvider::Panicking).
+    // Ejections made, instances ejected now, and whether choices are made
+    // as if none were down, fewer than panicThreshold of the instances
+    // being up (InstanceProvider::Panicking).
     std::uint64_t ejections = 0;
     std::size_t ejected = 0;
     bool panicking = false;
