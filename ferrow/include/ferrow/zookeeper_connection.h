@@ -287,6 +287,11 @@ private:
     // last watch of a node; OnWithdrawn completes the server's part.
     void Withdraw(Session& session, const std::vector<WatchRecord*>& records);
     static void OnWithdrawn(int rc, const void* data);
+    // Frees a let-go record whose watch the client no longer holds (a
+    // removal of every watch of its node took it), once a round trip shows
+    // that no event collected for it is still to be delivered.
+    static void Forget(Session& session, WatchRecord* record);
+    static void OnForgotten(int rc, const Stat* stat, const void* data);
     // The share of `ctx` that the handle of `record` owns, also kept weakly
     // by the record: when the handle lets it go, WithdrawWatch runs.
     std::shared_ptr<WatchContext> OwnerShare(const Session& session, WatchRecord* record,

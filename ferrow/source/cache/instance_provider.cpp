@@ -127,9 +127,9 @@ bool Up(const Plan::Entry& entry, bool evenDown, std::int64_t& now) { return eve
 
 // The weight the entry is drawn by within [begin, ...): its own, or 1 when
 // `weighted` is false.
-std::uint64_t WeightAt(const Plan& plan, std::size_t begin, std::size_t index, bool weighted) {
+std::uint64_t WeightAt(const Plan& plan, std::size_t index, bool weighted) {
     if (!weighted) return 1;
-    return plan.entries[index].cumulativeWeight - (index == begin ? 0 : plan.entries[index - 1].cumulativeWeight);
+    return plan.entries[index].weight;
 }
 
 // The entry of [begin, begin + count) that `point` falls on among those that
@@ -138,7 +138,7 @@ std::size_t AmongUp(const Plan& plan, std::size_t begin, std::size_t count, bool
                     std::int64_t& now, std::uint64_t point) {
     std::uint64_t upTotal = 0;
     for (std::size_t index = begin; index < begin + count; ++index) {
-        upTotal += Up(plan.entries[index], evenDown, now) ? WeightAt(plan, begin, index, weighted) : 0;
+        upTotal += Up(plan.entries[index], evenDown, now) ? WeightAt(plan, index, weighted) : 0;
     }
     if (upTotal == 0) return Plan::kNone;
     point %= upTotal;
@@ -148,7 +148,7 @@ std::size_t AmongUp(const Plan& plan, std::size_t begin, std::size_t count, bool
         // A failure reported meanwhile may leave the point unspent: the
         // last instance that was up stands.
         last = index;
-        const std::uint64_t weight = WeightAt(plan, begin, index, weighted);
+        const std::uint64_t weight = WeightAt(plan, index, weighted);
         if (point < weight) return index;
         point -= weight;
     }
@@ -303,13 +303,13 @@ std::size_t InstanceProvider::ChooseIn(Choosing& choosing, std::size_t group, bo
             const std::size_t other = Draw(choosing, group, evenDown, true);
             // Calls in flight per unit of weight, compared as products; a
             // drained group's instances weigh alike.
-            const bool weighed = plan.entries[begin + count - 1].cumulativeWeight > 0;
+            const bool weighed = plan.groupWeight[group] > 0;
             const auto load = [&](std::size_t index) {
                 return static_cast<unsigned __int128>(
                     std::max<std::int64_t>(0, plan.entries[index].health->inFlight.load(std::memory_order_relaxed)));
             };
             const auto weight = [&](std::size_t index) -> unsigned __int128 {
-                return WeightAt(plan, begin, index, weighed);
+                return WeightAt(plan, index, weighed);
             };
             return load(other) * weight(one) < load(one) * weight(other) ? other : one;
         }
@@ -332,11 +332,14 @@ std::size_t InstanceProvider::Draw(Choosing& choosing, std::size_t group, bool e
     const std::size_t begin = plan.groupStart[group];
     const std::size_t count = plan.groupStart[group + 1] - begin;
     const Plan::Alias& alias = plan.aliases[group];
-    const bool weighted = byWeight && !alias.threshold.empty();
+    const bool weighted = byWeight && !alias.slots.empty();
     for (int draw = 0; draw < kDraws; ++draw) {
         const std::uint64_t random = Random();
         std::size_t offset = TableSlot(random, count);
-        if (weighted && static_cast<std::uint32_t>(random) >= alias.threshold[offset]) offset = alias.other[offset];
+        if (weighted) {
+            const Plan::Alias::Slot& slot = alias.slots[offset];
+            if (static_cast<std::uint32_t>(random) >= slot.threshold) offset = slot.other;
+        }
         if (Up(plan.entries[begin + offset], evenDown, choosing.now)) return begin + offset;
     }
     return AmongUp(plan, begin, count, weighted, evenDown, choosing.now, Random());
@@ -360,7 +363,7 @@ std::size_t InstanceProvider::ByKey(Choosing& choosing, std::size_t group, bool 
     // Most of the group is down: the key keeps one place among those up.
     const std::size_t begin = plan.groupStart[group];
     const std::size_t count = plan.groupStart[group + 1] - begin;
-    return AmongUp(plan, begin, count, plan.entries[begin + count - 1].cumulativeWeight > 0, evenDown, choosing.now,
+    return AmongUp(plan, begin, count, plan.groupWeight[group] > 0, evenDown, choosing.now,
                    choosing.keyHash);
 }
 
@@ -579,12 +582,11 @@ std::shared_ptr<const InstanceProvider::Plan> InstanceProvider::BuildPlan(Snapsh
         std::lock_guard<std::mutex> lock(m_healthMtx);
         for (std::size_t group = 0; group < Plan::kGroups; ++group) {
             plan->groupStart[group] = plan->entries.size();
-            std::uint64_t cumulative = 0;
             for (const CachedInstance* instance : groups[group]) {
                 const std::shared_ptr<Health>& health = HealthOf(instance->Id());
                 health->seenIn = std::max(health->seenIn, plan->version);
-                cumulative += instance->Weight();
-                plan->entries.push_back(Plan::Entry{instance, health, cumulative});
+                plan->groupWeight[group] += instance->Weight();
+                plan->entries.push_back(Plan::Entry{instance, health, instance->Weight()});
             }
         }
         plan->groupStart[Plan::kGroups] = plan->entries.size();

@@ -40,11 +40,9 @@ std::vector<std::pair<ServiceId, std::uint64_t>> TableInputs(const Plan& plan, s
     const std::size_t end = plan.groupStart[group + 1];
     std::vector<std::pair<ServiceId, std::uint64_t>> inputs;
     inputs.reserve(end - begin);
-    const bool drained = end > begin && plan.entries[end - 1].cumulativeWeight == 0;
+    const bool drained = plan.groupWeight[group] == 0;
     for (std::size_t index = begin; index < end; ++index) {
-        const std::uint64_t before = index == begin ? 0 : plan.entries[index - 1].cumulativeWeight;
-        inputs.emplace_back(plan.entries[index].instance->Id(),
-                            drained ? 1 : plan.entries[index].cumulativeWeight - before);
+        inputs.emplace_back(plan.entries[index].instance->Id(), drained ? 1 : plan.entries[index].weight);
     }
     // By the ids' bytes: the same on every platform, whatever the snapshot's
     // order.
@@ -108,11 +106,11 @@ Plan::Alias BuildAlias(const Plan& plan, std::size_t group) {
     const std::size_t begin = plan.groupStart[group];
     const std::size_t count = plan.groupStart[group + 1] - begin;
     if (count == 0) return alias;
-    const std::uint64_t total = plan.entries[begin + count - 1].cumulativeWeight;
+    const std::uint64_t total = plan.groupWeight[group];
     std::vector<std::uint64_t> weights(count);
     bool alike = true;
     for (std::size_t i = 0; i < count; ++i) {
-        weights[i] = plan.entries[begin + i].cumulativeWeight - (i == 0 ? 0 : plan.entries[begin + i - 1].cumulativeWeight);
+        weights[i] = plan.entries[begin + i].weight;
         alike = alike && weights[i] == weights[0];
     }
     if (alike) return alias;
@@ -122,16 +120,14 @@ Plan::Alias BuildAlias(const Plan& plan, std::size_t group) {
     for (std::size_t i = 0; i < count; ++i) {
         scaled[i] = static_cast<long double>(weights[i]) * static_cast<long double>(count) / static_cast<long double>(total);
     }
-    alias.threshold.assign(count, 0);
-    alias.other.assign(count, 0);
+    alias.slots.assign(count, Plan::Alias::Slot{0, 0});
     std::vector<std::uint32_t> small, large;
     for (std::uint32_t i = 0; i < count; ++i) (scaled[i] < 1 ? small : large).push_back(i);
     constexpr long double kOne = 4294967296.0L;
     while (!small.empty() && !large.empty()) {
         const std::uint32_t light = small.back(), heavy = large.back();
         small.pop_back();
-        alias.threshold[light] = static_cast<std::uint32_t>(std::min(scaled[light] * kOne, kOne - 1));
-        alias.other[light] = heavy;
+        alias.slots[light] = {static_cast<std::uint32_t>(std::min(scaled[light] * kOne, kOne - 1)), heavy};
         scaled[heavy] -= 1 - scaled[light];
         if (scaled[heavy] < 1) {
             large.pop_back();
@@ -139,8 +135,8 @@ Plan::Alias BuildAlias(const Plan& plan, std::size_t group) {
         }
     }
     // What is left holds about one share each, up to rounding.
-    for (const std::uint32_t i : large) alias.threshold[i] = static_cast<std::uint32_t>(kOne - 1), alias.other[i] = i;
-    for (const std::uint32_t i : small) alias.threshold[i] = static_cast<std::uint32_t>(kOne - 1), alias.other[i] = i;
+    for (const std::uint32_t i : large) alias.slots[i] = {static_cast<std::uint32_t>(kOne - 1), i};
+    for (const std::uint32_t i : small) alias.slots[i] = {static_cast<std::uint32_t>(kOne - 1), i};
     return alias;
 }
 

@@ -51,7 +51,7 @@ struct InstanceProvider::Plan {
     struct Entry {
         const CachedInstance* instance;  // kept alive by `snapshot`
         std::shared_ptr<Health> health;
-        std::uint64_t cumulativeWeight;  // within its group, up to this entry
+        std::uint32_t weight;  // the record's; a drained group's are all 0
     };
     // Slots that keys fall into, each owned by an entry, in proportion to
     // the entries' weights (all alike in a drained group). A function of
@@ -65,8 +65,11 @@ struct InstanceProvider::Plan {
     // time (Vose's alias method); empty when the group's weights are all
     // alike, when a uniform draw does.
     struct Alias {
-        std::vector<std::uint32_t> threshold;  // of 2^32: below it the slot's own entry
-        std::vector<std::uint32_t> other;      // the entry drawn otherwise, from the group's start
+        struct Slot {
+            std::uint32_t threshold;  // of 2^32: below it the slot's own entry
+            std::uint32_t other;      // the entry drawn otherwise, from the group's start
+        };
+        std::vector<Slot> slots;  // one per entry of the group, so one read per draw
     };
     static constexpr std::size_t kGroups = 4;
     static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
@@ -75,6 +78,7 @@ struct InstanceProvider::Plan {
     std::uint64_t version = 0;
     std::vector<Entry> entries;
     std::size_t groupStart[kGroups + 1] = {};  // group g is [groupStart[g], groupStart[g + 1])
+    std::uint64_t groupWeight[kGroups] = {};   // the sum of each group's weights
     // Only a plan of a provider that chooses by key has tables, and the
     // entry of each of their owners.
     std::shared_ptr<const Table> tables[kGroups];

@@ -192,19 +192,53 @@ size_t ZooKeeperConnection::Unregister(Session& session, const std::vector<Watch
                                                       &OnClientWatchEvent, record, 1)
                                  : ZINVALIDSTATE;
         // Freed records hold no context: their event took it. ZNOWATCHER
-        // means the client has collected an event for the record and will
-        // still call OnClientWatchEvent with it: that call frees it.
+        // means the client holds no watch for the record: either it has
+        // collected an event for it and will still call OnClientWatchEvent
+        // with it, or a removal of every watch of the node took it, when
+        // nothing will. A record still wanted keeps waiting for its event;
+        // one let go is forgotten after a round trip, which any event
+        // collected before it precedes.
         std::unique_ptr<WatchRecord> freed;
-        std::lock_guard<std::mutex> lock(session.m_watchMtx);
-        record->m_busy = false;
-        if (record->m_fired || (rc == ZOK && !record->m_ctx)) {
-            freed = session.TakeWatchLocked(record);
-        } else if (rc == ZOK) {
-            record->m_state = WatchRecord::State::kTakenOut;
+        bool forget = false;
+        {
+            std::lock_guard<std::mutex> lock(session.m_watchMtx);
+            record->m_busy = false;
+            if (record->m_fired || (rc == ZOK && !record->m_ctx)) {
+                freed = session.TakeWatchLocked(record);
+            } else if (rc == ZOK) {
+                record->m_state = WatchRecord::State::kTakenOut;
+            } else if (rc == ZNOWATCHER && !record->m_ctx) {
+                record->m_busy = true;
+                forget = true;
+            }
         }
+        if (forget) Forget(session, record);
         unregistered += rc == ZOK;
     }
     return unregistered;
+}
+
+void ZooKeeperConnection::Forget(Session& session, WatchRecord* record) {
+    // An unwatched existence check of the node: its answer is delivered
+    // after every event the client had collected when it was sent.
+    if (zoo_aexists(session.m_zh, record->Path(), 0, &OnForgotten, record) == ZOK) return;
+    // Not sent (the session is ending or the client refused): the record
+    // stays, idle, and the next withdrawal of unwanted records tries again.
+    std::unique_ptr<WatchRecord> freed;
+    std::lock_guard<std::mutex> lock(session.m_watchMtx);
+    record->m_busy = false;
+    if (record->m_fired) freed = session.TakeWatchLocked(record);
+}
+
+void ZooKeeperConnection::OnForgotten(int, const Stat*, const void* data) {
+    // Whatever the answer: the client holds no watch for the record, and
+    // an event collected for it was delivered before this (marking it
+    // fired, as it was busy). Nothing can reach it any more.
+    auto* record = static_cast<WatchRecord*>(const_cast<void*>(data));
+    Session& session = record->m_session;
+    std::unique_ptr<WatchRecord> freed;
+    std::lock_guard<std::mutex> lock(session.m_watchMtx);
+    freed = session.TakeWatchLocked(record);
 }
 
 void ZooKeeperConnection::Withdraw(Session& session, const std::vector<WatchRecord*>& records) {
