@@ -8,6 +8,9 @@
 #include <set>
 #include <thread>
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <boost/uuid/random_generator.hpp>
 #include <gtest/gtest.h>
 
@@ -410,10 +413,22 @@ TEST_F(CacheTest, ChoicesNeverWaitForAPlanAndTheFilterRunsOncePerInstance) {
     EXPECT_TRUE(cv.wait_for(lock, kPatience, [&] { return calls > 20; }));
     lock.unlock();
     for (int i = 0; i < 100; ++i) EXPECT_NE(provider.Choose(), nullptr);
+    // A thread's first choice waits for the plan being built, and has it
+    // built once, not again.
+    std::atomic<pid_t> waiter{0};
+    std::thread fresh([&] {
+        waiter = static_cast<pid_t>(::syscall(SYS_gettid));
+        EXPECT_NE(provider.Choose(), nullptr);
+    });
+    EXPECT_TRUE(PollUntil([&] { return waiter != 0 && testing::ThreadSleeps(waiter); }, kPatience));
     chosen = true;
     opener.join();
+    fresh.join();
     EXPECT_FALSE(forced) << "a choice waited for the filter";
-    EXPECT_TRUE(PollUntil([&] { return std::lock_guard<std::mutex>(mtx), calls == 41; }, kPatience));
+    writer.Create(g_generate(), MakeRecord(21));
+    ASSERT_TRUE(PollUntil([&] { return cache->Snapshot()->size() == 22; }, kPatience));
+    (void)provider.WhyNone();  // after every plan asked for before
+    EXPECT_EQ((std::lock_guard<std::mutex>(mtx), calls), 20 + 21 + 22);
     EXPECT_EQ(inside.size(), 1u);
 }
 
@@ -537,7 +552,7 @@ TEST_F(CacheTest, KeysKeepTheirInstanceAndOnlyTheirShareMoves) {
     const auto before = place(byKey);
     EXPECT_EQ(place(another), before);
     // The keys placed otherwise in `after` than in `base` that left `from`
-    // or went to `to`; at most a few in a thousand move between the others.
+    // or went to `to`; under about 1 % move between the others.
     const auto moved = [&](const std::map<std::string, ServiceId>& base, const std::map<std::string, ServiceId>& after,
                            const ServiceId& from, const ServiceId& to) {
         int count = 0, strays = 0;
@@ -545,7 +560,7 @@ TEST_F(CacheTest, KeysKeepTheirInstanceAndOnlyTheirShareMoves) {
             if (id == base.at(key)) continue;
             (base.at(key) == from || id == to ? count : strays) += 1;
         }
-        EXPECT_LE(strays, 25) << "keys moved between instances that stayed";
+        EXPECT_LE(strays, 60) << "keys moved between instances that stayed";
         return count;
     };
     const auto keysOf = [](const std::map<std::string, ServiceId>& placed, const ServiceId& id) {
@@ -607,6 +622,7 @@ TEST_F(CacheTest, EjectionFollowsOutcomesAndNeverTakesMoreThanItsShare) {
     }
     ASSERT_NE(provider.Choose(), nullptr) << "failures reported before the provider had a view";
     EXPECT_FALSE(provider.IsDown(ids[0]));
+    for (int call = 0; call < 12; ++call) provider.ReportSuccess(ids[1 + call % 3]);  // the others' rate
     for (int call = 0; call < 9; ++call) call % 3 == 2 ? provider.ReportSuccess(ids[0]) : provider.ReportFailure(ids[0]);
     EXPECT_FALSE(provider.IsDown(ids[0])) << "no three failures in a row, fewer than ten calls";
     provider.ReportFailure(ids[0]);
@@ -625,7 +641,7 @@ TEST_F(CacheTest, EjectionFollowsOutcomesAndNeverTakesMoreThanItsShare) {
     EXPECT_EQ(chosen, (std::set<ServiceId>{ids[2], ids[3]}));
     const ProviderMetrics figures = Of(CollectMetrics().providers, name);
     EXPECT_EQ(figures.choices, 101u);
-    EXPECT_EQ(figures.successes, 3u);
+    EXPECT_EQ(figures.successes, 15u);
     EXPECT_EQ(figures.failures, 28u);
     EXPECT_EQ(figures.ejections, 3u) << "ids[0] twice, ids[1] once; ids[2] refused";
     EXPECT_EQ(figures.ejected, 2u);
@@ -797,6 +813,29 @@ TEST_F(CacheTest, ChoosingRacesUpdatesSafely) {
     done = true;
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(broken, 0);
+
+    // Least request while another thread ejects instance after instance,
+    // each for a millisecond: the second draw may find none up.
+    ProviderOptions options = Using(ChoiceStrategy::kLeastRequest);
+    const ServiceId pair[] = {truth.begin()->first, std::next(truth.begin())->first};
+    options.filter = [&](const CachedInstance& instance) { return instance.Id() <= pair[1]; };
+    options.down.errorThreshold = 2;
+    options.down.downTime = options.down.maxDownTime = std::chrono::milliseconds(1);
+    options.down.maxEjectedShare = 1.0;
+    options.down.panicThreshold = 0;
+    InstanceProvider least(cache, options);
+    (void)least.Choose();
+    done = false;
+    std::thread ejector([&] {
+        while (!done) {
+            for (const ServiceId& id : {pair[0], pair[0], pair[1], pair[1]}) least.ReportFailure(id);
+        }
+    });
+    long chosen = 0;
+    for (int call = 0; call < 300'000; ++call) chosen += least.StartCall() ? 1 : 0;
+    done = true;
+    ejector.join();
+    EXPECT_GT(chosen, 0);
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 // Waiting for conditions nothing signals, and capturing log records.
 
 #include <chrono>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -24,6 +26,15 @@ bool PollUntil(Predicate holds, std::chrono::milliseconds timeout,
         std::this_thread::sleep_for(interval);
     }
     return true;
+}
+
+// Whether thread `tid` of this process is asleep (blocked in a wait), as
+// /proc shows it.
+inline bool ThreadSleeps(long tid) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+    const std::string line((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    const std::size_t paren = line.rfind(')');
+    return paren != std::string::npos && paren + 2 < line.size() && line[paren + 2] == 'S';
 }
 
 // Routes every log record to memory for the lifetime of the object and sets

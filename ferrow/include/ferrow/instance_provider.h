@@ -117,8 +117,8 @@ enum class ChoiceStrategy {
     // alone, so every process that sees the same instances places a key
     // alike, whatever it saw before. Shares follow the weights (within 2 %
     // for equal weights up to 16,384 instances); when one instance joins or
-    // leaves, about its share of the keys move, and keys move between
-    // instances that stayed only at a few in a thousand. A key whose
+    // leaves, about its share of the keys move, and some between instances
+    // that stayed too, under 1 % of all keys (docs/benchmarks.md). A key whose
     // instance is down goes to others in proportion to their weights, the
     // same ones for the same key, and comes back once it is up. Choose()
     // without a key chooses at random in proportion to weight.
@@ -145,14 +145,16 @@ struct DownInstancePolicy {
     // row), that eject an instance unless, of the other instances that are
     // up and were reported on since the row began, as many or more failed
     // last as succeeded last, one at least: a failure of the whole service
-    // ejects nobody. Judged at every errorThreshold failures of the row.
+    // ejects nobody. Judged at every errorThreshold failures of the row;
+    // at least 2, since one failure has nothing to be compared with.
     int errorThreshold = 3;
     std::chrono::milliseconds errorWindow{10'000};
-    // Also ejected, when minimumCalls is above 0: an instance with at least
-    // minimumCalls calls within errorWindow whose share of failures exceeds
-    // the share of the other instances' calls (within their windows) by
-    // failureRate or more. With the others healthy, 0.5 ejects at half of
-    // its calls failed; with the others failing as much, never.
+    // Also ejected, when minimumCalls is set (0: off, else at least 2): an
+    // instance with at least minimumCalls calls within errorWindow whose
+    // share of failures exceeds the share of the other instances' calls
+    // (within their windows, at least minimumCalls of them) by failureRate
+    // or more. With the others healthy, 0.5 ejects at half of its calls
+    // failed; with the others failing as much, never.
     int minimumCalls = 0;
     double failureRate = 0.5;
     // The first ejection lasts downTime; each one of the same instance that
@@ -229,8 +231,8 @@ private:
 
 class InstanceProvider {
 public:
-    // Throws std::invalid_argument for a null cache, a threshold below 1 or
-    // a share outside [0, 1]. The provider's thread starts with the first
+    // Throws std::invalid_argument for a null cache, an errorThreshold below
+    // 2, a minimumCalls of 1 or a share outside [0, 1]. The provider's thread starts with the first
     // choice.
     explicit InstanceProvider(std::shared_ptr<const ServiceCache> cache, ProviderOptions options = {});
     // Stops the provider's thread, after the plan it is building, if any.
@@ -360,6 +362,7 @@ private:
     std::atomic<std::uint64_t> m_requested{0};    // the newest version a choice met; written under the lock
     std::uint64_t m_attempted = 0;                // the newest version the thread tried to build
     bool m_wanted = false;                        // WaitForPlan waits for an attempt
+    bool m_building = false;                      // an attempt is under way
     std::uint64_t m_failures = 0;                 // attempts the filter failed, and the last one's exception
     std::exception_ptr m_failure;                 // null once a plan is built again
     std::uint64_t m_failedVersion = 0;            // the version m_failure is of

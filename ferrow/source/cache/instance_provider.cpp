@@ -202,7 +202,10 @@ InstanceProvider::InstanceProvider(std::shared_ptr<const ServiceCache> cache, Pr
     : m_cache(std::move(cache)), m_options(std::move(options)), m_id(NextProviderId()) {
     if (!m_cache) throw std::invalid_argument("InstanceProvider needs a cache");
     const DownInstancePolicy& policy = m_options.down;
-    if (policy.errorThreshold < 1) throw std::invalid_argument("errorThreshold must be at least 1");
+    // One failure alone cannot be told from the first of a service-wide
+    // spike: a row is judged against what the others did meanwhile.
+    if (policy.errorThreshold < 2) throw std::invalid_argument("errorThreshold must be at least 2");
+    if (policy.minimumCalls == 1) throw std::invalid_argument("minimumCalls must be 0 (off) or at least 2");
     const auto share = [](double value) { return value >= 0 && value <= 1; };
     if (!share(policy.maxEjectedShare) || !share(policy.panicThreshold) || !share(policy.failureRate)) {
         throw std::invalid_argument("maxEjectedShare, panicThreshold and failureRate must be within [0, 1]");
@@ -301,6 +304,8 @@ std::size_t InstanceProvider::ChooseIn(Choosing& choosing, std::size_t group, bo
             const std::size_t one = Draw(choosing, group, evenDown, true);
             if (one == Plan::kNone || count == 1) return one;
             const std::size_t other = Draw(choosing, group, evenDown, true);
+            // Every other one ejected since the first draw, on another thread.
+            if (other == Plan::kNone) return one;
             // Calls in flight per unit of weight, compared as products; a
             // drained group's instances weigh alike.
             const bool weighed = plan.groupWeight[group] > 0;
@@ -473,7 +478,9 @@ std::shared_ptr<const InstanceProvider::Plan> InstanceProvider::WaitForPlan(std:
     if (m_failure && m_failedVersion >= version) std::rethrow_exception(m_failure);
     const std::uint64_t failures = m_failures;
     if (m_requested.load(std::memory_order_relaxed) < version) m_requested.store(version, std::memory_order_relaxed);
-    m_wanted = true;  // an attempt even at a version tried already (the first, 0)
+    // An attempt even at a version tried already (the first, 0), unless one
+    // is under way: its plan, or its failure, answers this wait.
+    if (!m_building) m_wanted = true;
     StartBuilder();
     m_wake.notify_one();
     m_built.wait(lock, [&] { return ready() || m_failures != failures; });
@@ -509,6 +516,7 @@ void InstanceProvider::BuildPlans() {
         const bool retryDue = m_failure && std::chrono::steady_clock::now() >= retryAt;
         if (m_requested.load(std::memory_order_relaxed) <= m_attempted && !retryDue && !m_wanted) continue;
         m_wanted = false;
+        m_building = true;
         lock.unlock();
         // The filter runs in BuildPlan, with no lock held.
         SnapshotPtr snapshot = m_cache->Snapshot();
@@ -521,6 +529,7 @@ void InstanceProvider::BuildPlans() {
             failure = std::current_exception();
         }
         lock.lock();
+        m_building = false;
         m_attempted = std::max(m_attempted, version);
         if (plan) {
             Install(std::move(plan));
@@ -764,7 +773,9 @@ bool InstanceProvider::Outlier(const Health& health, std::int64_t now, bool byRa
     // failures are this instance's own.
     if (!byRate) return failing == 0 || succeeding > failing;
     const double share = static_cast<double>(health.failed) / static_cast<double>(health.calls);
-    const double others = calls > 0 ? static_cast<double>(failed) / static_cast<double>(calls) : 0.0;
+    // Too few calls of the others to compare with: not judged by its rate.
+    if (calls < m_options.down.minimumCalls) return false;
+    const double others = static_cast<double>(failed) / static_cast<double>(calls);
     return share - others >= m_options.down.failureRate;
 }
 
