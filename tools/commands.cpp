@@ -489,10 +489,10 @@ int Protect(const CommonOptions& common, const StopSignals& signals, const Strin
     } catch (const AccessDenied& e) {
         throw Denied(e, service);
     } catch (const OpenInstances& e) {
-        String ids;
-        for (const String& id : e.Ids()) ids += (ids.empty() ? "" : ", ") + id;
-        throw CommandError("service '" + service + "' has instances anyone may change: " + ids +
-                           "; nothing was protected (--lock-instances gives them to the operator)");
+        String named;
+        for (const auto& [id, reason] : e.Instances()) named += (named.empty() ? "" : "; ") + id + " (" + reason + ")";
+        throw CommandError("service '" + service + "' is protected, but these instances are not safe: " + named +
+                           (lockInstances ? "" : "; --lock-instances locks or removes them"));
     }
     PrintAcl(ServiceAcl(*conn, service), false);
     return 0;

@@ -2,8 +2,11 @@
 // and B, and an anonymous client that only watches.
 
 #include <atomic>
+#include <set>
+#include <thread>
 
 #include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/string_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
 #include <gtest/gtest.h>
 
@@ -110,20 +113,60 @@ TEST_F(AccessTest, UnprotectedServicesStayOpen) {
     EXPECT_EQ(AclOf(*anonymous, ServicePath("open")), (std::vector<AclEntry>{{"world", "anyone", ZOO_PERM_ALL}}));
 }
 
-// Protecting a service with instances anyone may change refuses, naming
-// them, or gives them to the operator; a protected root keeps strangers from
-// adding services, deleting an empty protected one or taking the root.
-TEST_F(AccessTest, OpenInstancesAreRefusedOrLockedAndAProtectedRootKeepsServicesFromStrangers) {
+// Protecting a service sets its list first, then names every instance that
+// is not as a publisher with credentials makes it (open to anyone, granting
+// a stranger or an address more than READ, persistent, with children), or
+// locks or removes them; one whose own list keeps the operator out stays
+// named. A client adding open instances meanwhile leaves none open. A
+// protected root keeps strangers from adding services, deleting an empty
+// protected one or taking the root.
+TEST_F(AccessTest, UnsafeInstancesAreNamedOrRemovedAndAProtectedRootKeepsServicesFromStrangers) {
+    const std::shared_ptr<ZooKeeperConnection> mallory = Session("mallory:pw-m");
+    const String bytes = EncodeInstanceData(MakeRecord(1), false);
+    const auto plant = [&](const ZooKeeperConnection& conn, const std::vector<AclEntry>& acl, int flags) {
+        const ServiceId id = boost::uuids::random_generator()();
+        EXPECT_EQ(conn.Create(InstancePath("legacy", id), bytes, acl, flags), ZOK);
+        return boost::uuids::to_string(id);
+    };
     ServiceRegistration open(anonymous, "legacy", MakeRecord(1));
+    const String own = plant(*mallory, {{"world", "anyone", ZOO_PERM_READ | ZOO_PERM_CREATE}, {"auth", "", ZOO_PERM_ALL}}, 0);
+    const String byAddress = plant(*anonymous, {{"world", "anyone", ZOO_PERM_READ}, {"ip", "127.0.0.1", ZOO_PERM_ALL}},
+                                   ZOO_EPHEMERAL);
+    const String pinned = plant(*mallory, {{"world", "anyone", ZOO_PERM_READ}, {"auth", "", ZOO_PERM_ALL}}, 0);
+    ASSERT_EQ(mallory->Create(InstancePath("legacy", boost::uuids::string_generator()(pinned)) + "/pin", "",
+                              {{"auth", "", ZOO_PERM_ALL}}, 0), ZOK);
+    std::atomic<bool> stop{false};
+    std::thread flood([&] {
+        while (!stop && anonymous->Create(InstancePath("legacy", boost::uuids::random_generator()()), bytes,
+                                          ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL) == ZOK) {
+        }
+    });
+    std::set<String> named;
     try {
         ProtectService(*op, "legacy", "op:secret", {DigestIdentity("alice:pw-a")});
-        ADD_FAILURE() << "an open instance was left open";
+        ADD_FAILURE() << "unsafe instances were left unnamed";
     } catch (const OpenInstances& e) {
-        EXPECT_EQ(e.Ids(), std::vector<String>{boost::uuids::to_string(open.Id())});
+        named.insert(e.Ids().begin(), e.Ids().end());
     }
-    EXPECT_EQ(AclOf(*anonymous, ServicePath("legacy")), (std::vector<AclEntry>{{"world", "anyone", ZOO_PERM_ALL}}));
-    ProtectService(*op, "legacy", "op:secret", {DigestIdentity("alice:pw-a")}, OpenInstancePolicy::kLock);
-    EXPECT_EQ(anonymous->Set(open.Path(), EncodeInstanceData(MakeRecord(5), false), -1, nullptr), ZNOAUTH);
+    stop = true;
+    flood.join();
+    std::vector<String> children;
+    ASSERT_EQ(op->GetChildren(ServicePath("legacy"), children), ZOK);
+    EXPECT_EQ(named, std::set<String>(children.begin(), children.end())) << "every one of them, flood included";
+    EXPECT_TRUE(named.count(own) && named.count(byAddress) && named.count(pinned));
+    EXPECT_EQ(anonymous->Create(InstancePath("legacy", boost::uuids::random_generator()()), bytes,
+                                ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL), ZNOAUTH) << "protected all the same";
+    try {
+        ProtectService(*op, "legacy", "op:secret", {DigestIdentity("alice:pw-a")}, OpenInstancePolicy::kLock);
+        ADD_FAILURE() << "a node the operator cannot remove went unnamed";
+    } catch (const OpenInstances& e) {
+        EXPECT_EQ(e.Ids(), std::vector<String>{pinned});
+    }
+    for (const ZooKeeperConnection* writer : {anonymous.get(), mallory.get()}) {
+        EXPECT_EQ(writer->Set(open.Path(), bytes, -1, nullptr), ZNOAUTH);
+        EXPECT_EQ(writer->Set(InstancePath("legacy", boost::uuids::string_generator()(byAddress)), bytes, -1, nullptr), ZNOAUTH);
+    }
+    EXPECT_EQ(op->Exists(InstancePath("legacy", boost::uuids::string_generator()(own)), nullptr), ZNONODE);
 
     ProtectRoot(*op, "op:secret", {DigestIdentity("alice:pw-a")});
     const std::vector<AclEntry> openRoot{{"world", "anyone", ZOO_PERM_ALL}};

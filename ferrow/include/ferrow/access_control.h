@@ -33,6 +33,7 @@
 // connection make synchronous requests on the caller's thread.
 
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "ferrow/error.h"
@@ -73,32 +74,41 @@ private:
     String m_permission;
 };
 
-// Instances of a service that anyone may change or delete (published
-// without credentials), which protecting the service would leave open.
+// Instances of a protected service that are not as ferrow publishes them:
+// persistent, with children, granting more than READ to anyone but the
+// operator and the listed publishers (anonymous publishers, strangers,
+// ip: or world: grants of any permission), or whose list the operator
+// cannot read. Readers follow them all the same: they are named, with why.
 class OpenInstances : public std::runtime_error {
 public:
-    explicit OpenInstances(std::vector<String> ids);
+    explicit OpenInstances(std::vector<std::pair<String, String>> instances);
+    // The ids, and each with its reason.
     const std::vector<String>& Ids() const { return m_ids; }
+    const std::vector<std::pair<String, String>>& Instances() const { return m_instances; }
 
 private:
+    std::vector<std::pair<String, String>> m_instances;
     std::vector<String> m_ids;
 };
 
-// What ProtectService does with instances that anyone may change.
+// What ProtectService does with the instances that are not safe.
 enum class OpenInstancePolicy {
-    kRefuse,  // protects nothing and throws OpenInstances naming them
-    kLock,    // gives each READ for everyone and everything to the operator:
-              // its publisher can no longer change it, and it goes with its
-              // session; the publisher registers again with credentials
+    kRefuse,  // leaves them and throws OpenInstances naming them
+    kLock,    // locks an ephemeral one (READ for everyone, everything for
+              // the operator: it goes with its session, and its publisher
+              // registers again with credentials) and deletes any other,
+              // children first; throws OpenInstances naming those whose own
+              // list keeps the operator out (only the super user can)
 };
 
-// Protects /srv2/<service>: creates it with the protected list (never open
-// for a moment; needs CREATE on /srv2, and creates an open /srv2 when there
-// is none) or sets the list on the existing node (needs ADMIN there only).
-// Instances that anyone may change are refused or locked, by `open`, before
-// the list is set. `operatorCredentials` are those `conn` was opened with.
-// Throws AccessDenied naming the node and permission refused, OpenInstances,
-// or ZooError with the client's result code.
+// Protects /srv2/<service>: sets the protected list on the existing node
+// (needs ADMIN there only), or creates it with that list from the start
+// (needs CREATE on /srv2; creates an open /srv2 when there is none). Then,
+// as nothing unsafe can be added any more, judges every instance and deals
+// with the unsafe ones by `open`: the service is protected either way, and
+// OpenInstances says what is left. `operatorCredentials` are those `conn`
+// was opened with. Throws AccessDenied naming the node and permission
+// refused, OpenInstances, or ZooError with the client's result code.
 void ProtectService(const ZooKeeperConnection& conn, const String& service, const String& operatorCredentials,
                     const std::vector<String>& publishers, OpenInstancePolicy open = OpenInstancePolicy::kRefuse);
 

@@ -202,9 +202,10 @@ public:
     };
     ReadCounts Reads() const;
 
-    // A node's access list, and a change of it (`version` -1: any), as
-    // synchronous requests with the result code of the others below.
-    int GetAcl(String path, std::vector<AclEntry>& acl) const;
+    // A node's access list (and, with `stat`, its Stat: its owner, its
+    // children), and a change of it (`version` -1: any), as synchronous
+    // requests with the result code of the others below.
+    int GetAcl(String path, std::vector<AclEntry>& acl, Stat* stat = nullptr) const;
     int SetAcl(String path, const std::vector<AclEntry>& acl, int version = -1) const;
     // Create, with the node's access list from the start.
     int Create(String path, const String& data, const std::vector<AclEntry>& acl, int flags) const;

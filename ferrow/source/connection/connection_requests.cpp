@@ -95,8 +95,9 @@ void SyncStringsDone(int rc, const String_vector* strings, const void* data) {
     });
 }
 
-void SyncAclDone(int rc, ACL_vector* acl, Stat*, const void* data) {
-    FinishSync(data, rc, [acl](SyncCall& call) {
+void SyncAclDone(int rc, ACL_vector* acl, Stat* stat, const void* data) {
+    FinishSync(data, rc, [acl, stat](SyncCall& call) {
+        if (stat != nullptr) call.m_stat = *stat;
         if (acl == nullptr) return;
         for (int i = 0; i < acl->count; ++i) {
             const ACL& entry = acl->data[i];
@@ -422,13 +423,14 @@ int ZooKeeperConnection::GetChildren(String path, std::vector<String>& children)
     return rc;
 }
 
-int ZooKeeperConnection::GetAcl(String path, std::vector<AclEntry>& acl) const {
+int ZooKeeperConnection::GetAcl(String path, std::vector<AclEntry>& acl, Stat* stat) const {
     auto call = std::make_shared<SyncCall>();
     const int rc = RunSync(call, [&](zhandle_t* zh, const void* ctx) {
         return zoo_aget_acl(zh, path.c_str(), &SyncAclDone, ctx);
     });
     acl.clear();
     if (rc == ZOK) acl.swap(call->m_acl);
+    if (rc == ZOK && stat != nullptr) *stat = call->m_stat;
     return rc;
 }
 

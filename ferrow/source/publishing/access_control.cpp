@@ -85,8 +85,11 @@ const ACL_vector& PublisherInstanceAcl() { return g_publisherAcl; }
 AccessDenied::AccessDenied(String path, String permission)
     : ZooError(ZNOAUTH), m_path(std::move(path)), m_permission(std::move(permission)) {}
 
-OpenInstances::OpenInstances(std::vector<String> ids)
-    : std::runtime_error("instances anyone may change"), m_ids(std::move(ids)) {}
+OpenInstances::OpenInstances(std::vector<std::pair<String, String>> instances)
+    : std::runtime_error("instances that are not safe under the protected service"),
+      m_instances(std::move(instances)) {
+    for (const auto& instance : m_instances) m_ids.push_back(instance.first);
+}
 
 namespace {
 
@@ -104,11 +107,48 @@ void CreateOrRestrict(const ZooKeeperConnection& conn, const String& path, const
     Check(conn.SetAcl(path, acl), path, "admin");
 }
 
-// Whether `acl` lets anyone change or delete the node.
-bool OpenToAnyone(const std::vector<AclEntry>& acl) {
-    return std::any_of(acl.begin(), acl.end(), [](const AclEntry& entry) {
-        return entry.scheme == "world" && entry.id == "anyone" && (entry.perms & ~ZOO_PERM_READ) != 0;
-    });
+// Why the instance at `path` is not safe under a service protected for
+// `allowed` (the operator's and the publishers' identities), or empty when
+// it is: ferrow publishes only ephemeral nodes without children, which
+// grant more than READ to those identities alone.
+String Unsafe(const ZooKeeperConnection& conn, const String& path, const std::vector<String>& allowed) {
+    std::vector<AclEntry> acl;
+    Stat stat{};
+    const int rc = conn.GetAcl(path, acl, &stat);
+    if (rc == ZNONODE) return String();
+    if (rc == ZNOAUTH) return "its access list cannot be read";
+    Check(rc, path, "read");
+    if (stat.ephemeralOwner == 0) return "it is persistent";
+    if (stat.numChildren > 0) return "it has children";
+    for (const AclEntry& entry : acl) {
+        if ((entry.perms & ~ZOO_PERM_READ) == 0) continue;
+        const bool listed = entry.scheme == "digest" && std::find(allowed.begin(), allowed.end(), entry.id) != allowed.end();
+        if (!listed) return "it grants " + AclText(entry);
+    }
+    return String();
+}
+
+// Makes the unsafe instance at `path` safe, as the operator with
+// `operatorIdentity`: an ephemeral one is locked (READ for everyone,
+// everything for the operator) and goes with its session; any other is
+// deleted, its children first. False when the node's own list forbids it.
+bool MakeSafe(const ZooKeeperConnection& conn, const String& path, const String& operatorIdentity) {
+    Stat stat{};
+    const int exists = conn.Exists(path, &stat);
+    if (exists == ZNONODE) return true;
+    if (exists == ZOK && stat.ephemeralOwner != 0 && stat.numChildren == 0 &&
+        conn.SetAcl(path, {{"world", "anyone", ZOO_PERM_READ}, {"digest", operatorIdentity, ZOO_PERM_ALL}}) == ZOK) {
+        return true;
+    }
+    std::vector<String> children;
+    if (conn.GetChildren(path, children) == ZOK) {
+        for (const String& child : children) {
+            const int rc = conn.Delete(path + "/" + child, -1);
+            if (rc != ZOK && rc != ZNONODE) return false;
+        }
+    }
+    const int rc = conn.Delete(path, -1);
+    return rc == ZOK || rc == ZNONODE;
 }
 
 }  // namespace
@@ -117,27 +157,33 @@ void ProtectService(const ZooKeeperConnection& conn, const String& service, cons
                     const std::vector<String>& publishers, OpenInstancePolicy open) {
     const String operatorIdentity = DigestIdentity(operatorCredentials);
     const String path = ServicePath(service);
-    EnsurePath(conn, "/srv2", false, ZOO_OPEN_ACL_UNSAFE);
+    // The list first: from then on only the operator and the publishers may
+    // add instances, so the instances judged below are all there can be.
+    const std::vector<AclEntry> acl = ProtectedServiceAcl(operatorIdentity, publishers);
+    int rc = conn.SetAcl(path, acl);
+    if (rc == ZNONODE) {
+        EnsurePath(conn, "/srv2", false, ZOO_OPEN_ACL_UNSAFE);
+        rc = conn.Create(path, String(), acl, 0);
+        if (rc == ZNODEEXISTS) {
+            rc = conn.SetAcl(path, acl);
+        } else {
+            Check(rc, "/srv2", "create");
+        }
+    }
+    Check(rc, path, "admin");
+    std::vector<String> allowed{operatorIdentity};
+    allowed.insert(allowed.end(), publishers.begin(), publishers.end());
     std::vector<String> children;
-    const int listed = conn.GetChildren(path, children);
-    if (listed != ZOK && listed != ZNONODE) Check(listed, path, "read");
-    std::vector<String> opened;
+    Check(conn.GetChildren(path, children), path, "read");
+    std::vector<std::pair<String, String>> unsafe;
     for (const String& child : children) {
-        std::vector<AclEntry> acl;
-        const int rc = conn.GetAcl(path + "/" + child, acl);
-        // Gone meanwhile, or a node this session may not read: readers
-        // cannot read it either, so it takes no traffic whatever its list.
-        if (rc == ZNONODE || rc == ZNOAUTH) continue;
-        Check(rc, path + "/" + child, "read");
-        if (OpenToAnyone(acl)) opened.push_back(child);
+        String reason = Unsafe(conn, path + "/" + child, allowed);
+        if (reason.empty()) continue;
+        if (open == OpenInstancePolicy::kLock && MakeSafe(conn, path + "/" + child, operatorIdentity)) continue;
+        if (open == OpenInstancePolicy::kLock) reason += ", and its own list keeps the operator from removing it";
+        unsafe.emplace_back(child, std::move(reason));
     }
-    if (!opened.empty() && open == OpenInstancePolicy::kRefuse) throw OpenInstances(opened);
-    for (const String& child : opened) {
-        const int rc = conn.SetAcl(path + "/" + child,
-                                   {{"world", "anyone", ZOO_PERM_READ}, {"digest", operatorIdentity, ZOO_PERM_ALL}});
-        if (rc != ZNONODE) Check(rc, path + "/" + child, "admin");
-    }
-    CreateOrRestrict(conn, path, ProtectedServiceAcl(operatorIdentity, publishers));
+    if (!unsafe.empty()) throw OpenInstances(std::move(unsafe));
 }
 
 void ProtectRoot(const ZooKeeperConnection& conn, const String& operatorCredentials,
