@@ -68,7 +68,7 @@ printf 'alice:pw-a\ndigest:bob:short\n' >"$dir/bad-publishers"
 fails 2 "ferrow: $dir/bad-publishers:2: the HASH of digest:USER:HASH must be 28 characters" \
   "$ferrow" --zk "$zk" --auth-file "$dir/op" protect guarded --publishers-file "$dir/bad-publishers"
 fails 2 "ferrow: protect needs the operator's credentials" "$ferrow" --zk "$zk" protect guarded --publisher alice:pw-a
-fails 1 "ferrow: service 'tool' has instances anyone may change: $taken_id; nothing was protected (--lock-instances gives them to the operator)" \
+fails 1 "ferrow: service 'tool' is protected, but these instances are not safe: $taken_id (it grants world:anyone read,write,create,delete,admin); --lock-instances locks or removes them" \
   "$ferrow" --zk "$zk" --auth-file "$dir/op" protect tool --publisher alice:pw-a
 check "protect" "$(run "$ferrow" --zk "$zk" --auth-file "$dir/op" protect guarded --publishers-file "$dir/publishers" |
   sed -E 's|:[A-Za-z0-9+/]{27}=|:HASH|' | tr '\n' ,)" \
