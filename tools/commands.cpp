@@ -299,16 +299,24 @@ int Services(const CommonOptions& common, const StopSignals& signals, bool json)
     std::vector<String> objects;
     for (const String& service : services) {
         std::vector<String> children;
-        // A service removed since the listing is not listed.
+        // A service removed since the listing is not listed; one this
+        // session may not read is skipped with a warning, never failing the
+        // others.
         const int listed = conn->GetChildren(ServicePath(service), children);
         if (listed == ZNONODE) continue;
-        if (listed != ZOK) throw ZooError(listed);
+        if (listed != ZOK) {
+            std::cerr << "ferrow: warning: service '" << service << "' skipped: " << zerror(listed) << std::endl;
+            continue;
+        }
         // Counted as `list` and `watch` count: instances whose record reads
-        // and decodes; the others apart.
+        // and decodes; the others apart. A child not named by an id in
+        // canonical form is no instance: no watcher reads it.
         size_t instances = 0, unreadable = 0;
         for (const String& child : children) {
             ServiceId id;
             ServiceInstanceData record;
+            const std::optional<ServiceId> parsed = ParseServiceId(child);
+            if (!parsed || boost::uuids::to_string(*parsed) != child) continue;
             try {
                 instances += ReadListed(*conn, service, child, id, record);
             } catch (const std::exception&) {

@@ -89,7 +89,12 @@ printf 'addauth digest alice:pw-a\ncreate /srv2/guarded/%s x auth::cdrwa\nquit\n
   run /usr/share/zookeeper/bin/zkCli.sh -server "$zk" >/dev/null 2>&1
 check "list skips what it cannot read" "$(run "$ferrow" --zk "$zk" list guarded 2>"$dir/err" | cut -d' ' -f1-2)|$(cat "$dir/err")" \
   "$alice_id a:1|ferrow: warning: instance $hostile of service 'guarded' skipped: not authenticated"
-check "services counts it apart" "$(run "$ferrow" --zk "$zk" services | grep '^guarded ')" "guarded 1 (1 unreadable)"
+# An upper-case twin of alice's id is no instance, and a service node
+# nobody else may read is skipped with a warning: services goes on.
+printf 'addauth digest alice:pw-a\ncreate /srv2/guarded/%s x\ncreate /srv2/sealed x auth::cdrwa\nquit\n' \
+  "$(echo "$alice_id" | tr a-f A-F)" | run /usr/share/zookeeper/bin/zkCli.sh -server "$zk" >/dev/null 2>&1
+check "services counts it apart" "$(run "$ferrow" --zk "$zk" services 2>"$dir/err" | grep '^guarded ')|$(cat "$dir/err")" \
+  "guarded 1 (1 unreadable)|ferrow: warning: service 'sealed' skipped: not authenticated"
 # watch names it in one log record and goes on: it reports the next instance.
 "$ferrow" --zk "$zk" watch guarded >"$dir/guarded" 2>"$dir/guarded.err" & guarded=$!
 pids+=("$guarded")
