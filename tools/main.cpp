@@ -315,9 +315,11 @@ int main(int argc, char** argv) {
         } catch (const CLI::ParseError& e) {
             return app.exit(e) == 0 ? 0 : 2;
         }
-        if (HideAuthArguments(argc, argv)) {
-            std::cerr << "ferrow: warning: --auth showed the password in the process list; use --auth-file or "
-                         "FERROW_AUTH"
+        for (const String& option : HidePasswordArguments(argc, argv)) {
+            std::cerr << "ferrow: warning: " << option << " showed the password in the process list; use "
+                      << (option == "--auth" ? "--auth-file or FERROW_AUTH"
+                                             : option == "--publisher" ? "--publishers-file or digest:USER:HASH"
+                                                                       : "digest:USER:HASH")
                       << std::endl;
         }
         if (!authFile.empty()) common.digestAuth = ReadAuthFile(authFile);

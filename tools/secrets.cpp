@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 
@@ -90,15 +91,26 @@ String ReadAuthFile(const String& path) {
     throw UsageError("--auth-file " + path + " holds no credentials");
 }
 
-bool HideAuthArguments(int argc, char** argv) {
-    bool hidden = false;
+std::vector<String> HidePasswordArguments(int argc, char** argv) {
+    static const char* const kOptions[] = {"--auth", "--publisher", "--creator"};
+    std::vector<String> hidden;
+    const auto hide = [&hidden](const char* option, char* value) {
+        // An identity in digest form holds no password.
+        if (std::strncmp(value, "digest:", 7) == 0 || std::strchr(value, ':') == nullptr) return;
+        Blank(value);
+        if (std::find(hidden.begin(), hidden.end(), option) == hidden.end()) hidden.emplace_back(option);
+    };
     for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--auth") == 0 && i + 1 < argc) {
-            Blank(argv[++i]);
-            hidden = true;
-        } else if (std::strncmp(argv[i], "--auth=", 7) == 0) {
-            Blank(argv[i] + 7);
-            hidden = true;
+        for (const char* option : kOptions) {
+            const std::size_t length = std::strlen(option);
+            if (std::strcmp(argv[i], option) == 0 && i + 1 < argc) {
+                hide(option, argv[++i]);
+                break;
+            }
+            if (std::strncmp(argv[i], option, length) == 0 && argv[i][length] == '=') {
+                hide(option, argv[i] + length + 1);
+                break;
+            }
         }
     }
     return hidden;

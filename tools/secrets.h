@@ -39,11 +39,12 @@ std::vector<String> ReadPublishersFile(const String& path);
 // read or written by anyone but its owner, cannot be read, or holds none.
 String ReadAuthFile(const String& path);
 
-// Overwrites the password of every --auth on the command line with 'x', so
+// Overwrites the password of every --auth, --publisher and --creator
+// (USER:PASSWORD; never digest:USER:HASH) on the command line with 'x', so
 // that the process list no longer shows it once the tool has read it, and
-// returns whether there was one. The caller warns: the password was
+// returns the options that had one. The caller warns: the password was
 // visible until then, and stays in the shell's history.
-bool HideAuthArguments(int argc, char** argv);
+std::vector<String> HidePasswordArguments(int argc, char** argv);
 
 }  // namespace cli
 }  // namespace ferrow

@@ -69,7 +69,7 @@ fails 2 "ferrow: $dir/bad-publishers:2: the HASH of digest:USER:HASH must be 28 
   "$ferrow" --zk "$zk" --auth-file "$dir/op" protect guarded --publishers-file "$dir/bad-publishers"
 fails 2 "ferrow: protect needs the operator's credentials" "$ferrow" --zk "$zk" protect guarded --publisher alice:pw-a
 fails 1 "ferrow: service 'tool' is protected, but these instances are not safe: $taken_id (it grants world:anyone read,write,create,delete,admin); --lock-instances locks or removes them" \
-  "$ferrow" --zk "$zk" --auth-file "$dir/op" protect tool --publisher alice:pw-a
+  "$ferrow" --zk "$zk" --auth-file "$dir/op" protect tool --publishers-file "$dir/publishers"
 check "protect" "$(run "$ferrow" --zk "$zk" --auth-file "$dir/op" protect guarded --publishers-file "$dir/publishers" |
   sed -E 's|:[A-Za-z0-9+/]{27}=|:HASH|' | tr '\n' ,)" \
   "world:anyone read,digest:op:HASH read,write,create,delete,admin,digest:alice:HASH create,delete,"
@@ -104,7 +104,7 @@ fails 1 "ferrow: permission denied: create on /srv2/guarded (the service accepts
 fails 1 "ferrow: permission denied: write on /srv2/guarded/$alice_id (only the instance's publisher may change its record)" \
   env FERROW_AUTH=bob:pw-b "$ferrow" --zk "$zk" update guarded "$alice_id" --weight 0
 fails 1 "ferrow: permission denied: admin on /srv2/guarded (its access list does not let these credentials change it; see ferrow acl guarded)" \
-  env FERROW_AUTH=mallory:x "$ferrow" --zk "$zk" protect guarded --publisher mallory:x
+  env FERROW_AUTH=mallory:x "$ferrow" --zk "$zk" protect guarded --publisher digest:mallory:AAAAAAAAAAAAAAAAAAAAAAAAAAA=
 # --auth warns, and leaves the process list once read.
 "$ferrow" --zk "$zk" --auth alice:pw-a register guarded --host b --port 2 >/dev/null 2>"$dir/hidden" & hidden=$!
 pids+=("$hidden")
@@ -152,10 +152,11 @@ kill -TERM "$failing" "$healthy"
 exited "$failing"; exited "$healthy"
 
 # Last, as it closes the root to every other check: the operator protects
-# it, and only alice and the operator add services from then on.
+# it, and only alice and the operator add services from then on. A
+# password given on the command line is warned of, as --auth's is.
 check "protect the root" "$(run "$ferrow" --zk "$zk" --auth-file "$dir/op" protect-root --creator alice:pw-a 2>&1 |
   sed -E 's|:[A-Za-z0-9+/]{27}=|:HASH|' | tr '\n' ,)" \
-  "world:anyone read,digest:op:HASH read,write,create,delete,admin,digest:alice:HASH create,"
+  "ferrow: warning: --creator showed the password in the process list; use digest:USER:HASH,world:anyone read,digest:op:HASH read,write,create,delete,admin,digest:alice:HASH create,"
 fails 1 "ferrow: permission denied: create on /srv2 (only the operator and the creators listed on the root may add services)" \
   "$ferrow" --zk "$zk" register newsvc --host h --port 1
 
