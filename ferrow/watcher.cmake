@@ -14,6 +14,7 @@ add_library(ferrow
   source/publishing/access_control.cpp
   source/watching/zlib.cpp
   source/watching/instance_data.cpp
+  source/publishing/retry_timer.cpp
   source/publishing/service_registration.cpp)
 add_library(ferrow::ferrow ALIAS ferrow)
 target_include_directories(ferrow

@@ -1,6 +1,7 @@
 // Protected services against a real server: an operator, two publishers A
 // and B, and an anonymous client that only watches.
 
+#include <algorithm>
 #include <atomic>
 #include <set>
 #include <thread>
@@ -216,6 +217,31 @@ TEST_F(AccessTest, ARegistrationRestoresItsNodeAndNeverAdoptsAnother) {
     alice.reset();
     Stat stat{};
     EXPECT_EQ(b->Exists(path, &stat), ZOK) << "the displaced registration deleted another's node";
+}
+
+// A registration whose node another client keeps deleting and creating
+// under its id tries again, on the same healthy connection, for as long as
+// it lives, and publishes once the churn stops.
+TEST_F(AccessTest, ARegistrationOutlastsChurnOnItsNode) {
+    ServiceRegistration churned(a, "churned", MakeRecord(1));
+    const String bytes = EncodeInstanceData(MakeRecord(2), false);
+    testing::LogCapture log(logging::JXLOG_ERROR);
+    const auto gaveUp = [&] {
+        const auto records = log.Records();
+        return std::any_of(records.begin(), records.end(), [](const auto& record) {
+            return record.message.find("Instance not published again") != std::string::npos;
+        });
+    };
+    for (int i = 0; i < 5000 && !gaveUp(); ++i) {
+        anonymous->Delete(churned.Path(), -1);
+        anonymous->Create(churned.Path(), bytes, ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL);
+    }
+    anonymous->Delete(churned.Path(), -1);
+    EXPECT_TRUE(gaveUp()) << "the churn never outran the registration's own attempts";
+    EXPECT_TRUE(PollUntil([&] {
+        Stat stat{};
+        return churned.IsPublished() && b->Exists(churned.Path(), &stat) == ZOK && stat.ephemeralOwner == a->SessionId();
+    }, kPatience));
 }
 
 }  // namespace

@@ -30,7 +30,11 @@ class MetricsSource;
 // weakly, on the connection's delivery thread) and, on the first connected
 // event after an expiry, creates the node again with the current record.
 // A re-creation that fails is logged under "ferrow.registration" and tried
-// again on the next connected event. One whose request goes unanswered
+// again on the next connected event, or, while the connection stays up,
+// after 100 ms, then twice as long each time up to 30 s, for as long as the
+// registration lives (each failure counts in its publish failures metric):
+// a node that another client keeps deleting and creating under its id
+// delays it, never ends it. One whose request goes unanswered
 // while the connection stays up, where no connected event follows, is
 // settled by reading the node: published when it is there and this
 // session's, left alone when another's, created again when absent. When

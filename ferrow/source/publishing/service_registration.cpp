@@ -1,6 +1,8 @@
 #include "ferrow/service_registration.h"
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <utility>
 
@@ -11,6 +13,7 @@
 #include "ferrow/error.h"
 #include "ferrow/instance_data.h"
 #include "connection/session_subscription.h"
+#include "publishing/retry_timer.h"
 #include "ferrow/zookeeper_connection.h"
 #include "logger/logger.h"
 #include "metrics/metrics_registry.h"
@@ -21,6 +24,11 @@ namespace ferrow {
 namespace {
 
 const logging::ConstSourcePtr g_log = logging::MakeSource("ferrow.registration");
+
+// The first delay before a registration tries again on the same
+// connection, and the longest: it doubles at each attempt that fails.
+constexpr std::chrono::milliseconds kFirstRetry{100};
+constexpr std::chrono::milliseconds kLongestRetry{30'000};
 
 }  // namespace
 
@@ -196,9 +204,47 @@ private:
                                                      << m_path << ": " << e.what();
                 return Judge(tries - 1);
             }
-            JXLOG(logging::JXLOG_ERROR, g_log) << "Instance not published again, retried on the next connection: "
-                                               << m_path << ": " << e.what();
+            if (m_conn->State() != ZOO_CONNECTED_STATE) {
+                JXLOG(logging::JXLOG_ERROR, g_log) << "Instance not published again, retried on the next connection: "
+                                                   << m_path << ": " << e.what();
+                return;
+            }
+            RetryLater(e.what());
         }
+    }
+
+    // Requires m_mtx held. The node is still to be created and the
+    // connection is up, so no session event will prompt another attempt:
+    // one is made after a delay that doubles at each failure, up to
+    // kLongestRetry, for as long as the registration lives.
+    void RetryLater(const String& why) {
+        SetNode(Node::kLostWithSession);
+        if (m_retryPending || m_stopping) return;
+        m_retryPending = true;
+        const std::chrono::milliseconds delay = m_retryDelay;
+        m_retryDelay = std::min(m_retryDelay * 2, kLongestRetry);
+        JXLOG(logging::JXLOG_ERROR, g_log) << "Instance not published again, retried in " << delay.count()
+                                           << " ms: " << m_path << ": " << why;
+        // On the delivery thread, as every other attempt; both hold this
+        // registration weakly, and the connection's queue drops the task
+        // once the connection is gone.
+        details::RunAfter(delay, [weak = weak_from_this()] {
+            if (const auto self = weak.lock()) {
+                self->m_conn->Post([weak] {
+                    if (const auto again = weak.lock()) again->Retry();
+                });
+            }
+        });
+    }
+
+    // On the delivery thread: the delay of RetryLater is over.
+    void Retry() {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        m_retryPending = false;
+        if (m_stopping || m_node != Node::kLostWithSession) return;
+        // Without a connection, its connected event tries again.
+        if (m_conn->State() != ZOO_CONNECTED_STATE) return;
+        Republish("Instance published again: ");
     }
 
     // Requires m_mtx held. Reads who owns the existing node: this session
@@ -211,6 +257,7 @@ private:
         const int rc = m_conn->Exists(m_path, &stat);
         if (rc == ZNONODE) {
             if (tries > 0) return Republish("Instance published again: ", tries - 1);
+            if (m_conn->State() == ZOO_CONNECTED_STATE) return RetryLater("its node keeps coming and going");
             JXLOG(logging::JXLOG_ERROR, g_log) << "Instance not published again, its node keeps coming and going; "
                                                   "retried on the next connection: "
                                                << m_path;
@@ -331,7 +378,11 @@ private:
     void SetNode(Node node) {
         m_node = node;
         m_published.store(node == Node::kPublished, std::memory_order_release);
+        if (node == Node::kPublished) m_retryDelay = kFirstRetry;
     }
+    // A retry of RetryLater is waiting for its delay; guarded by m_mtx.
+    bool m_retryPending = false;
+    std::chrono::milliseconds m_retryDelay = kFirstRetry;  // guarded by m_mtx
     bool m_stopping = false;          // guarded by m_mtx; set by Withdraw
     Connection::WatchHandle m_watch;  // on the node; guarded by m_mtx
     bool m_watchRetry = false;        // guarded by m_mtx: m_watch was never set
