@@ -226,7 +226,7 @@ std::optional<ServiceId> ParseServiceId(const String& text) {
 
 String ServiceNameProblem(const String& name) {
     if (name.empty()) return "a service name cannot be empty";
-    if (name == "." || name == "..") return "'" + name + "' cannot name a service";
+    if (name == "." || name == ".." || name == kRootMarker) return "'" + name + "' cannot name a service";
     for (const char c : name) {
         if (c == '/') return "a service name cannot contain '/'";
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
@@ -298,6 +298,7 @@ int Services(const CommonOptions& common, const StopSignals& signals, bool json)
     std::sort(services.begin(), services.end());
     std::vector<String> objects;
     for (const String& service : services) {
+        if (service == kRootMarker) continue;
         std::vector<String> children;
         // A service removed since the listing is not listed; one this
         // session may not read is skipped with a warning, never failing the
@@ -514,6 +515,11 @@ int ProtectRoot(const CommonOptions& common, const StopSignals& signals, const s
         jx::ferrow::ProtectRoot(*conn, common.digestAuth, identities);
     } catch (const AccessDenied& e) {
         throw Denied(e, String());
+    } catch (const UnmanagedServices& e) {
+        String names;
+        for (const String& service : e.Services()) names += (names.empty() ? "'" : ", '") + service + "'";
+        throw CommandError("/srv2 is protected, but the operator cannot administer services " + names +
+                           ": only their creators or the server's super user can protect or remove them");
     }
     PrintAcl(NodeAcl(*conn, "/srv2"), false);
     return 0;

@@ -169,7 +169,16 @@ TEST_F(AccessTest, UnsafeInstancesAreNamedOrRemovedAndAProtectedRootKeepsService
     }
     EXPECT_EQ(op->Exists(InstancePath("legacy", boost::uuids::string_generator()(own)), nullptr), ZNONODE);
 
-    ProtectRoot(*op, "op:secret", {DigestIdentity("alice:pw-a")});
+    // A service seized before the root is protected is named; the root is
+    // protected all the same, and its marker keeps it from being emptied.
+    ASSERT_EQ(mallory->Create(ServicePath("seized"), String(), {{"world", "anyone", ZOO_PERM_READ}, {"auth", "", ZOO_PERM_ALL}}, 0), ZOK);
+    try {
+        ProtectRoot(*op, "op:secret", {DigestIdentity("alice:pw-a")});
+        ADD_FAILURE() << "a service out of the operator's reach went unnamed";
+    } catch (const UnmanagedServices& e) {
+        EXPECT_EQ(e.Services(), std::vector<String>{"seized"});
+    }
+    EXPECT_EQ(anonymous->Delete(String("/srv2/") + kRootMarker, -1), ZNOAUTH);
     const std::vector<AclEntry> openRoot{{"world", "anyone", ZOO_PERM_ALL}};
     EXPECT_EQ(anonymous->Create(ServicePath("billing"), String(), ZOO_OPEN_ACL_UNSAFE, 0), ZNOAUTH);
     EXPECT_EQ(anonymous->SetAcl("/srv2", openRoot), ZNOAUTH);
@@ -177,6 +186,17 @@ TEST_F(AccessTest, UnsafeInstancesAreNamedOrRemovedAndAProtectedRootKeepsService
     EXPECT_EQ(anonymous->Delete(ServicePath("empty"), -1), ZNOAUTH);
     EXPECT_EQ(b->Delete(ServicePath("empty"), -1), ZNOAUTH);
     EXPECT_EQ(a->Create(ServicePath("alices"), String(), ZOO_OPEN_ACL_UNSAFE, 0), ZOK) << "a listed creator";
+    // A creator's registration makes the service open to publishers, but
+    // its list is the creator's alone to change.
+    {
+        ServiceRegistration made(a, "alicenew", MakeRecord(1));
+        EXPECT_EQ(AclOf(*a, ServicePath("alicenew")),
+                  (std::vector<AclEntry>{{"world", "anyone", ZOO_PERM_READ | ZOO_PERM_CREATE | ZOO_PERM_DELETE},
+                                         {"digest", DigestIdentity("alice:pw-a"), ZOO_PERM_ALL}}));
+        EXPECT_EQ(mallory->SetAcl(ServicePath("alicenew"), openRoot), ZNOAUTH);
+        ServiceRegistration open(anonymous, "alicenew", MakeRecord(2));
+        EXPECT_EQ(anonymous->Delete(ServicePath("alicenew"), -1), ZNOAUTH);
+    }
     try {
         ProtectService(*b, "bobs", "bob:pw-b", {});
         ADD_FAILURE() << "bob added a service";

@@ -103,7 +103,9 @@ enum class OpenInstancePolicy {
 
 // Protects /srv2/<service>: sets the protected list on the existing node
 // (needs ADMIN there only), or creates it with that list from the start
-// (needs CREATE on /srv2; creates an open /srv2 when there is none). Then,
+// (needs CREATE on /srv2; creates a missing /srv2 where anyone may add
+// services but only the operator may delete them or change its list, with
+// its marker, kRootMarker). Then,
 // as nothing unsafe can be added any more, judges every instance and deals
 // with the unsafe ones by `open`: the service is protected either way, and
 // OpenInstances says what is left. `operatorCredentials` are those `conn`
@@ -114,10 +116,42 @@ void ProtectService(const ZooKeeperConnection& conn, const String& service, cons
 
 // Protects the root /srv2, creating it when missing: READ for everyone,
 // CREATE for each of `creators` (identities as ParseIdentity returns them),
-// everything for the operator. Needs ADMIN on an existing /srv2. Throws as
-// ProtectService.
+// everything for the operator; and adds its marker (kRootMarker), so that
+// it cannot be emptied and deleted. Needs ADMIN on an existing /srv2.
+// Throws as ProtectService, and UnmanagedServices, once the root is
+// protected, naming the services the operator cannot administer.
 void ProtectRoot(const ZooKeeperConnection& conn, const String& operatorCredentials,
                  const std::vector<String>& creators);
+
+// The child of a protected root that keeps it from being emptied (and so
+// deleted: ZooKeeper checks a deletion on the parent, and / lets anyone
+// delete). Only the operator may delete it; it names no service, and no
+// service may be named so.
+inline constexpr const char* kRootMarker = ".root";
+
+// Services under a root just protected whose node the operator cannot
+// administer (made by another identity before the root was protected):
+// only their creator, or the server's super user, can protect or remove
+// them.
+class UnmanagedServices : public std::runtime_error {
+public:
+    explicit UnmanagedServices(std::vector<String> services);
+    const std::vector<String>& Services() const { return m_services; }
+
+private:
+    std::vector<String> m_services;
+};
+
+// Creates the node of `service` when missing, before a watcher or a
+// registration uses it. A connection without credentials (or another kind
+// of Connection) creates it open, with a missing /srv2, as ever; one with
+// credentials creates it open to every publisher (READ, CREATE and DELETE
+// for everyone) but deleted, re-listed or protected only by that identity,
+// so that nobody else can seize it; the root's operator is not among them
+// (only those who administer the root may read its identity), so it is the
+// creator's to protect, and ProtectRoot names it. Throws AccessDenied
+// ("create" on /srv2) or ZooError.
+void EnsureServiceNode(const Connection& conn, const String& service);
 
 // The access list of the node at `path` (/srv2, a service, an instance).
 // Throws ZooError (ZNONODE when it does not exist).

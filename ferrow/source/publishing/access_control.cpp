@@ -107,6 +107,26 @@ void CreateOrRestrict(const ZooKeeperConnection& conn, const String& path, const
     Check(conn.SetAcl(path, acl), path, "admin");
 }
 
+// The root's marker: a child of /srv2 that only the operator may delete,
+// so that the root is never empty and so never deleted.
+void KeepRoot(const ZooKeeperConnection& conn, const String& operatorIdentity) {
+    const String marker = "/srv2/" + String(kRootMarker);
+    const int rc = conn.Create(marker, String(), {{"world", "anyone", ZOO_PERM_READ}, {"digest", operatorIdentity, ZOO_PERM_ALL}}, 0);
+    if (rc != ZNODEEXISTS) Check(rc, "/srv2", "create");
+}
+
+// Creates a missing /srv2 as the operator: anyone may add services, as
+// under an open root, but only the operator may delete them or change its
+// list, and its marker keeps it from being emptied.
+void EnsureRootAsOperator(const ZooKeeperConnection& conn, const String& operatorIdentity) {
+    if (conn.Exists("/srv2", nullptr) == ZOK) return;
+    const int rc = conn.Create("/srv2", String(),
+                               {{"world", "anyone", ZOO_PERM_READ | ZOO_PERM_CREATE}, {"digest", operatorIdentity, ZOO_PERM_ALL}}, 0);
+    if (rc == ZNODEEXISTS) return;
+    Check(rc, "/", "create");
+    KeepRoot(conn, operatorIdentity);
+}
+
 // Why the instance at `path` is not safe under a service protected for
 // `allowed` (the operator's and the publishers' identities), or empty when
 // it is: ferrow publishes only ephemeral nodes without children, which
@@ -162,7 +182,7 @@ void ProtectService(const ZooKeeperConnection& conn, const String& service, cons
     const std::vector<AclEntry> acl = ProtectedServiceAcl(operatorIdentity, publishers);
     int rc = conn.SetAcl(path, acl);
     if (rc == ZNONODE) {
-        EnsurePath(conn, "/srv2", false, ZOO_OPEN_ACL_UNSAFE);
+        EnsureRootAsOperator(conn, operatorIdentity);
         rc = conn.Create(path, String(), acl, 0);
         if (rc == ZNODEEXISTS) {
             rc = conn.SetAcl(path, acl);
@@ -194,6 +214,51 @@ void ProtectRoot(const ZooKeeperConnection& conn, const String& operatorCredenti
         if (creator != operatorIdentity) acl.push_back({"digest", creator, ZOO_PERM_CREATE});
     }
     CreateOrRestrict(conn, "/srv2", acl);
+    KeepRoot(conn, operatorIdentity);
+    // Services made before the root was protected may be out of the
+    // operator's reach: named, as protecting them would fail.
+    std::vector<String> services;
+    Check(conn.GetChildren("/srv2", services), "/srv2", "read");
+    std::vector<String> unmanaged;
+    for (const String& service : services) {
+        if (service == kRootMarker) continue;
+        std::vector<AclEntry> serviceAcl;
+        const int rc = conn.GetAcl(ServicePath(service), serviceAcl);
+        if (rc == ZNONODE) continue;
+        const bool admin = rc == ZOK && std::any_of(serviceAcl.begin(), serviceAcl.end(), [&](const AclEntry& entry) {
+            const bool anyone = entry.scheme == "world" && entry.id == "anyone";
+            const bool self = entry.scheme == "digest" && entry.id == operatorIdentity;
+            return (anyone || self) && (entry.perms & ZOO_PERM_ADMIN) != 0;
+        });
+        if (!admin) unmanaged.push_back(service);
+    }
+    std::sort(unmanaged.begin(), unmanaged.end());
+    if (!unmanaged.empty()) throw UnmanagedServices(std::move(unmanaged));
+}
+
+UnmanagedServices::UnmanagedServices(std::vector<String> services)
+    : std::runtime_error("services the operator cannot administer"), m_services(std::move(services)) {}
+
+void EnsureServiceNode(const Connection& conn, const String& service) {
+    const String path = ServicePath(service);
+    const auto* zookeeper = dynamic_cast<const ZooKeeperConnection*>(&conn);
+    if (zookeeper == nullptr || !conn.HasCredentials()) {
+        EnsurePath(conn, path, false, ZOO_OPEN_ACL_UNSAFE);
+        return;
+    }
+    const int exists = conn.Exists(path, nullptr);
+    if (exists == ZOK) return;
+    if (exists != ZNONODE) throw ZooError(exists);
+    // A missing root is made as anyone would make it: protect-root is the
+    // operator's to run.
+    EnsurePath(conn, "/srv2", false, ZOO_OPEN_ACL_UNSAFE);
+    // Open to every publisher, as a service nobody protected, but deleted,
+    // re-listed or protected only by its creator. (The root's operator
+    // cannot be added: the server shows its identity's hash to those who
+    // administer the root alone.)
+    const int rc = zookeeper->Create(
+        path, String(), {{"world", "anyone", ZOO_PERM_READ | ZOO_PERM_CREATE | ZOO_PERM_DELETE}, {"auth", "", ZOO_PERM_ALL}}, 0);
+    if (rc != ZOK && rc != ZNODEEXISTS) Check(rc, "/srv2", "create");
 }
 
 std::vector<AclEntry> NodeAcl(const ZooKeeperConnection& conn, const String& path) {

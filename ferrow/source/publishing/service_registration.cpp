@@ -345,7 +345,7 @@ private:
     // Requires m_mtx held. Creates the service node when missing, then the
     // ephemeral instance node with m_record, and watches it. Throws ZooError.
     void Publish() {
-        EnsurePath(*m_conn, m_servicePath, false, ZOO_OPEN_ACL_UNSAFE);
+        EnsureServiceNode(*m_conn, m_service);
         // With credentials, the node is writable by its publisher alone.
         const ACL_vector& acl = m_conn->HasCredentials() ? PublisherInstanceAcl() : ZOO_OPEN_ACL_UNSAFE;
         const int rc = m_conn->Create(m_path, EncodeInstanceData(m_record, m_compress), acl, ZOO_EPHEMERAL);

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "ferrow/access_control.h"
 #include "ferrow/instance_data.h"
 #include "metrics/metrics_registry.h"
 #include "watching/watcher_state.h"
@@ -85,6 +86,16 @@ ServiceWatcher::~ServiceWatcher() {
 }
 
 void ServiceWatcher::Start() {
+    // With credentials, a missing service node is made as the identity
+    // should make it (EnsureServiceNode), so that the core's start-up finds
+    // it and never creates it open. Without a connection, or refused, the
+    // core's start-up deals with it as ever.
+    if (m_conn->HasCredentials() && m_conn->State() == ZOO_CONNECTED_STATE) {
+        try {
+            EnsureServiceNode(*m_conn, m_service);
+        } catch (const ZooError&) {
+        }
+    }
     m_state->Start();
     m_sync->Started();
 }
