@@ -516,6 +516,7 @@ int ProtectRoot(const CommonOptions& common, const StopSignals& signals, const s
     } catch (const AccessDenied& e) {
         throw Denied(e, String());
     } catch (const UnmanagedServices& e) {
+        PrintAcl(NodeAcl(*conn, "/srv2"), false);  // protected all the same
         String names;
         for (const String& service : e.Services()) names += (names.empty() ? "'" : ", '") + service + "'";
         throw CommandError("/srv2 is protected, but the operator cannot administer services " + names +

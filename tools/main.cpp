@@ -9,7 +9,9 @@
 // (it leaves the registry when its session expires), 128 + signal when
 // stopped before connecting (register --wait-for-zookeeper: before publishing).
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -67,7 +69,8 @@ const CLI::Validator kUuid(
 const CLI::Validator kCredentials(
     [](String& text) {
         const auto colon = text.find(':');
-        return colon == String::npos || colon == 0 ? String("credentials must read USER:PASSWORD") : String();
+        if (colon == String::npos || colon == 0) return String("credentials must read USER:PASSWORD");
+        return colon + 1 == text.size() ? String("credentials give an empty password") : String();
     },
     "");
 
@@ -145,7 +148,6 @@ int main(int argc, char** argv) {
         app.add_option("--auth-file", authFile,
                        "A file whose first line (blank and # lines skipped) holds the credentials; it must not be "
                        "readable by others than its owner")
-            ->excludes(authOption)
             ->type_name("FILE");
         authOption
             ->type_name("USER:PASSWORD");
@@ -314,6 +316,14 @@ int main(int argc, char** argv) {
             app.parse(argc, argv);
         } catch (const CLI::ParseError& e) {
             return app.exit(e) == 0 ? 0 : 2;
+        }
+        // Named by what gave the credentials: --auth, or FERROW_AUTH.
+        if (!authFile.empty() && authOption->count() > 0) {
+            const bool given = std::any_of(argv + 1, argv + argc, [](const char* arg) {
+                return std::strcmp(arg, "--auth") == 0 || std::strncmp(arg, "--auth=", 7) == 0;
+            });
+            throw UsageError(given ? "--auth excludes --auth-file" : "FERROW_AUTH excludes --auth-file: unset it, or "
+                                                                      "drop --auth-file");
         }
         for (const String& option : HidePasswordArguments(argc, argv)) {
             std::cerr << "ferrow: warning: " << option << " showed the password in the process list; use "

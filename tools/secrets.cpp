@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <fstream>
+#include <utility>
 
 #include "ferrow/access_control.h"
 
@@ -26,6 +27,41 @@ std::ifstream Open(const String& path, const String& what) {
     std::ifstream file(path);
     if (!file) throw UsageError(what + " " + path + ": " + std::strerror(errno));
     return file;
+}
+
+// The longest line a credentials or publishers file may hold: far more
+// than any identity, little enough to refuse a file that is none.
+constexpr std::size_t kLongestLine = 4096;
+
+// The lines of `path`, numbered from 1, each refused with its number when
+// it cannot be meant: a UTF-8 byte-order mark (which would start the first
+// user's name, shutting that user out without a word), a NUL byte, or more
+// than kLongestLine bytes. `what` names the file in errors.
+std::vector<std::pair<int, String>> ReadLines(const String& path, const String& what) {
+    std::ifstream file = Open(path, what);
+    std::vector<std::pair<int, String>> lines;
+    int number = 0;
+    String line;
+    while (file) {
+        line.clear();
+        // Read a character at a time up to the limit, so that a huge line
+        // is refused without holding it.
+        for (char c; file.get(c) && c != '\n';) {
+            if (line.size() == kLongestLine) {
+                throw UsageError(path + ":" + std::to_string(number + 1) + ": longer than " +
+                                 std::to_string(kLongestLine) + " bytes");
+            }
+            line += c;
+        }
+        if (!file && line.empty()) break;
+        ++number;
+        if (number == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0) {
+            throw UsageError(path + ":1: starts with a UTF-8 byte-order mark; save the file without one");
+        }
+        if (line.find('\0') != String::npos) throw UsageError(path + ":" + std::to_string(number) + ": holds a NUL byte");
+        lines.emplace_back(number, line);
+    }
+    return lines;
 }
 
 // Overwrites the password in `text`, from its first colon, with 'x'.
@@ -54,11 +90,8 @@ void RequireOperator(const String& credentials, const String& command) {
 }
 
 std::vector<String> ReadPublishersFile(const String& path) {
-    std::ifstream file = Open(path, "publishers file");
     std::vector<String> publishers;
-    int number = 0;
-    for (String line; std::getline(file, line);) {
-        ++number;
+    for (const auto& [number, line] : ReadLines(path, "publishers file")) {
         const String publisher = Trimmed(line);
         if (Skipped(publisher)) continue;
         try {
@@ -78,13 +111,13 @@ String ReadAuthFile(const String& path) {
         throw UsageError("--auth-file " + path + " may be read or written by others than its owner (chmod 600 " + path +
                          ")");
     }
-    std::ifstream file = Open(path, "--auth-file");
-    for (String line; std::getline(file, line);) {
+    for (const auto& [number, line] : ReadLines(path, "--auth-file")) {
         const String credentials = Trimmed(line);
         if (Skipped(credentials)) continue;
-        const size_t colon = credentials.find(':');
-        if (colon == String::npos || colon == 0) {
-            throw UsageError("--auth-file " + path + ": credentials must read USER:PASSWORD");
+        try {
+            (void)DigestIdentity(credentials);
+        } catch (const std::invalid_argument& e) {
+            throw UsageError(path + ":" + std::to_string(number) + ": " + e.what());
         }
         return credentials;
     }

@@ -45,7 +45,8 @@ namespace ferrow {
 
 // The digest identity of credentials "user:password": "user:" followed by
 // base64(sha1("user:password")). Throws std::invalid_argument, naming the
-// problem but never the password, when there is no ':' or the user is empty.
+// problem but never the password, when there is no ':', or the user or the
+// password is empty.
 String DigestIdentity(const String& credentials);
 
 // An identity as a publisher or operator gives it: credentials

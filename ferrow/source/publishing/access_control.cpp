@@ -40,6 +40,7 @@ String DigestIdentity(const String& credentials) {
     const size_t colon = credentials.find(':');
     if (colon == String::npos) throw std::invalid_argument("credentials must read USER:PASSWORD");
     if (colon == 0) throw std::invalid_argument("credentials name no user");
+    if (colon + 1 == credentials.size()) throw std::invalid_argument("credentials give an empty password");
     boost::uuids::detail::sha1 sha1;
     sha1.process_bytes(credentials.data(), credentials.size());
     boost::uuids::detail::sha1::digest_type words;
