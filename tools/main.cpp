@@ -45,6 +45,8 @@ password in the process list until the tool has read it.
 Environment:
   FERROW_ZK         connect string used when --zk is not given
   FERROW_AUTH       digest credentials used when neither --auth nor --auth-file is given
+  CREDENTIALS_DIRECTORY  under systemd: its file ferrow-auth (LoadCredential=ferrow-auth:FILE)
+                    holds the credentials when nothing else gives any
   FERROW_LOG_LEVEL  log level used when --log-level is not given
 
 Exit status: 0 success (watch and register: stopped by SIGINT or SIGTERM),
@@ -333,6 +335,14 @@ int main(int argc, char** argv) {
                       << std::endl;
         }
         if (!authFile.empty()) common.digestAuth = ReadAuthFile(authFile);
+        // Under systemd, credentials given to the unit with
+        // LoadCredential=ferrow-auth:FILE, when nothing else gave any.
+        if (common.digestAuth.empty()) {
+            if (const char* directory = std::getenv("CREDENTIALS_DIRECTORY")) {
+                const String loaded = String(directory) + "/ferrow-auth";
+                if (std::ifstream(loaded).good()) common.digestAuth = ReadAuthFile(loaded);
+            }
+        }
 
         if (!logLevel.empty()) {
             jx::logging::SetMinimumLoggingLevel(*jx::logging::ParseLogLevel(logLevel));

@@ -89,6 +89,10 @@ check "acl as anyone" "$(run "$ferrow" --zk "$zk" acl guarded | tr '\n' ,)" \
   "world:anyone read,digest:op:x read,write,create,delete,admin,digest:alice:x create,delete,"
 check "acl as anyone, JSON" "$(run "$ferrow" --zk "$zk" acl guarded --json | cut -c1-60)" \
   '[{"scheme":"world","id":"anyone","perms":["read"]},{"scheme"'
+# Under systemd, credentials handed to the unit (LoadCredential=ferrow-auth:FILE).
+mkdir "$dir/creds" && cp "$dir/op" "$dir/creds/ferrow-auth"
+check "credentials of the unit" "$(run env CREDENTIALS_DIRECTORY="$dir/creds" "$ferrow" --zk "$zk" acl guarded |
+  sed -E 's|:[A-Za-z0-9+/]{27}=|:HASH|' | head -2 | tr '\n' ,)" "world:anyone read,digest:op:HASH read,write,create,delete,admin,"
 check "list a protected service" "$(run "$ferrow" --zk "$zk" list guarded | cut -d' ' -f1-2)" "$alice_id a:1"
 check "an instance's acl" "$(run "$ferrow" --zk "$zk" acl guarded "$alice_id" | tr '\n' ,)" \
   "world:anyone read,digest:alice:x read,write,create,delete,admin,"
