@@ -159,12 +159,14 @@ bool ReadInstance(const Connection& conn, const String& path, ServiceInstanceDat
 // naming why, when it cannot be read or decoded, or is named otherwise than
 // instances name their nodes (lower case), which no watcher reads.
 bool ReadListed(const Connection& conn, const String& service, const String& child, ServiceId& id,
-                ServiceInstanceData& record) {
+                ServiceInstanceData& record, bool ephemeralOnly) {
     const auto parsed = ParseServiceId(child);
     if (!parsed) return false;
     id = *parsed;
     if (boost::uuids::to_string(id) != child) throw std::runtime_error("not named in lower case, so no watcher reads it");
-    return ReadInstance(conn, ServicePath(service) + "/" + child, record, nullptr);
+    Stat stat{};
+    return ReadInstance(conn, ServicePath(service) + "/" + child, record, &stat) &&
+           !(ephemeralOnly && stat.ephemeralOwner == 0);
 }
 
 // Prints every change of a cache as one line; runs on the connection's
@@ -251,6 +253,7 @@ int Watch(const CommonOptions& common, const StopSignals& signals, const String&
         int none = ZOK;
         failure->compare_exchange_strong(none, rc);
     });
+    watcher.IgnorePersistentInstances(common.ephemeralOnly);
     ServiceCache cache(watcher);
     const auto printer = std::make_shared<EventPrinter>(service, json);
     cache.RegisterShared(printer);
@@ -319,7 +322,7 @@ int Services(const CommonOptions& common, const StopSignals& signals, bool json)
             const std::optional<ServiceId> parsed = ParseServiceId(child);
             if (!parsed || boost::uuids::to_string(*parsed) != child) continue;
             try {
-                instances += ReadListed(*conn, service, child, id, record);
+                instances += ReadListed(*conn, service, child, id, record, false);
             } catch (const std::exception&) {
                 ++unreadable;
             }
@@ -346,7 +349,7 @@ int List(const CommonOptions& common, const StopSignals& signals, const String& 
         // cannot read (named in upper case) is skipped with a warning naming
         // it, never failing the whole service.
         try {
-            if (ReadListed(*conn, service, child, id, record)) instances.emplace(id, record);
+            if (ReadListed(*conn, service, child, id, record, common.ephemeralOnly)) instances.emplace(id, record);
         } catch (const std::exception& e) {
             std::cerr << "ferrow: warning: instance " << child << " of service '" << service
                       << "' skipped: " << e.what() << std::endl;
@@ -375,6 +378,7 @@ int Pick(const CommonOptions& common, const StopSignals& signals, const String& 
         if (code == ZNOAUTH) return;
         std::cerr << "ferrow: ZooKeeper error while reading '" << service << "': " << zerror(code) << std::endl;
     });
+    cache->Watcher().IgnorePersistentInstances(common.ephemeralOnly);
     cache->Start();
     const auto deadline = std::chrono::steady_clock::now() + kPickSyncDeadline;
     while (!cache->WaitSynced(std::chrono::milliseconds(50))) {

@@ -35,6 +35,9 @@ struct CommonOptions {
     String connect;
     std::chrono::milliseconds sessionTimeout{10000};
     String digestAuth;  // "user:password" or empty
+    // watch, list and pick: instance nodes that are not ephemeral are left
+    // out (--ephemeral-only).
+    bool ephemeralOnly = false;
 };
 
 // Fields given on the command line for a record; unset ones stay unset.

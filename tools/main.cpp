@@ -191,7 +191,14 @@ int main(int argc, char** argv) {
             "read '<event> <id> <host>:<port> key=value...'; with --json each line is "
             "{\"event\":...,\"service\":...,\"id\":...,\"instance\":{...}} (no instance for removed). "
             "Creates /srv2/<service> when it is missing.");
+        // A reader's choice to leave out planted instance nodes.
+        const auto addEphemeralOnly = [&common](CLI::App* command) {
+            command->add_flag("--ephemeral-only", common.ephemeralOnly,
+                              "Leave out instance nodes that are not ephemeral: ferrow publishes ephemeral ones only, "
+                              "so on a protected service a persistent one was planted");
+        };
         addService(watch);
+        addEphemeralOnly(watch);
         watch->add_flag("--json", json, "One JSON object per line");
         addMetrics(watch);
 
@@ -215,6 +222,7 @@ int main(int argc, char** argv) {
             "{\"id\":...,\"instance\":{...}} per line). Drained instances (weight 0) come last; see the "
             "README's \"Calling a service\". Fails when no instance is available.");
         addService(pickCommand);
+        addEphemeralOnly(pickCommand);
         pickCommand
             ->add_option("--strategy", pick.strategy,
                          "round-robin (default), random, weighted, sticky, least-request or by-key (with --key)")
@@ -270,6 +278,7 @@ int main(int argc, char** argv) {
             "Print the instances the service has now, one line each; with --json one array of "
             "{\"id\":...,\"instance\":{...}}. Fails when the service does not exist.");
         addService(list);
+        addEphemeralOnly(list);
         list->add_flag("--json", json, "One JSON array");
 
         CLI::App* get = app.add_subcommand(

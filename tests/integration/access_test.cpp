@@ -239,6 +239,25 @@ TEST_F(AccessTest, ARegistrationRestoresItsNodeAndNeverAdoptsAnother) {
     EXPECT_EQ(b->Exists(path, &stat), ZOK) << "the displaced registration deleted another's node";
 }
 
+// A persistent node planted among the instances is left out by a reader
+// told to leave such nodes out, and followed by any other.
+TEST_F(AccessTest, APlantedPersistentInstanceCanBeLeftOut) {
+    ServiceRegistration real(a, "planted", MakeRecord(1));
+    ASSERT_EQ(b->Create(InstancePath("planted", boost::uuids::random_generator()()), EncodeInstanceData(MakeRecord(2), false),
+                        ZOO_OPEN_ACL_UNSAFE, 0), ZOK);
+    const auto follow = [&](bool ephemeralOnly) {
+        auto cache = std::make_shared<ServiceCache>(anonymous, "planted", [](int rc) { ADD_FAILURE() << zerror(rc); });
+        cache->Watcher().IgnorePersistentInstances(ephemeralOnly);
+        cache->Start();
+        EXPECT_TRUE(cache->WaitSynced(kPatience));
+        std::set<ServiceId> ids;
+        for (const InstancePtr& instance : cache->Snapshot()) ids.insert(instance->Id());
+        return ids;
+    };
+    EXPECT_EQ(follow(true), std::set<ServiceId>{real.Id()});
+    EXPECT_EQ(follow(false).size(), 2u);
+}
+
 // A registration whose node another client keeps deleting and creating
 // under its id tries again, on the same healthy connection, for as long as
 // it lives, and publishes once the churn stops.

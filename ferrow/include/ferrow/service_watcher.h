@@ -157,6 +157,15 @@ public:
     // exists again, before its instances are reported (true). Replaces the
     // previous one. Observer rules hold for both listeners.
     void SetServiceListener(std::function<void(bool exists)> listener);
+    // Leaves instance nodes that are not ephemeral out of the view (never
+    // reported added; one reported before that is found re-created
+    // persistent is reported removed). ferrow publishes ephemeral nodes
+    // only, so on a protected service a persistent one was planted; it is
+    // off by default because operators and other tools have written
+    // persistent instance nodes for instances that outlive any process, and
+    // leaving them out unasked would drop them without a word. Call before
+    // Start; a ServiceCache's through Watcher().
+    void IgnorePersistentInstances(bool ignore = true);
 
     void RegisterShared(std::shared_ptr<ServiceWatcherObserver> observer) override;
     void RegisterWeak(std::weak_ptr<ServiceWatcherObserver> observer) override;

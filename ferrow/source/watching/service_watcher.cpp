@@ -116,6 +116,8 @@ void ServiceWatcher::SetStaleListener(std::function<void()> listener) {
     m_sync->Track();
 }
 
+void ServiceWatcher::IgnorePersistentInstances(bool ignore) { m_state->IgnorePersistent(ignore); }
+
 void ServiceWatcher::SetServiceListener(std::function<void(bool exists)> listener) {
     m_state->SetServiceListener(std::move(listener));
 }

@@ -46,6 +46,29 @@ void WatcherConnection::UnregisterRaw(const ConnectionObserver* observer) {
     m_cv.notify_all();
 }
 
+std::pair<int, Connection::WatchHandle> WatcherConnection::AsyncGet(String path, WatchFunction watch,
+                                                                    DataResult result) const {
+    if (!result) return m_conn->AsyncGet(std::move(path), std::move(watch), std::move(result));
+    DataResult noting = [persistent = m_persistent, path, result = std::move(result)](int rc, String data,
+                                                                                      const Stat* stat) {
+        {
+            std::lock_guard<std::mutex> lock(persistent->mtx);
+            if (rc == ZOK && stat != nullptr && stat->ephemeralOwner == 0) {
+                persistent->paths.insert(path);
+            } else if (rc == ZOK || rc == ZNONODE) {
+                persistent->paths.erase(path);
+            }
+        }
+        result(rc, std::move(data), stat);
+    };
+    return m_conn->AsyncGet(std::move(path), std::move(watch), std::move(noting));
+}
+
+bool WatcherConnection::IsPersistent(const String& path) const {
+    std::lock_guard<std::mutex> lock(m_persistent->mtx);
+    return m_persistent->paths.count(path) != 0;
+}
+
 }  // namespace details
 }  // namespace ferrow
 }  // namespace jx

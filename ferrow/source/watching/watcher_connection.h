@@ -4,6 +4,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -44,9 +45,14 @@ public:
                                                  ChildrenResult result) const override {
         return m_conn->AsyncGetChildren(std::move(path), std::move(watch), std::move(result));
     }
-    std::pair<int, WatchHandle> AsyncGet(String path, WatchFunction watch, DataResult result) const override {
-        return m_conn->AsyncGet(std::move(path), std::move(watch), std::move(result));
-    }
+    // Notes, from each answer, whether the node read is persistent, before
+    // the caller hears of it (IsPersistent).
+    std::pair<int, WatchHandle> AsyncGet(String path, WatchFunction watch, DataResult result) const override;
+
+    // Whether the latest answer of a data read of `path` found a node that
+    // is not ephemeral (its Stat's ephemeralOwner 0). The watcher's cores
+    // ignore a read's Stat; the facade learns a node's owner here.
+    bool IsPersistent(const String& path) const;
     int Create(String path, const String& data, const ACL_vector& acl, int flags) const override {
         return m_conn->Create(std::move(path), data, acl, flags);
     }
@@ -65,6 +71,13 @@ private:
     std::condition_variable m_cv;
     std::thread::id m_delivering;  // the thread of the delivery running, if any
     bool m_removing = false;       // a removal is inside the registry: deliveries wait
+    // The paths whose latest data read found a persistent node; shared with
+    // the answers' callbacks, which may outlive this object.
+    struct Persistent {
+        mutable std::mutex mtx;  // leaf lock
+        std::unordered_set<String> paths;
+    };
+    const std::shared_ptr<Persistent> m_persistent = std::make_shared<Persistent>();
 };
 
 }  // namespace details

@@ -224,6 +224,12 @@ void WatcherState::Report(std::uint64_t generation, const ServiceId& id, const S
     const CallbackGate::Pass pass = m_gate.Enter();
     if (!pass) return;
     bool added = false;
+    // A node that is not ephemeral, when such are ignored, is no instance:
+    // one reported before (a node re-created persistent under its id)
+    // leaves the view.
+    const bool ignored = record && m_ignorePersistent.load(std::memory_order_relaxed) &&
+                         m_sessions->IsPersistent(InstancePath(m_service, id));
+    if (ignored) record = nullptr;
     {
         std::lock_guard<std::mutex> lock(m_mtx);
         if (generation != m_generation) return;

@@ -99,6 +99,8 @@ public:
     // instances are read (true). The added ones first (the caches it feeds),
     // then the owner's; AddServiceListener returns a key for removal.
     void SetServiceListener(std::function<void(bool exists)> listener);
+    // Whether instance nodes that are not ephemeral are left out of the view.
+    void IgnorePersistent(bool ignore) { m_ignorePersistent.store(ignore, std::memory_order_relaxed); }
     std::uint64_t AddServiceListener(std::function<void(bool exists)> listener);
     void RemoveServiceListener(std::uint64_t key);
 
@@ -181,6 +183,7 @@ private:
     Connection::WatchHandle m_nodeWatch;
     Connection::WatchHandle m_ancestorWatch;
     std::unordered_set<ServiceId> m_view;
+    std::atomic<bool> m_ignorePersistent{false};
     std::shared_ptr<SyncTracker> m_tracker;
     std::function<void(bool)> m_serviceListener;
     std::vector<std::pair<std::uint64_t, std::function<void(bool)>>> m_serviceListeners;
