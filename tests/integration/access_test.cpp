@@ -197,6 +197,10 @@ TEST_F(AccessTest, UnsafeInstancesAreNamedOrRemovedAndAProtectedRootKeepsService
         ServiceRegistration open(anonymous, "alicenew", MakeRecord(2));
         EXPECT_EQ(anonymous->Delete(ServicePath("alicenew"), -1), ZNOAUTH);
     }
+    // Re-protecting needs ADMIN on the service alone, not CREATE on /srv2.
+    ASSERT_EQ(op->Create(ServicePath("handed"), String(), {{"world", "anyone", ZOO_PERM_READ},
+                                                           {"digest", DigestIdentity("bob:pw-b"), ZOO_PERM_ALL}}, 0), ZOK);
+    EXPECT_NO_THROW(ProtectService(*b, "handed", "bob:pw-b", {DigestIdentity("alice:pw-a")}));
     try {
         ProtectService(*b, "bobs", "bob:pw-b", {});
         ADD_FAILURE() << "bob added a service";
@@ -237,6 +241,32 @@ TEST_F(AccessTest, ARegistrationRestoresItsNodeAndNeverAdoptsAnother) {
     alice.reset();
     Stat stat{};
     EXPECT_EQ(b->Exists(path, &stat), ZOK) << "the displaced registration deleted another's node";
+}
+
+// On a fresh ensemble (a chroot of its own here), the operator's first
+// protect makes a root that strangers cannot empty, delete or re-list, and
+// protect-root keeps it so.
+TEST_F(AccessTest, AFreshRootIsNeverOpenNorEmptied) {
+    for (const char* fresh : {"/fresh-protect", "/fresh-root"}) {
+        ASSERT_EQ(op->Create(fresh, String(), ZOO_OPEN_ACL_UNSAFE, 0), ZOK);
+        const auto in = [&](const String& credentials) {
+            auto conn = ZooKeeperConnection::Open({s_server->ConnectString() + fresh, std::chrono::seconds(30), credentials});
+            EXPECT_TRUE(conn->WaitConnected(kPatience));
+            return conn;
+        };
+        const auto opHere = in("op:secret"), stranger = in("");
+        if (String(fresh) == "/fresh-protect") {
+            ProtectService(*opHere, "payments", "op:secret", {DigestIdentity("alice:pw-a")});
+            EXPECT_EQ(AclOf(*opHere, "/srv2"),
+                      (std::vector<AclEntry>{{"world", "anyone", ZOO_PERM_READ | ZOO_PERM_CREATE},
+                                             {"digest", DigestIdentity("op:secret"), ZOO_PERM_ALL}}));
+        } else {
+            ProtectRoot(*opHere, "op:secret", {});
+            EXPECT_EQ(stranger->Delete("/srv2", -1), ZNOTEMPTY) << "the marker keeps it";
+        }
+        EXPECT_EQ(stranger->Delete(String("/srv2/") + kRootMarker, -1), ZNOAUTH);
+        EXPECT_EQ(stranger->SetAcl("/srv2", {{"world", "anyone", ZOO_PERM_ALL}}), ZNOAUTH);
+    }
 }
 
 // A persistent node planted among the instances is left out by a reader
