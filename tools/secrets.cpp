@@ -64,11 +64,28 @@ std::vector<std::pair<int, String>> ReadLines(const String& path, const String& 
     return lines;
 }
 
-// Overwrites the password in `text`, from its first colon, with 'x'.
-void Blank(char* text) {
+// Replaces the password of argv[index], from its first colon, with one
+// 'x'. Where the arguments lie end to end, as the kernel lays them out, the
+// rest of the command line moves up over the gap and its end is cleared,
+// so that the process list shows neither the password nor its length;
+// elsewhere each of its characters becomes an 'x'.
+void Blank(int argc, char** argv, int index, char* text) {
     char* colon = std::strchr(text, ':');
-    if (colon == nullptr) return;
-    for (char* c = colon + 1; *c != '\0'; ++c) *c = 'x';
+    if (colon == nullptr || colon[1] == '\0') return;
+    char* const password = colon + 1;
+    const std::size_t length = std::strlen(password);
+    bool adjacent = true;
+    for (int i = 0; i + 1 < argc; ++i) adjacent = adjacent && argv[i + 1] == argv[i] + std::strlen(argv[i]) + 1;
+    if (!adjacent) {
+        std::memset(password, 'x', length);
+        return;
+    }
+    char* const end = argv[argc - 1] + std::strlen(argv[argc - 1]) + 1;
+    password[0] = 'x';
+    const std::size_t gap = length - 1;
+    std::memmove(password + 1, password + length, static_cast<std::size_t>(end - (password + length)));
+    std::memset(end - gap, '\0', gap);
+    for (int i = index + 1; i < argc; ++i) argv[i] -= gap;
 }
 
 }  // namespace
@@ -127,21 +144,22 @@ String ReadAuthFile(const String& path) {
 std::vector<String> HidePasswordArguments(int argc, char** argv) {
     static const char* const kOptions[] = {"--auth", "--publisher", "--creator"};
     std::vector<String> hidden;
-    const auto hide = [&hidden](const char* option, char* value) {
+    const auto hide = [&](const char* option, int index, char* value) {
         // An identity in digest form holds no password.
         if (std::strncmp(value, "digest:", 7) == 0 || std::strchr(value, ':') == nullptr) return;
-        Blank(value);
+        Blank(argc, argv, index, value);
         if (std::find(hidden.begin(), hidden.end(), option) == hidden.end()) hidden.emplace_back(option);
     };
     for (int i = 1; i < argc; ++i) {
         for (const char* option : kOptions) {
             const std::size_t length = std::strlen(option);
             if (std::strcmp(argv[i], option) == 0 && i + 1 < argc) {
-                hide(option, argv[++i]);
+                ++i;
+                hide(option, i, argv[i]);
                 break;
             }
             if (std::strncmp(argv[i], option, length) == 0 && argv[i][length] == '=') {
-                hide(option, argv[i] + length + 1);
+                hide(option, i, argv[i] + length + 1);
                 break;
             }
         }

@@ -39,9 +39,11 @@ std::vector<String> ReadPublishersFile(const String& path);
 // read or written by anyone but its owner, cannot be read, or holds none.
 String ReadAuthFile(const String& path);
 
-// Overwrites the password of every --auth, --publisher and --creator
-// (USER:PASSWORD; never digest:USER:HASH) on the command line with 'x', so
-// that the process list no longer shows it once the tool has read it, and
+// Replaces the password of every --auth, --publisher and --creator
+// (USER:PASSWORD; never digest:USER:HASH) on the command line with one 'x',
+// closing the gap, so that the process list shows neither the password nor
+// its length once the tool has read it (argv is left pointing at the
+// arguments where they now lie), and
 // returns the options that had one. The caller warns: the password was
 // visible until then, and stays in the shell's history.
 std::vector<String> HidePasswordArguments(int argc, char** argv);

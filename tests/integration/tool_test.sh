@@ -123,8 +123,8 @@ fails 1 "ferrow: permission denied: admin on /srv2/guarded (its access list does
 pids+=("$hidden")
 check "--auth warns" "$(line "$dir/hidden" 1)" \
   "ferrow: warning: --auth showed the password in the process list; use --auth-file or FERROW_AUTH"
-check "--auth hidden" "$(tr '\0' ' ' <"/proc/$hidden/cmdline")" \
-  "$ferrow --zk $zk --auth alice:xxxx register guarded --host b --port 2 "
+check "--auth hidden, its length too" "$(tr '\0' ' ' <"/proc/$hidden/cmdline")" \
+  "$ferrow --zk $zk --auth alice:x register guarded --host b --port 2    "
 check "watch goes on past what it cannot read" "$(line "$dir/guarded" 3 | cut -d' ' -f1,3)" "added b:2"
 kill -TERM "$guarded"  # first: the registration's end would change the list again
 exited "$guarded"; check "watch ends on SIGTERM" $? 0
