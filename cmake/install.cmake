@@ -39,6 +39,16 @@ if(TARGET ferrow_cli)
     DESTINATION ${CMAKE_INSTALL_DATADIR}/ferrow COMPONENT tool)
 endif()
 
+# The licence, as Debian keeps it: /usr/share/doc/<package>/copyright in
+# each package, pointing to the full text in /usr/share/common-licenses.
+configure_file(${CMAKE_CURRENT_LIST_DIR}/copyright.in ${PROJECT_BINARY_DIR}/copyright COPYONLY)
+foreach(component_package "runtime;libferrow${FERROW_SOVERSION}" "development;libferrow-dev" "tool;ferrow")
+  list(GET component_package 0 component)
+  list(GET component_package 1 package)
+  install(FILES ${PROJECT_BINARY_DIR}/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package}
+    COMPONENT ${component})
+endforeach()
+
 install(DIRECTORY
     ${PROJECT_SOURCE_DIR}/logger/include/logger
     ${PROJECT_SOURCE_DIR}/utility/include/utility
