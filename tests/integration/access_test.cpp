@@ -90,6 +90,15 @@ TEST_F(AccessTest, ProtectedServiceRefusesStrangersAndKeepsEachRecordToItsPublis
     ASSERT_TRUE(PollUntil([&] { return a->Exists(path, nullptr) == ZOK; }, kPatience));
     EXPECT_EQ(AclOf(*a, path), own);
 
+    // Protected again with its publishers live: their nodes, whose hashes
+    // the operator cannot read, are theirs; only the hidden one is named.
+    try {
+        ProtectService(*op, "guarded", "op:secret", {DigestIdentity("alice:pw-a"), DigestIdentity("bob:pw-b")});
+        ADD_FAILURE() << "the hidden node went unnamed";
+    } catch (const OpenInstances& e) {
+        EXPECT_EQ(e.Ids(), std::vector<String>{boost::uuids::to_string(rogue)});
+    }
+
     testing::InstanceMap truth{{published.Id(), changed}, {other.Id(), MakeRecord(3)}};
     EXPECT_TRUE(PollUntil(
         [&] {
@@ -134,6 +143,7 @@ TEST_F(AccessTest, UnsafeInstancesAreNamedOrRemovedAndAProtectedRootKeepsService
     const String byAddress = plant(*anonymous, {{"world", "anyone", ZOO_PERM_READ}, {"ip", "127.0.0.1", ZOO_PERM_ALL}},
                                    ZOO_EPHEMERAL);
     const String pinned = plant(*mallory, {{"world", "anyone", ZOO_PERM_READ}, {"auth", "", ZOO_PERM_ALL}}, 0);
+    const String readOnly = plant(*anonymous, {{"world", "anyone", ZOO_PERM_READ}}, ZOO_EPHEMERAL);
     ASSERT_EQ(mallory->Create(InstancePath("legacy", boost::uuids::string_generator()(pinned)) + "/pin", "",
                               {{"auth", "", ZOO_PERM_ALL}}, 0), ZOK);
     std::atomic<bool> stop{false};
@@ -154,7 +164,7 @@ TEST_F(AccessTest, UnsafeInstancesAreNamedOrRemovedAndAProtectedRootKeepsService
     std::vector<String> children;
     ASSERT_EQ(op->GetChildren(ServicePath("legacy"), children), ZOK);
     EXPECT_EQ(named, std::set<String>(children.begin(), children.end())) << "every one of them, flood included";
-    EXPECT_TRUE(named.count(own) && named.count(byAddress) && named.count(pinned));
+    EXPECT_TRUE(named.count(own) && named.count(byAddress) && named.count(pinned) && named.count(readOnly));
     EXPECT_EQ(anonymous->Create(InstancePath("legacy", boost::uuids::random_generator()()), bytes,
                                 ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL), ZNOAUTH) << "protected all the same";
     try {
