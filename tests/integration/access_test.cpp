@@ -279,6 +279,42 @@ TEST_F(AccessTest, AFreshRootIsNeverOpenNorEmptied) {
     }
 }
 
+// A stranger that keeps deleting the empty root and creating it open while
+// protect-root runs never leaves it open behind a marker: when protect-root
+// returns, the root and its marker are the operator's.
+TEST_F(AccessTest, ProtectRootWinsARaceForAnEmptyRoot) {
+    for (int round = 0; round < 40; ++round) {
+        const String fresh = "/race-" + std::to_string(round);
+        ASSERT_EQ(op->Create(fresh, String(), ZOO_OPEN_ACL_UNSAFE, 0), ZOK);
+        const auto in = [&](const String& credentials) {
+            auto conn = ZooKeeperConnection::Open({s_server->ConnectString() + fresh, std::chrono::seconds(30), credentials});
+            EXPECT_TRUE(conn->WaitConnected(kPatience));
+            return conn;
+        };
+        const auto opHere = in("op:secret"), stranger = in("");
+        std::atomic<bool> stop{false};
+        std::thread churn([&] {
+            while (!stop) {
+                stranger->Delete("/srv2", -1);
+                stranger->Create("/srv2", String(), ZOO_OPEN_ACL_UNSAFE, 0);
+            }
+        });
+        bool protectedRoot = true;
+        try {
+            ProtectRoot(*opHere, "op:secret", {});
+        } catch (const std::runtime_error&) {
+            protectedRoot = false;  // gave up, saying so: allowed, never silently open
+        }
+        stop = true;
+        churn.join();
+        if (!protectedRoot) continue;
+        EXPECT_EQ(AclOf(*opHere, "/srv2"), (std::vector<AclEntry>{{"world", "anyone", ZOO_PERM_READ},
+                                                                 {"digest", DigestIdentity("op:secret"), ZOO_PERM_ALL}}))
+            << round;
+        EXPECT_EQ(stranger->Delete(String("/srv2/") + kRootMarker, -1), ZNOAUTH) << round;
+    }
+}
+
 // A persistent node planted among the instances is left out by a reader
 // told to leave such nodes out, and followed by any other.
 TEST_F(AccessTest, APlantedPersistentInstanceCanBeLeftOut) {

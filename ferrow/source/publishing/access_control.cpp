@@ -100,32 +100,53 @@ void Check(int rc, const String& path, const char* permission) {
     if (rc != ZOK) throw ZooError(rc);
 }
 
-// Creates `path` with `acl` from the start, or sets `acl` on it when it
-// exists: a node is never open for a moment on its way to a list.
-void CreateOrRestrict(const ZooKeeperConnection& conn, const String& path, const std::vector<AclEntry>& acl) {
-    const int created = conn.Create(path, String(), acl, 0);
-    if (created != ZNODEEXISTS) return Check(created, path.substr(0, path.rfind('/')), "create");
-    Check(conn.SetAcl(path, acl), path, "admin");
+
+// Deletes the node at `path` and everything under it, deepest first, as
+// far as the lists allow: false when one refuses.
+bool DeleteTree(const ZooKeeperConnection& conn, const String& path, int depth = 0) {
+    std::vector<String> children;
+    if (depth < 64 && conn.GetChildren(path, children) == ZOK) {
+        for (const String& child : children) {
+            if (!DeleteTree(conn, path + "/" + child, depth + 1)) return false;
+        }
+    }
+    const int rc = conn.Delete(path, -1);
+    return rc == ZOK || rc == ZNONODE;
 }
 
-// The root's marker: a child of /srv2 that only the operator may delete,
-// so that the root is never empty and so never deleted.
-void KeepRoot(const ZooKeeperConnection& conn, const String& operatorIdentity) {
+// Gives /srv2 `acl` and its marker (kRootMarker), a child only the
+// operator may delete, so that the root is never empty and so never
+// deleted (ZooKeeper checks a deletion on /, which anyone may change). Until
+// the marker is in, a stranger may delete the empty root and create it
+// anew, open, at any moment: the two are checked together at the end and
+// set again until they hold. With `onlyWhenMissing`, a root that exists
+// (made by someone else meanwhile) is left as it is.
+void SecureRoot(const ZooKeeperConnection& conn, const String& operatorIdentity, const std::vector<AclEntry>& acl,
+                bool onlyWhenMissing) {
     const String marker = "/srv2/" + String(kRootMarker);
-    const int rc = conn.Create(marker, String(), {{"world", "anyone", ZOO_PERM_READ}, {"digest", operatorIdentity, ZOO_PERM_ALL}}, 0);
-    if (rc != ZNODEEXISTS) Check(rc, "/srv2", "create");
-}
-
-// Creates a missing /srv2 as the operator: anyone may add services, as
-// under an open root, but only the operator may delete them or change its
-// list, and its marker keeps it from being emptied.
-void EnsureRootAsOperator(const ZooKeeperConnection& conn, const String& operatorIdentity) {
-    if (conn.Exists("/srv2", nullptr) == ZOK) return;
-    const int rc = conn.Create("/srv2", String(),
-                               {{"world", "anyone", ZOO_PERM_READ | ZOO_PERM_CREATE}, {"digest", operatorIdentity, ZOO_PERM_ALL}}, 0);
-    if (rc == ZNODEEXISTS) return;
-    Check(rc, "/", "create");
-    KeepRoot(conn, operatorIdentity);
+    const std::vector<AclEntry> markerAcl{{"world", "anyone", ZOO_PERM_READ}, {"digest", operatorIdentity, ZOO_PERM_ALL}};
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        int rc = onlyWhenMissing && attempt == 0 ? ZNONODE : conn.SetAcl("/srv2", acl);
+        if (rc == ZNONODE) {
+            rc = conn.Create("/srv2", String(), acl, 0);
+            if (rc == ZNODEEXISTS && onlyWhenMissing) return;
+            if (rc == ZNODEEXISTS) continue;
+            Check(rc, "/", "create");
+        } else {
+            Check(rc, "/srv2", "admin");
+        }
+        rc = conn.Create(marker, String(), markerAcl, 0);
+        if (rc == ZNONODE) continue;  // the root went meanwhile
+        if (rc != ZNODEEXISTS) Check(rc, "/srv2", "create");
+        std::vector<AclEntry> held;
+        if (conn.GetAcl(marker, held) == ZOK && held != markerAcl) {
+            // Squatted while the root was open: replaced.
+            DeleteTree(conn, marker);
+            continue;
+        }
+        if (conn.GetAcl("/srv2", held) == ZOK && held == acl && conn.Exists(marker, nullptr) == ZOK) return;
+    }
+    throw std::runtime_error("/srv2 kept being deleted and created anew by another client; run protect-root again");
 }
 
 // Why the instance at `path` is not safe under a service protected for
@@ -163,18 +184,6 @@ String Unsafe(const ZooKeeperConnection& conn, const String& path, const std::ve
     return String();
 }
 
-// Deletes the node at `path` and everything under it, deepest first, as
-// far as the lists allow: false when one refuses.
-bool DeleteTree(const ZooKeeperConnection& conn, const String& path, int depth = 0) {
-    std::vector<String> children;
-    if (depth < 64 && conn.GetChildren(path, children) == ZOK) {
-        for (const String& child : children) {
-            if (!DeleteTree(conn, path + "/" + child, depth + 1)) return false;
-        }
-    }
-    const int rc = conn.Delete(path, -1);
-    return rc == ZOK || rc == ZNONODE;
-}
 
 // Makes the unsafe instance at `path` safe, as the operator with
 // `operatorIdentity`: an ephemeral one is locked (READ for everyone,
@@ -202,7 +211,14 @@ void ProtectService(const ZooKeeperConnection& conn, const String& service, cons
     const std::vector<AclEntry> acl = ProtectedServiceAcl(operatorIdentity, publishers);
     int rc = conn.SetAcl(path, acl);
     if (rc == ZNONODE) {
-        EnsureRootAsOperator(conn, operatorIdentity);
+        // Missing: made as the operator's, where anyone may add services,
+        // as under an open root, but only the operator may delete them or
+        // change its list.
+        if (conn.Exists("/srv2", nullptr) == ZNONODE) {
+            SecureRoot(conn, operatorIdentity,
+                       {{"world", "anyone", ZOO_PERM_READ | ZOO_PERM_CREATE}, {"digest", operatorIdentity, ZOO_PERM_ALL}},
+                       true);
+        }
         rc = conn.Create(path, String(), acl, 0);
         if (rc == ZNODEEXISTS) {
             rc = conn.SetAcl(path, acl);
@@ -233,8 +249,7 @@ void ProtectRoot(const ZooKeeperConnection& conn, const String& operatorCredenti
     for (const String& creator : creators) {
         if (creator != operatorIdentity) acl.push_back({"digest", creator, ZOO_PERM_CREATE});
     }
-    CreateOrRestrict(conn, "/srv2", acl);
-    KeepRoot(conn, operatorIdentity);
+    SecureRoot(conn, operatorIdentity, acl, false);
     // Services made before the root was protected may be out of the
     // operator's reach: named, as protecting them would fail.
     std::vector<String> services;
