@@ -9,6 +9,8 @@
 // (it leaves the registry when its session expires), 128 + signal when
 // stopped before connecting (register --wait-for-zookeeper: before publishing).
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -145,8 +147,7 @@ int main(int argc, char** argv) {
         CLI::Option* authOption = app.add_option("--auth", common.digestAuth,
                                                  "Digest credentials for every session (shown in the process list: "
                                                  "prefer --auth-file or FERROW_AUTH)")
-                                      ->envname("FERROW_AUTH")
-                                      ->check(kCredentials);
+                                      ->envname("FERROW_AUTH");
         app.add_option("--auth-file", authFile,
                        "A file whose first line (blank and # lines skipped) holds the credentials; it must not be "
                        "readable by others than its owner")
@@ -329,12 +330,17 @@ int main(int argc, char** argv) {
             return app.exit(e) == 0 ? 0 : 2;
         }
         // Named by what gave the credentials: --auth, or FERROW_AUTH.
-        if (!authFile.empty() && authOption->count() > 0) {
+        if (authOption->count() > 0) {
             const bool given = std::any_of(argv + 1, argv + argc, [](const char* arg) {
                 return std::strcmp(arg, "--auth") == 0 || std::strncmp(arg, "--auth=", 7) == 0;
             });
-            throw UsageError(given ? "--auth excludes --auth-file" : "FERROW_AUTH excludes --auth-file: unset it, or "
-                                                                      "drop --auth-file");
+            if (!authFile.empty()) {
+                throw UsageError(given ? "--auth excludes --auth-file"
+                                       : "FERROW_AUTH excludes --auth-file: unset it, or drop --auth-file");
+            }
+            if (const String problem = kCredentials(common.digestAuth); !problem.empty()) {
+                throw UsageError(String(given ? "--auth" : "FERROW_AUTH") + ": " + problem);
+            }
         }
         for (const String& option : HidePasswordArguments(argc, argv)) {
             std::cerr << "ferrow: warning: " << option << " showed the password in the process list; use "
@@ -349,7 +355,10 @@ int main(int argc, char** argv) {
         if (common.digestAuth.empty()) {
             if (const char* directory = std::getenv("CREDENTIALS_DIRECTORY")) {
                 const String loaded = String(directory) + "/ferrow-auth";
-                if (std::ifstream(loaded).good()) common.digestAuth = ReadAuthFile(loaded);
+                struct stat status {};
+                if (::stat(loaded.c_str(), &status) == 0) {
+                    common.digestAuth = ReadAuthFile(loaded, "the unit's credential (LoadCredential=ferrow-auth:...)");
+                }
             }
         }
 

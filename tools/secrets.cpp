@@ -55,8 +55,9 @@ std::vector<std::pair<int, String>> ReadLines(const String& path, const String& 
         }
         if (!file && line.empty()) break;
         ++number;
-        if (number == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0) {
-            throw UsageError(path + ":1: starts with a UTF-8 byte-order mark; save the file without one");
+        if (line.compare(0, 3, "\xEF\xBB\xBF") == 0) {
+            throw UsageError(path + ":" + std::to_string(number) +
+                             ": starts with a UTF-8 byte-order mark; save the file without one");
         }
         if (line.find('\0') != String::npos) throw UsageError(path + ":" + std::to_string(number) + ": holds a NUL byte");
         lines.emplace_back(number, line);
@@ -121,14 +122,15 @@ std::vector<String> ReadPublishersFile(const String& path) {
     return publishers;
 }
 
-String ReadAuthFile(const String& path) {
+String ReadAuthFile(const String& path, const String& what) {
     struct stat status {};
-    if (::stat(path.c_str(), &status) != 0) throw UsageError("--auth-file " + path + ": " + std::strerror(errno));
+    if (::stat(path.c_str(), &status) != 0) throw UsageError(what + " " + path + ": " + std::strerror(errno));
+    if (!S_ISREG(status.st_mode)) throw UsageError(what + " " + path + " is not a file");
     if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-        throw UsageError("--auth-file " + path + " may be read or written by others than its owner (chmod 600 " + path +
+        throw UsageError(what + " " + path + " may be read or written by others than its owner (chmod 600 " + path +
                          ")");
     }
-    for (const auto& [number, line] : ReadLines(path, "--auth-file")) {
+    for (const auto& [number, line] : ReadLines(path, what)) {
         const String credentials = Trimmed(line);
         if (Skipped(credentials)) continue;
         try {
@@ -138,7 +140,7 @@ String ReadAuthFile(const String& path) {
         }
         return credentials;
     }
-    throw UsageError("--auth-file " + path + " holds no credentials");
+    throw UsageError(what + " " + path + " holds no credentials");
 }
 
 std::vector<String> HidePasswordArguments(int argc, char** argv) {
@@ -154,8 +156,13 @@ std::vector<String> HidePasswordArguments(int argc, char** argv) {
         for (const char* option : kOptions) {
             const std::size_t length = std::strlen(option);
             if (std::strcmp(argv[i], option) == 0 && i + 1 < argc) {
-                ++i;
-                hide(option, i, argv[i]);
+                // --auth takes one value; --publisher and --creator every
+                // one up to the next option.
+                const bool many = std::strcmp(option, "--auth") != 0;
+                do {
+                    ++i;
+                    hide(option, i, argv[i]);
+                } while (many && i + 1 < argc && argv[i + 1][0] != '-');
                 break;
             }
             if (std::strncmp(argv[i], option, length) == 0 && argv[i][length] == '=') {

@@ -37,7 +37,9 @@ std::vector<String> ReadPublishersFile(const String& path);
 // The credentials (USER:PASSWORD) in `path`: its first line that is neither
 // blank nor a '#' comment, trimmed. Throws UsageError when the file can be
 // read or written by anyone but its owner, cannot be read, or holds none.
-String ReadAuthFile(const String& path);
+// `what` names where the file was given ("--auth-file", "the unit's
+// credential") in errors.
+String ReadAuthFile(const String& path, const String& what = "--auth-file");
 
 // Replaces the password of every --auth, --publisher and --creator
 // (USER:PASSWORD; never digest:USER:HASH) on the command line with one 'x',

@@ -71,11 +71,22 @@ fails 2 "ferrow: $dir/bad-publishers:2: the HASH of digest:USER:HASH must be 28 
 printf '\357\273\277alice:pw-a\n' >"$dir/bom-publishers"
 printf 'alice:pw-a\nbob:\n' >"$dir/empty-publishers"
 printf 'alice:pw-a\nbob:p\0w\n' >"$dir/nul-publishers"
+printf 'alice:pw-a\n\357\273\277bob:pw-b\n' >"$dir/bom2-publishers"
 for bad in "bom-publishers:1: starts with a UTF-8 byte-order mark" "empty-publishers:2: credentials give an empty password" \
-           "nul-publishers:2: holds a NUL byte"; do
+           "nul-publishers:2: holds a NUL byte" "bom2-publishers:2: starts with a UTF-8 byte-order mark"; do
   fails 2 "ferrow: $dir/$bad" "$ferrow" --zk "$zk" --auth-file "$dir/op" protect guarded --publishers-file "$dir/${bad%%:*}"
 done
 fails 2 "ferrow: FERROW_AUTH excludes --auth-file" env FERROW_AUTH=op:secret "$ferrow" --zk "$zk" --auth-file "$dir/op" acl tool
+fails 2 "ferrow: FERROW_AUTH: credentials give an empty password" env FERROW_AUTH=op: "$ferrow" --zk "$zk" acl tool
+# Every password of an option given several values leaves the process list
+# (here while the tool waits for an unreachable ensemble).
+"$ferrow" --zk "$unreachable" --session-timeout 20000 --auth-file "$dir/op" protect guarded \
+  --publisher alice:pw-a bob:pw-b >/dev/null 2>"$dir/two" & two=$!
+pids+=("$two")
+line "$dir/two" 1 >/dev/null
+check "--publisher hidden, every value" "$(tr '\0' ' ' <"/proc/$two/cmdline")" \
+  "$ferrow --zk $unreachable --session-timeout 20000 --auth-file $dir/op protect guarded --publisher alice:x bob:x       "
+kill "$two"
 fails 2 "ferrow: protect needs the operator's credentials" "$ferrow" --zk "$zk" protect guarded --publisher alice:pw-a
 fails 1 "ferrow: service 'tool' is protected, but these instances are not safe: $taken_id (it grants world:anyone read,write,create,delete,admin); --lock-instances locks or removes them" \
   "$ferrow" --zk "$zk" --auth-file "$dir/op" protect tool --publishers-file "$dir/publishers"
