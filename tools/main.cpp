@@ -327,8 +327,24 @@ int main(int argc, char** argv) {
         try {
             app.parse(argc, argv);
         } catch (const CLI::ParseError& e) {
+            // No command recognised: the first word that is neither an
+            // option nor an option's value is named, not "a subcommand is
+            // required".
+            if (app.get_subcommands().empty() && e.get_name() == "RequiredError") {
+                static const char* const kValued[] = {"--zk", "--session-timeout", "--auth", "--auth-file",
+                                                      "--log-level"};
+                for (int i = 1; i < argc; ++i) {
+                    const String arg = argv[i];
+                    if (arg.empty() || arg[0] != '-') {
+                        std::cerr << "ferrow: unknown command '" << arg << "' (see ferrow --help)" << std::endl;
+                        return 2;
+                    }
+                    i += std::any_of(std::begin(kValued), std::end(kValued), [&](const char* o) { return arg == o; });
+                }
+            }
             return app.exit(e) == 0 ? 0 : 2;
         }
+        if (common.connect.empty()) throw UsageError("--zk: the connect string is empty");
         // Named by what gave the credentials: --auth, or FERROW_AUTH.
         if (authOption->count() > 0) {
             const bool given = std::any_of(argv + 1, argv + argc, [](const char* arg) {
