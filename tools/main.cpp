@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -225,9 +226,21 @@ int main(int argc, char** argv) {
         addService(pickCommand);
         addEphemeralOnly(pickCommand);
         pickCommand
-            ->add_option("--strategy", pick.strategy,
-                         "round-robin (default), random, weighted, sticky, least-request or by-key (with --key)")
-            ->transform(CLI::CheckedTransformer(strategies, CLI::ignore_case))
+            ->add_option_function<String>(
+                "--strategy",
+                [&pick, &strategies](const String& name) {
+                    String lower = name;
+                    std::transform(lower.begin(), lower.end(), lower.begin(),
+                                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+                    const auto it = strategies.find(lower);
+                    if (it == strategies.end()) {
+                        throw CLI::ValidationError("--strategy", "'" + name +
+                                                                     "' is none of round-robin, random, weighted, "
+                                                                     "sticky, least-request and by-key");
+                    }
+                    pick.strategy = it->second;
+                },
+                "round-robin (default), random, weighted, sticky, least-request or by-key (with --key)")
             ->type_name("STRATEGY");
         pickCommand->add_option("--zone", pick.zone, "Prefer instances of this zone");
         pickCommand->add_option("--key", pick.key, "Choose by this key (a user, a shard): implies --strategy by-key");

@@ -56,6 +56,10 @@ fails 1 "ferrow: instance $taken_id of service 'tool' is already registered" \
 fails 2 "'not-a-uuid' is not a UUID" "$ferrow" --zk "$zk" get tool not-a-uuid
 fails 2 "ferrow: unknown command 'bogus' (see ferrow --help)" "$ferrow" --zk "$zk" bogus tool
 fails 2 "ferrow: --zk: the connect string is empty" "$ferrow" --zk '' list tool
+for strategy in fastest 1; do
+  fails 2 "'$strategy' is none of round-robin, random, weighted, sticky, least-request and by-key" \
+    "$ferrow" --zk "$zk" pick tool --strategy "$strategy"
+done
 fails 2 "'novalue' is not KEY=VALUE" "$ferrow" --zk "$zk" register tool --host h --port 1 --meta novalue
 
 # Access control: the operator (credentials in a file of its own) protects a
