@@ -28,8 +28,9 @@ constexpr std::chrono::seconds kPatience{30};
 
 class AccessTest : public testing::ServerSuite {
 protected:
-    std::shared_ptr<ZooKeeperConnection> Session(const String& credentials) {
-        auto conn = ZooKeeperConnection::Open({s_server->ConnectString(), std::chrono::seconds(30), credentials});
+    // A session with `credentials`, under `chroot` (empty: none).
+    std::shared_ptr<ZooKeeperConnection> Session(const String& credentials, const String& chroot = String()) {
+        auto conn = ZooKeeperConnection::Open({s_server->ConnectString() + chroot, std::chrono::seconds(30), credentials});
         EXPECT_TRUE(conn->WaitConnected(kPatience));
         return conn;
     }
@@ -259,12 +260,7 @@ TEST_F(AccessTest, ARegistrationRestoresItsNodeAndNeverAdoptsAnother) {
 TEST_F(AccessTest, AFreshRootIsNeverOpenNorEmptied) {
     for (const char* fresh : {"/fresh-protect", "/fresh-root"}) {
         ASSERT_EQ(op->Create(fresh, String(), ZOO_OPEN_ACL_UNSAFE, 0), ZOK);
-        const auto in = [&](const String& credentials) {
-            auto conn = ZooKeeperConnection::Open({s_server->ConnectString() + fresh, std::chrono::seconds(30), credentials});
-            EXPECT_TRUE(conn->WaitConnected(kPatience));
-            return conn;
-        };
-        const auto opHere = in("op:secret"), stranger = in("");
+        const auto opHere = Session("op:secret", fresh), stranger = Session("", fresh);
         if (String(fresh) == "/fresh-protect") {
             ProtectService(*opHere, "payments", "op:secret", {DigestIdentity("alice:pw-a")});
             EXPECT_EQ(AclOf(*opHere, "/srv2"),
@@ -286,12 +282,7 @@ TEST_F(AccessTest, ProtectRootWinsARaceForAnEmptyRoot) {
     for (int round = 0; round < 40; ++round) {
         const String fresh = "/race-" + std::to_string(round);
         ASSERT_EQ(op->Create(fresh, String(), ZOO_OPEN_ACL_UNSAFE, 0), ZOK);
-        const auto in = [&](const String& credentials) {
-            auto conn = ZooKeeperConnection::Open({s_server->ConnectString() + fresh, std::chrono::seconds(30), credentials});
-            EXPECT_TRUE(conn->WaitConnected(kPatience));
-            return conn;
-        };
-        const auto opHere = in("op:secret"), stranger = in("");
+        const auto opHere = Session("op:secret", fresh), stranger = Session("", fresh);
         std::atomic<bool> stop{false};
         std::thread churn([&] {
             while (!stop) {

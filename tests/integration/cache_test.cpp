@@ -64,6 +64,13 @@ const Figures& Of(const std::vector<Figures>& all, const String& service) {
     return *it;
 }
 
+// The ids of `instances`, in their order.
+std::vector<ServiceId> IdsOf(const InstanceMap& instances) {
+    std::vector<ServiceId> ids;
+    for (const auto& entry : instances) ids.push_back(entry.first);
+    return ids;
+}
+
 InstanceMap Contents(const InstanceSnapshot& snapshot) {
     InstanceMap contents;
     for (const InstancePtr& instance : snapshot) contents.emplace(instance->Id(), instance->Record());
@@ -609,10 +616,8 @@ TEST_F(CacheTest, KeysKeepTheirInstanceAndOnlyTheirShareMoves) {
 // more than the allowed share of the current instances is out, whatever
 // fails or leaves.
 TEST_F(CacheTest, EjectionFollowsOutcomesAndNeverTakesMoreThanItsShare) {
-    const InstanceMap truth = Preload(4);
+    const std::vector<ServiceId> ids = IdsOf(Preload(4));
     const auto cache = StartCache();
-    std::vector<ServiceId> ids;
-    for (const auto& entry : truth) ids.push_back(entry.first);
     ProviderOptions options;
     options.down.minimumCalls = 10;
     options.down.downTime = std::chrono::seconds(2);
@@ -682,10 +687,8 @@ TEST_F(CacheTest, EjectionFollowsOutcomesAndNeverTakesMoreThanItsShare) {
 // panic chooses as if none were down while fewer than half are up, and ends
 // when they come back.
 TEST_F(CacheTest, AServiceWideSpikeEjectsNobodyAndAPanicEndsWithItsCause) {
-    const InstanceMap truth = Preload(10);
+    const std::vector<ServiceId> ids = IdsOf(Preload(10));
     const auto cache = StartCache();
-    std::vector<ServiceId> ids;
-    for (const auto& entry : truth) ids.push_back(entry.first);
     {
         ProviderOptions options;
         options.down.maxEjectedShare = 1.0;

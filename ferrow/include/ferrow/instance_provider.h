@@ -327,6 +327,13 @@ private:
     // Requires m_healthMtx held. Ejects `health` at `now` unless the share
     // of ejected instances forbids it.
     void Eject(Health& health, std::int64_t now);
+    // Requires m_healthMtx held. The down instances the latest view counts,
+    // those whose time ends first first; how many it counts; how many may
+    // be down at once; whether `down` of `pool` down is a panic.
+    std::vector<Health*> DownInView(std::int64_t now) const;
+    std::size_t PoolSize() const;
+    std::size_t Allowed(std::size_t pool) const;
+    bool Panics(std::size_t down, std::size_t pool) const;
     // Requires m_healthMtx held. Brings the view's down instances within
     // the cap and sets the panic state, as of `now`.
     void Judge(std::int64_t now);

@@ -779,32 +779,50 @@ bool InstanceProvider::Outlier(const Health& health, std::int64_t now, bool byRa
     return share - others >= m_options.down.failureRate;
 }
 
+std::vector<InstanceProvider::Health*> InstanceProvider::DownInView(std::int64_t now) const {
+    std::vector<Health*> down;
+    if (!m_view) return down;
+    const auto [begin, end] = Pool(*m_view);
+    for (std::size_t index = begin; index < end; ++index) {
+        Health* health = m_view->entries[index].health.get();
+        if (health->downUntil.load(std::memory_order_relaxed) > now) down.push_back(health);
+    }
+    std::sort(down.begin(), down.end(), [](const Health* x, const Health* y) {
+        return x->downUntil.load(std::memory_order_relaxed) < y->downUntil.load(std::memory_order_relaxed);
+    });
+    return down;
+}
+
+std::size_t InstanceProvider::PoolSize() const {
+    if (!m_view) return 0;
+    const auto [begin, end] = Pool(*m_view);
+    return end - begin;
+}
+
+bool InstanceProvider::Panics(std::size_t down, std::size_t pool) const {
+    return down > 0 && static_cast<double>(pool - down) < m_options.down.panicThreshold * static_cast<double>(pool);
+}
+
 void InstanceProvider::Eject(Health& health, std::int64_t now) {
     const DownInstancePolicy& policy = m_options.down;
-    const auto [begin, end] = Pool(*m_view);
-    std::size_t down = 0;
-    std::int64_t earliest = std::numeric_limits<std::int64_t>::max();
-    for (std::size_t index = begin; index < end; ++index) {
-        const std::int64_t until = m_view->entries[index].health->downUntil.load(std::memory_order_relaxed);
-        if (until <= now) continue;
-        ++down;
-        earliest = std::min(earliest, until);
-    }
-    const auto pool = static_cast<double>(end - begin);
+    const std::vector<Health*> down = DownInView(now);
+    const std::size_t pool = PoolSize();
     // Counted afresh either way: a refused instance is judged again on its
     // next failures, not on every one of them.
     health.row = 0;
     health.calls = 0;
     health.failed = 0;
-    if (static_cast<double>(down + 1) > policy.maxEjectedShare * pool + 1e-9) return;
+    if (down.size() + 1 > Allowed(pool)) return;
     const int doublings = Doublings(health, now, policy);
     const std::int64_t longest = Nanos(policy.maxDownTime);
     const std::int64_t time = std::max<std::int64_t>(std::min(longest, Nanos(policy.downTime) << std::min(doublings, 20)), 1);
     health.ejections = doublings + 1;
     // A panic this ejection starts is declared before the instance is down,
     // so that no choice finds every instance down without it.
-    if (static_cast<double>(end - begin - down - 1) < policy.panicThreshold * pool) {
-        m_panicUntil.store(std::min(earliest, now + time), std::memory_order_relaxed);
+    if (Panics(down.size() + 1, pool)) {
+        const std::int64_t until = now + time;
+        m_panicUntil.store(down.empty() ? until : std::min(down.front()->downUntil.load(std::memory_order_relaxed), until),
+                           std::memory_order_relaxed);
         m_panic.store(true, std::memory_order_release);
     }
     health.downUntil.store(now + time, std::memory_order_release);
@@ -812,26 +830,19 @@ void InstanceProvider::Eject(Health& health, std::int64_t now) {
     Judge(now);
 }
 
+std::size_t InstanceProvider::Allowed(std::size_t pool) const {
+    return static_cast<std::size_t>(m_options.down.maxEjectedShare * static_cast<double>(pool) + 1e-9);
+}
+
 void InstanceProvider::Judge(std::int64_t now) {
-    const DownInstancePolicy& policy = m_options.down;
     if (!m_view) return;
-    const auto [begin, end] = Pool(*m_view);
-    std::vector<Health*> down;
-    for (std::size_t index = begin; index < end; ++index) {
-        Health* health = m_view->entries[index].health.get();
-        if (health->downUntil.load(std::memory_order_relaxed) > now) down.push_back(health);
-    }
-    const auto pool = static_cast<double>(end - begin);
-    const auto allowed = static_cast<std::size_t>(policy.maxEjectedShare * pool + 1e-9);
-    std::sort(down.begin(), down.end(), [](const Health* x, const Health* y) {
-        return x->downUntil.load(std::memory_order_relaxed) < y->downUntil.load(std::memory_order_relaxed);
-    });
+    const std::vector<Health*> down = DownInView(now);
+    const std::size_t pool = PoolSize();
     // Over the cap (instances that were up left, say): those whose time ends
     // first come back now; their next ejection still doubles.
     std::size_t back = 0;
-    for (; down.size() - back > allowed; ++back) down[back]->downUntil.store(now, std::memory_order_relaxed);
-    const std::size_t stillDown = down.size() - back;
-    const bool panic = stillDown > 0 && static_cast<double>(end - begin - stillDown) < policy.panicThreshold * pool;
+    for (; down.size() - back > Allowed(pool); ++back) down[back]->downUntil.store(now, std::memory_order_relaxed);
+    const bool panic = Panics(down.size() - back, pool);
     m_panicUntil.store(panic ? down[back]->downUntil.load(std::memory_order_relaxed)
                              : std::numeric_limits<std::int64_t>::max(),
                        std::memory_order_relaxed);
@@ -839,16 +850,9 @@ void InstanceProvider::Judge(std::int64_t now) {
 }
 
 bool InstanceProvider::Panicking() const {
-    const DownInstancePolicy& policy = m_options.down;
     const std::int64_t now = NowNs();
     std::lock_guard<std::mutex> lock(m_healthMtx);
-    if (!m_view) return false;
-    const auto [begin, end] = Pool(*m_view);
-    std::size_t down = 0;
-    for (std::size_t index = begin; index < end; ++index) {
-        down += m_view->entries[index].health->downUntil.load(std::memory_order_relaxed) > now ? 1 : 0;
-    }
-    return down > 0 && static_cast<double>(end - begin - down) < policy.panicThreshold * static_cast<double>(end - begin);
+    return Panics(DownInView(now).size(), PoolSize());
 }
 
 void InstanceProvider::Collect(Metrics& metrics) const {

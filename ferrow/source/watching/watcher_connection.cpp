@@ -48,7 +48,9 @@ void WatcherConnection::UnregisterRaw(const ConnectionObserver* observer) {
 
 std::pair<int, Connection::WatchHandle> WatcherConnection::AsyncGet(String path, WatchFunction watch,
                                                                     DataResult result) const {
-    if (!result) return m_conn->AsyncGet(std::move(path), std::move(watch), std::move(result));
+    if (!result || !m_notePersistent.load(std::memory_order_relaxed)) {
+        return m_conn->AsyncGet(std::move(path), std::move(watch), std::move(result));
+    }
     DataResult noting = [persistent = m_persistent, path, result = std::move(result)](int rc, String data,
                                                                                       const Stat* stat) {
         {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -45,10 +46,14 @@ public:
                                                  ChildrenResult result) const override {
         return m_conn->AsyncGetChildren(std::move(path), std::move(watch), std::move(result));
     }
-    // Notes, from each answer, whether the node read is persistent, before
-    // the caller hears of it (IsPersistent).
+    // Once NotePersistent is on, notes from each answer whether the node
+    // read is persistent, before the caller hears of it (IsPersistent);
+    // otherwise forwards the read as it is.
     std::pair<int, WatchHandle> AsyncGet(String path, WatchFunction watch, DataResult result) const override;
 
+    // Whether data reads are to be noted; before the watcher starts, so
+    // that reads are noted from the first.
+    void NotePersistent(bool note) { m_notePersistent.store(note, std::memory_order_relaxed); }
     // Whether the latest answer of a data read of `path` found a node that
     // is not ephemeral (its Stat's ephemeralOwner 0). The watcher's cores
     // ignore a read's Stat; the facade learns a node's owner here.
@@ -78,6 +83,7 @@ private:
         std::unordered_set<String> paths;
     };
     const std::shared_ptr<Persistent> m_persistent = std::make_shared<Persistent>();
+    std::atomic<bool> m_notePersistent{false};
 };
 
 }  // namespace details

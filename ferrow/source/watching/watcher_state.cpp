@@ -220,6 +220,13 @@ WatcherState::Figures WatcherState::Collect() const {
     return figures;
 }
 
+void WatcherState::IgnorePersistent(bool ignore) {
+    // The connection notes each read's owner only when asked: the read of
+    // every instance pays nothing otherwise.
+    m_sessions->NotePersistent(ignore);
+    m_ignorePersistent.store(ignore, std::memory_order_relaxed);
+}
+
 void WatcherState::Report(std::uint64_t generation, const ServiceId& id, const ServiceInstanceData* record) {
     const CallbackGate::Pass pass = m_gate.Enter();
     if (!pass) return;

@@ -100,7 +100,7 @@ public:
     // then the owner's; AddServiceListener returns a key for removal.
     void SetServiceListener(std::function<void(bool exists)> listener);
     // Whether instance nodes that are not ephemeral are left out of the view.
-    void IgnorePersistent(bool ignore) { m_ignorePersistent.store(ignore, std::memory_order_relaxed); }
+    void IgnorePersistent(bool ignore);
     std::uint64_t AddServiceListener(std::function<void(bool exists)> listener);
     void RemoveServiceListener(std::uint64_t key);
 
